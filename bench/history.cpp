@@ -1,0 +1,40 @@
+// history.cpp: restarts the history between groups and checks its rings.
+#include "bench/history.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <string>
+#include <thread>
+
+#include "bench/floor.h"
+
+namespace {
+
+// Locks are cheaper in a process that never had a second thread. A server has had one.
+const bool had_second_thread [[maybe_unused]] = (std::thread([] {}).join(), true);
+
+}  // namespace
+
+void restart_history(const char* options)
+{
+    ut_hist_fini();
+    const std::string value = "x,s-,r-,l=/dev/null,n" + std::to_string(ring_size) + "," + options;
+    setenv("UT_HIST", value.c_str(), 1);
+    setenv("UT_HIST_THREAD_SLOT", "dense", 1);
+    ut_hist_init();
+}
+
+void expect_recorded(benchmark::State& state)
+{
+    char* text = nullptr;
+    size_t size = 0;
+    FILE* stream = open_memstream(&text, &size);
+    ut_hist_dump_to_file(stream);
+    fclose(stream);
+    const auto rows = std::count(text, text + size, '\n');
+    free(text);
+    if (rows < std::min<int64_t>(state.iterations(), ring_size - 1))
+        state.SkipWithError("the history did not record");
+}

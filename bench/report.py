@@ -1,0 +1,232 @@
+#!/usr/bin/env python3
+"""Runs the benchmarks and prints one table of ratios with their goals.
+
+    report.py BUILD_DIR        BUILD_DIR holds bench/bench_corvex and, when built, examples/demo_server
+
+Only ratios within one run carry over to another machine, so both sides of each come from one process that interleaves
+their repetitions. Each side is its fastest repetition, which other load on the machine disturbs least; of percentiles,
+load times and two threads (which are fastest when they happen not to meet) it is the median. The same table goes as
+markdown to BUILD_DIR/table.md.
+"""
+import datetime
+import json
+import os
+import pathlib
+import re
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+
+REPETITIONS = 15
+MIN_SECONDS = 0.03  # per repetition
+LOAD_ROUNDS = 9
+LOADS_PER_RUN = 3
+
+AT_MOST, AT_LEAST = "at most", "at least"
+
+# Measured, compared with, name of the one, name of the other, goal: a row each. A name may end in "#counter".
+ROWS = [
+    ("event, shared queue, copy mode", "floor", "event/shared/copy/history", "event/shared/copy/floor", (AT_MOST, 1.0)),
+    ("event, shared queue, copy mode", "LTTng", "event/shared/copy/history", "event/lttng", (AT_MOST, 0.33)),
+    ("its floor", "LTTng", "event/shared/copy/floor", "event/lttng", None),
+    ("event, shared queue, copy mode", "spdlog backtrace", "event/shared/copy/history", "event/spdlog", None),
+    ("event, shared queue, copy mode", "snprintf ring", "event/shared/copy/history", "event/snprintf", None),
+    ("event, shared queue, copy mode, with statistics", "floor without them", "event/shared/stats/history",
+     "event/shared/copy/floor", None),
+    ("event, shared queue, pointer mode", "floor", "event/shared/pointer/history", "event/shared/pointer/floor", None),
+    ("event, own queue, copy mode", "floor", "event/own/copy/history", "event/own/copy/floor", None),
+    ("event, own queue, pointer mode", "floor", "event/own/pointer/history", "event/own/pointer/floor",
+     (AT_MOST, 1.1)),
+    ("event, own queue, pointer mode", "LTTng", "event/own/pointer/history", "event/lttng", (AT_MOST, 0.22)),
+    ("its floor", "LTTng", "event/own/pointer/floor", "event/lttng", None),
+    ("clock alone", "event, own queue, pointer mode", "event/clock", "event/own/pointer/history", None),
+    ("two threads, own queues, wall time per event", "floor", "event/two/own/history", "event/two/own/floor", None),
+    ("two threads, shared queue, wall time per event", "floor", "event/two/shared/history", "event/two/shared/floor",
+     None),
+    ("events off, a call site", "branch on a flag", "off/history", "off/branch", (AT_MOST, 1.1)),
+    ("branch on a flag (a sixteenth of the loop body)", "empty loop", "off/branch", "off/loop", None),
+    ("one event, warm, median", "floor", "latency/warm#history_p50", "latency/warm#floor_p50", None),
+    ("one event, warm, 99.9 %", "floor", "latency/warm#history_p999", "latency/warm#floor_p999", None),
+    ("one event, cold, median", "floor", "latency/cold#history_p50", "latency/cold#floor_p50", None),
+    ("one event, cold, 99.9 %", "floor", "latency/cold#history_p999", "latency/cold#floor_p999", None),
+    ("timer's own cost, subtracted above", "one event, warm", "latency/warm#timer", "latency/warm#history_p50", None),
+    ("safe mutex, lock and unlock", "pthread", "mutex/safe", "mutex/pthread", (AT_MOST, 1.1)),
+    ("dump, a row", "digits by hand", "dump/history", "dump/digits", (AT_MOST, 1.5)),
+    ("fprintf, a row", "dump, a row", "dump/fprintf", "dump/history", (AT_LEAST, 3.0)),
+]
+
+# Name, UT_HIST (none: off), further arguments of the demo. Each is compared with the history off.
+LOADS = [
+    ("history off", None, []),
+    ("no trace hook at all", None, ["--no-trace"]),
+    ("history on", "n2000,q8,k-,l=/dev/null,r-", []),
+    ("history on with statistics", "n2000,q8,k,l=/dev/null,r-", []),
+]
+
+
+class LttngSession:
+    """A flight-recorder session for the benchmark's tracepoint: a snapshot session with the settings it comes with.
+    Starts a session daemon when none runs, and ends it and everything else afterwards."""
+
+    def __init__(self):
+        self.home = tempfile.mkdtemp(prefix="bench-lttng-")
+        self.trace = os.path.join(self.home, "trace")
+        self.env = dict(os.environ, LTTNG_HOME=self.home)
+        self.pid_file = os.path.join(self.home, "sessiond.pid")
+        self.name = f"bench-{os.getpid()}"
+        self.recorded = None
+
+    def lttng(self, *arguments):
+        subprocess.run(["lttng", "--no-sessiond", *arguments], env=self.env, check=True, stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL, timeout=30)
+
+    def __enter__(self):
+        try:
+            subprocess.run(["lttng-sessiond", "--daemonize", "--no-kernel", "--pidfile", self.pid_file], env=self.env,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=30)
+            self.lttng("create", self.name, "--snapshot", f"--output={self.trace}")
+            self.lttng("enable-event", "-u", "corvex_bench:event")
+            self.lttng("start")
+        except (OSError, subprocess.SubprocessError) as error:
+            print(f"no LTTng session, its rows are left out: {error}", file=sys.stderr)
+        return self
+
+    def count_recorded(self):
+        """Takes the snapshot and counts the events in it: the proof that the session recorded."""
+        try:
+            self.lttng("snapshot", "record")
+            text = subprocess.run(["babeltrace2", self.trace], check=True, stdout=subprocess.PIPE,
+                                  stderr=subprocess.DEVNULL, timeout=60).stdout
+            self.recorded = text.count(b"corvex_bench:event")
+        except (OSError, subprocess.SubprocessError) as error:
+            print(f"no LTTng snapshot: {error}", file=sys.stderr)
+            self.recorded = 0
+
+    def __exit__(self, *_):
+        try:
+            self.lttng("destroy", self.name)
+        except (OSError, subprocess.SubprocessError):
+            pass
+        try:
+            os.kill(int(pathlib.Path(self.pid_file).read_text()), signal.SIGTERM)
+        except (OSError, ValueError):
+            pass
+        shutil.rmtree(self.home, ignore_errors=True)
+
+
+def clean_environment():
+    return {name: value for name, value in os.environ.items() if not name.startswith("UT_HIST")}
+
+
+def run_benchmarks(program, env):
+    """Name -> value of one repetition each, in ns."""
+    command = [program, "--benchmark_format=json", f"--benchmark_min_time={MIN_SECONDS}",
+               f"--benchmark_repetitions={REPETITIONS}", "--benchmark_enable_random_interleaving=true"]
+    output = subprocess.run(command, env=env, check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
+    values = {}
+    for run in json.loads(output)["benchmarks"]:
+        if run["run_type"] != "iteration" or run.get("error_occurred"):
+            continue
+        name = re.split("/(?:iterations|min_time|repeats|real_time)", run["run_name"])[0]
+        # Time that a neighbour on the machine took away does not count, but threads can only be timed by the wall.
+        values.setdefault(name, []).append(run["real_time" if run["threads"] > 1 else "cpu_time"])
+        for counter in ("timer", "history_p50", "history_p999", "floor_p50", "floor_p999"):
+            if counter in run:
+                values.setdefault(f"{name}#{counter}", []).append(run[counter])
+    return values
+
+
+def best(values, name):
+    return statistics.median(values[name]) if "#" in name or "/two/" in name else min(values[name])
+
+
+def holds(ratio, goal):
+    if goal is None:
+        return "", ""
+    kind, bound = goal
+    # Judged as it is printed.
+    kept = round(ratio, 2) <= bound if kind == AT_MOST else round(ratio, 2) >= bound
+    return f"{kind} {bound:.2f}", "yes" if kept else "NO"
+
+
+def ratio_rows(values):
+    for what, peer, one, other, goal in ROWS:
+        if one in values and other in values:
+            ratio = best(values, one) / max(best(values, other), 1e-9)
+            yield (what, peer, f"{ratio:.2f}", *holds(ratio, goal))
+
+
+def scaling_row(values):
+    """Events per second of two threads on own queues over those of one, the history's over the floor's."""
+    def scaling(side):
+        return statistics.median(values[f"event/own/pointer/{side}"]) / best(values, f"event/two/own/{side}")
+    ours, floor = scaling("history"), scaling("floor")
+    return (f"two threads on own queues over one: {ours:.2f} times the events", f"floor: {floor:.2f} times",
+            f"{ours / floor:.2f}", *holds(ours / floor, (AT_LEAST, 0.95)))
+
+
+def load_seconds(program, directory, options, arguments):
+    env = clean_environment()
+    if options is not None:
+        env.update(UT_HIST=options, UT_HIST_THREAD_SLOT="dense")
+    command = [program, f"--load-only={LOADS_PER_RUN}", "--dir", directory, *arguments]
+    output = subprocess.run(command, env=env, check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+                            timeout=60).stdout
+    return float(output.split()[0])
+
+
+def load_rows(program):
+    seconds = {name: [] for name, *_ in LOADS}
+    memory = "/dev/shm" if os.path.isdir("/dev/shm") else None  # the disk's moods are not measured
+    with tempfile.TemporaryDirectory(prefix="bench-load-", dir=memory) as directory:
+        for _ in range(LOAD_ROUNDS):
+            for name, options, arguments in LOADS:
+                seconds[name].append(load_seconds(program, directory, options, arguments))
+    medians = {name: statistics.median(of) for name, of in seconds.items()}
+    for name, *_ in LOADS[1:]:
+        percent = 100 * (medians[name] / medians["history off"] - 1)
+        yield (f"demo's SQLite load, {name}", "history off", f"{percent:+.1f} %", "", "")
+
+
+def markdown(rows, notes):
+    lines = ["| measured | compared with | ratio | goal | holds |", "|---|---|---|---|---|"]
+    lines += ["| " + " | ".join(row) + " |" for row in rows]
+    return "\n".join(lines) + "\n\n" + "\n".join(notes) + "\n"
+
+
+def plain(rows, notes):
+    table = [("measured", "compared with", "ratio", "goal", "holds"), *rows]
+    widths = [max(len(row[i]) for row in table) for i in range(5)]
+    lines = ["  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip() for row in table]
+    return "\n".join(lines) + "\n\n" + "\n".join(notes) + "\n"
+
+
+def main():
+    build = pathlib.Path(sys.argv[1])
+    with LttngSession() as session:
+        values = run_benchmarks(build / "bench" / "bench_corvex", dict(clean_environment(), LTTNG_HOME=session.home))
+        if "event/lttng" in values:
+            session.count_recorded()
+    if not session.recorded:
+        values.pop("event/lttng", None)
+
+    rows = [*ratio_rows(values), scaling_row(values)]
+    demo = build / "examples" / "demo_server"
+    if demo.exists():
+        rows += load_rows(demo)
+    notes = [f"{os.cpu_count()} cores, {datetime.date.today().isoformat()}. "
+             + ", ".join(f"{name} {best(values, key):.1f} ns" for name, key in
+                         (("An event in copy mode took", "event/shared/copy/history"),
+                          ("on its own queue in pointer mode", "event/own/pointer/history"),
+                          ("the clock alone", "event/clock"))) + "."]
+    if session.recorded:
+        notes.append(f"The LTTng snapshot held {session.recorded} events.")
+    (build / "table.md").write_text(markdown(rows, notes))
+    print(plain(rows, notes), end="")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,144 @@
+/* worker.cpp: what a worker does for each kind of request. Nothing here knows about tracing: the connection's
+ * hook sees every statement, the transactions included. */
+#include "worker.h"
+
+#include <cstdio>
+
+#include "connection.h"
+
+namespace {
+
+/* A transaction that writes, rolled back unless it is committed. */
+class c_transaction {
+public:
+    c_transaction(a_server& server, c_connection& on) : alone(server.writing), connection(on)
+    {
+        open = connection.run("BEGIN IMMEDIATE");
+    }
+    ~c_transaction()
+    {
+        if (open)
+            connection.run("ROLLBACK");
+    }
+    bool commit()
+    {
+        if (!open || !connection.run("COMMIT"))
+            return false;
+        open = false;
+        return true;
+    }
+
+private:
+    std::lock_guard<std::mutex> alone;
+    c_connection& connection;
+    bool open;
+};
+
+bool add_character(c_connection& connection, const a_character& character)
+{
+    return c_query(connection, "INSERT INTO character (code, name, category) VALUES (?, ?, ?)")
+        .bind(character.code)
+        .bind(character.name)
+        .bind(character.category)
+        .run();
+}
+
+bool add_range(c_connection& connection, const a_source& source, const a_range& range)
+{
+    return c_query(connection, "INSERT INTO range (source, first, last, value) VALUES (?, ?, ?, ?)")
+        .bind(source.file)
+        .bind(range.first)
+        .bind(range.last)
+        .bind(range.value)
+        .run();
+}
+
+/* True when the line became a row; comments do not. */
+bool add_line(c_connection& connection, const a_source& source, std::string_view line)
+{
+    if (source.format == a_format::characters) {
+        auto character = read_character(line);
+        return character && add_character(connection, *character);
+    }
+    auto range = read_range(line);
+    return range && add_range(connection, source, *range);
+}
+
+bool load(a_server& server, c_connection& connection, const a_request& request)
+{
+    c_transaction transaction(server, connection);
+    long rows = 0;
+    for (const std::string& line : request.lines)
+        rows += add_line(connection, *request.source, line);
+    server.rows.fetch_add(rows, std::memory_order_relaxed);
+    return transaction.commit();
+}
+
+bool look_up(c_connection& connection, const a_request& request)
+{
+    return c_query(connection, "SELECT name, category, visits FROM character WHERE code = ?").bind(request.code).run();
+}
+
+/* No index helps a word in the middle of a name: this one reads the whole table. */
+bool search(c_connection& connection, const a_request& request)
+{
+    return c_query(connection, "SELECT code, name FROM character WHERE name LIKE '%' || ? || '%'")
+        .bind(request.word)
+        .run();
+}
+
+bool report(c_connection& connection)
+{
+    return connection.run("SELECT value, count(*) FROM range JOIN character ON code BETWEEN first AND last"
+                          " WHERE source = 'Scripts.txt' GROUP BY value ORDER BY 2 DESC");
+}
+
+bool visit(a_server& server, c_connection& connection, const a_request& request)
+{
+    c_transaction transaction(server, connection);
+    return c_query(connection, "UPDATE character SET visits = visits + 1 WHERE code = ?").bind(request.code).run() &&
+           transaction.commit();
+}
+
+bool add_again(a_server& server, c_connection& connection, const a_request& request)
+{
+    c_transaction transaction(server, connection);
+    return add_character(connection, {request.code, "ADDED TWICE", "So"}) && transaction.commit();
+}
+
+bool misspell(c_connection& connection) { return connection.run("SELECT name FROM charcater WHERE code = 65"); }
+
+bool answer(a_server& server, c_connection& connection, const a_request& request)
+{
+    switch (request.action) {
+    case a_action::load:
+        return load(server, connection, request);
+    case a_action::look_up:
+        return look_up(connection, request);
+    case a_action::search:
+        return search(connection, request);
+    case a_action::report:
+        return report(connection);
+    case a_action::visit:
+        return visit(server, connection, request);
+    case a_action::add_again:
+        return add_again(server, connection, request);
+    case a_action::misspell:
+        return misspell(connection);
+    }
+    return false;
+}
+
+}  // namespace
+
+void work(a_server& server, long number)
+{
+    c_connection connection(server.database, number, server.traced);
+    if (!connection.is_open())
+        std::fprintf(stderr, "worker %ld cannot open %s\n", number, server.database.c_str());
+    while (std::optional<a_request> request = server.queue.pop()) {
+        bool done = connection.is_open() && answer(server, connection, *request);
+        (done ? server.answers : server.failures).fetch_add(1, std::memory_order_relaxed);
+        server.queue.finished();
+    }
+}

@@ -1,0 +1,13 @@
+/* corvex.h: the whole public interface. */
+#ifndef CORVEX_CORVEX_H
+#define CORVEX_CORVEX_H
+
+#include "corvex/forkprotection.h"
+#include "corvex/hist.h"
+#include "corvex/onsig.h"
+#include "corvex/print.h"
+#include "corvex/ptcondvar.h"
+#include "corvex/ptmutex.h"
+#include "corvex/types.h"
+
+#endif

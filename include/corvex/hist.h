@@ -1,0 +1,260 @@
+/* hist.h: the event history, for C11 and C++20.
+ *
+ * The history keeps the newest trace events of the process in rings in memory and writes them out as a text
+ * report at exit, on request, or on SIGUSR1. It is configured once, at load, by the environment variable
+ * UT_HIST (see the user's guide for its options) and costs one load and one predicted branch per call site
+ * while off.
+ *
+ * Instrumented code uses the macros below: they test ut_hist_debug first, pass the call site's file and line,
+ * and take up to eight parameters. The functions are for tools and for callers that build their own macros.
+ *
+ *     static a_ut_hist_id query;                        // once, after load:
+ *     query = ut_hist_id_alloc(__FILE__, __LINE__, "query");
+ *
+ *     UT_HIST_LOC(at);                                  // around the work:
+ *     UT_HIST_BEG(&at, query, "select", connection);
+ *     ...
+ *     UT_HIST_END(&at, query, "rows", row_count);       // its duration column is the time since BEG
+ *
+ * Signal handlers record with UT_HIST_ID_SIGHANDLER only: such an event takes no lock. Every other id may
+ * need the queue lock that the interrupted thread holds.
+ *
+ * Nothing here reports failure: lost events and samples are counted and shown by the dump.
+ */
+#ifndef CORVEX_HIST_H
+#define CORVEX_HIST_H
+
+#include <stdio.h>
+
+#include "corvex/types.h"
+
+CORVEX_C_BEGIN
+
+/* Class of an event; stored as a 32-bit int. */
+typedef enum a_ut_hist_cl {
+    UT_HIST_CL_NULL = 0, /* no class */
+    UT_HIST_CL_EV = 1,   /* plain event */
+    UT_HIST_CL_DATA = 2, /* carries a block of bytes: parameter 1 is its address, parameter 2 its length in bytes */
+    UT_HIST_CL_BEG = 3,  /* begin marker */
+    UT_HIST_CL_END = 4,  /* end marker */
+    UT_HIST_CL_LAST = 5  /* number of classes, not one of its own */
+} a_ut_hist_cl;
+CORVEX_LAYOUT(sizeof(a_ut_hist_cl) == 4);
+
+/* Identifier of an event: an index from ut_hist_id_alloc, the address of a NUL-terminated text that names it,
+ * or one of the three special values. Only registered ids take part in the timing statistics. */
+typedef void* a_ut_hist_id;
+#define UT_HIST_ID_NONE       ((a_ut_hist_id)(a_ptrint)-1) /* no id */
+#define UT_HIST_ID_Q2         ((a_ut_hist_id)(a_ptrint)-2) /* queue 2 without a lock: one writer only */
+#define UT_HIST_ID_SIGHANDLER ((a_ut_hist_id)(a_ptrint)-3) /* queue 1 without a lock: for signal handlers */
+/* A text as an id; it must stay valid until the last dump unless option f is on (as it is by default). */
+#define UT_HIST_ID_TEXT(text) ((a_ut_hist_id)(a_ptrint)(const char*)(text))
+
+/* Names the record that an event was written to, so that a later event can be timed against it. Owned by the
+ * caller, who may share one between threads; the history reads and rewrites it, one atomic word at a time. */
+typedef struct a_ut_hist_loc {
+    int32 q;    /* queue index; -1 names nothing */
+    uint32 n;   /* slot in the queue's ring */
+    uint32 num; /* event number found there */
+} a_ut_hist_loc;
+CORVEX_LAYOUT(sizeof(a_ut_hist_loc) == 12 && offsetof(a_ut_hist_loc, n) == 4 && offsetof(a_ut_hist_loc, num) == 8);
+/* The value that names nothing. {0, 0, 0} does not: it names event 0 of slot 0, live until the slot is
+ * written. */
+#define UT_HIST_LOC_INIT                                                                                               \
+    {                                                                                                                  \
+        -1, 0, 0                                                                                                       \
+    }
+
+/* The two master switches, for ut_hist_setting. */
+typedef enum a_ut_hist_setting {
+    UT_HIST_SET_EVENTS_OFF = 0,
+    UT_HIST_SET_EVENTS_ON = 1,
+    UT_HIST_SET_STATS_OFF = 2,
+    UT_HIST_SET_STATS_ON = 3
+} a_ut_hist_setting;
+CORVEX_LAYOUT(sizeof(a_ut_hist_setting) == 4);
+
+/* 1 while instrumented code should record, else 0. Read it as the macros do, with a relaxed atomic load;
+ * change it with ut_hist_setting only. It reads 0 when UT_HIST is unset, empty or "off", and when the store
+ * could not be allocated. */
+extern CORVEX_API int32 ut_hist_debug;
+
+/* Records one event. It does not test ut_hist_debug.
+ *   file, line  the call site; file may be null
+ *   loc         null, or the location that this event's duration is measured from; afterwards it names this
+ * event cl          the class; for UT_HIST_CL_DATA p1 is the block's address and p2 its length in bytes
+ * (signed 64-bit; 0 and below store nothing; cut to the size of the queue's data ring) id          see
+ * a_ut_hist_id ev          the event's text, may be null pn          how many of p1..p8 count, 0..8; a larger
+ * value is stored as 8; a negative one is stored as it is and shows every parameter column of the dump Texts
+ * are copied when option f is on (at most 23 characters of the file, the last ones; 15 of the id; 31 of the
+ * event; see option m), else only their addresses are kept and the texts must stay valid until the last dump.
+ * Thread-safe. Signal-safe with UT_HIST_ID_SIGHANDLER only. Does nothing while the history is not running. An
+ * event is dropped silently when a signal handler records on the thread and queue that it interrupted in this
+ * function, and counted as missed when the thread has no slot (see UT_HIST_THREAD_SLOT in the user's guide).
+ * Allocates nothing, never blocks but for the queue's lock. */
+CORVEX_API void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl cl, a_ut_hist_id id,
+                            const char* ev, int32 pn, void* p1, void* p2, void* p3, void* p4, void* p5, void* p6,
+                            void* p7, void* p8);
+
+/* Registers an id for the call site file:line under the description desc (NUL-terminated, not null; file may
+ * be null). Both texts are copied. Every call makes a new id: call it once per kind of event and keep the
+ * result. Returns the index of the new entry, or desc itself when there is no registry (option k), when it is
+ * full, when memory is short, or when the history is not running: events of that id are then recorded under
+ * the text, without statistics, so desc must stay valid as long as the id is used. Thread-safe. Not
+ * signal-safe: it allocates and locks. */
+CORVEX_API a_ut_hist_id ut_hist_id_alloc(const char* file, uint32 line, const char* desc);
+
+/* Writes a whole dump to f: event table, statistics, end banner. f is an open, writable stream and stays the
+ * caller's: it is neither flushed nor closed, and write errors are not reported. Writes nothing while there
+ * is no store. Holds every queue's lock meanwhile, so recorders that lock wait. Thread-safe. Not signal-safe:
+ * it locks. */
+CORVEX_API void ut_hist_dump_to_file(FILE* f);
+
+/* Writes a whole dump to the log file of option l, or to the errout stream when none is named or it cannot be
+ * opened, and reports it on the errout stream (option r). Records one event "PROGRAM DUMP" first, while
+ * events are on. Does nothing while there is no store. Thread-safe. Not signal-safe: raise SIGUSR1 there
+ * instead. */
+CORVEX_API void ut_hist_dump_to_log(void);
+
+/* Turns events or statistics on or off; any other value changes nothing. May be called at any time; readers
+ * in other threads see the old or the new value. Thread-safe and signal-safe. */
+CORVEX_API void ut_hist_setting(a_ut_hist_setting s);
+
+/* Start-up and shut-down; the library calls both as it is loaded and unloaded. Start-up reads UT_HIST and
+ * UT_HIST_THREAD_SLOT, allocates the store and installs the SIGUSR1 handler; it does not guard against a
+ * second call without a shut-down between, which loses the first store. Shut-down dumps (option f), removes
+ * the handler and frees the store (option x); it does nothing unless the history is running. After a
+ * shut-down a new start-up reads the environment again: options that it does not name keep their values.
+ * Neither is thread-safe or signal-safe: no other thread may use the history meanwhile. */
+CORVEX_API void ut_hist_init(void);
+CORVEX_API void ut_hist_fini(void);
+
+CORVEX_C_END
+
+/* ---- instrumentation ---- */
+
+/* True while events are on. Relaxed: the switch orders nothing else, and a call site that reads an old value
+ * records or skips one event more. */
+static inline int ut_hist_is_on(void)
+{
+    return __builtin_expect(__atomic_load_n(&ut_hist_debug, __ATOMIC_RELAXED) != 0, 0);
+}
+
+/* One parameter: any value as wide as a pointer (pointers, long, size_t, int64_t, double ...). Narrower
+ * values are refused at compile time: write 5L or (long)count. Arrays count as the pointers they decay to. */
+#ifdef __cplusplus
+template <typename T>
+inline void* ut_hist_parm(T value)
+{
+    static_assert(sizeof(T) == sizeof(void*), "a parameter of an event is as wide as a pointer: cast it to long");
+    void* parm;
+    __builtin_memcpy(&parm, &value, sizeof parm);
+    return parm;
+}
+#define UT_HIST_P_(x) ut_hist_parm(x)
+#else
+static inline void* ut_hist_parm_double(double value)
+{
+    void* parm;
+    __builtin_memcpy(&parm, &value, sizeof parm);
+    return parm;
+}
+/* Both branches of the selection must compile for every type, so each converts what the other would refuse.
+ */
+#define UT_HIST_P_(x)                                                                                                  \
+    ((void)sizeof(struct {                                                                                             \
+         _Static_assert(sizeof(1 ? (x) : (x)) == sizeof(void*),                                                        \
+                        "a parameter of an event is as wide as a pointer: cast it to long");                           \
+         int unused;                                                                                                   \
+     }),                                                                                                               \
+     _Generic((x), double                                                                                              \
+              : ut_hist_parm_double(_Generic((x), double                                                               \
+                                             : (x), default : 0.0)),                                                   \
+                default                                                                                                \
+              : (void*)_Generic((x), double                                                                            \
+                                : (a_ptrint)0, default                                                                 \
+                                : (x))))
+#endif
+
+/* Call-site plumbing: N text, parameters -> the arguments of ut_hist_add from the event text on. */
+#define UT_HIST_CAT_(a, b)                                       UT_HIST_CAT2_(a, b)
+#define UT_HIST_CAT2_(a, b)                                      a##b
+#define UT_HIST_COUNT_(...)                                      UT_HIST_NTH_(__VA_ARGS__, 8, 7, 6, 5, 4, 3, 2, 1, 0, 0)
+#define UT_HIST_NTH_(a0, a1, a2, a3, a4, a5, a6, a7, a8, n, ...) n
+#define UT_HIST_Z_                                               ((void*)0)
+#define UT_HIST_ARGS_0_(ev)                                                                                            \
+    ev, 0, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
+#define UT_HIST_ARGS_1_(ev, a)                                                                                         \
+    ev, 1, UT_HIST_P_(a), UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
+#define UT_HIST_ARGS_2_(ev, a, b)                                                                                      \
+    ev, 2, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
+#define UT_HIST_ARGS_3_(ev, a, b, c)                                                                                   \
+    ev, 3, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
+#define UT_HIST_ARGS_4_(ev, a, b, c, d)                                                                                \
+    ev, 4, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_P_(d), UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
+#define UT_HIST_ARGS_5_(ev, a, b, c, d, e)                                                                             \
+    ev, 5, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_P_(d), UT_HIST_P_(e), UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
+#define UT_HIST_ARGS_6_(ev, a, b, c, d, e, f)                                                                          \
+    ev, 6, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_P_(d), UT_HIST_P_(e), UT_HIST_P_(f), UT_HIST_Z_,       \
+        UT_HIST_Z_
+#define UT_HIST_ARGS_7_(ev, a, b, c, d, e, f, g)                                                                       \
+    ev, 7, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_P_(d), UT_HIST_P_(e), UT_HIST_P_(f), UT_HIST_P_(g),    \
+        UT_HIST_Z_
+#define UT_HIST_ARGS_8_(ev, a, b, c, d, e, f, g, h)                                                                    \
+    ev, 8, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_P_(d), UT_HIST_P_(e), UT_HIST_P_(f), UT_HIST_P_(g),    \
+        UT_HIST_P_(h)
+#define UT_HIST_ARGS_(...) UT_HIST_CAT_(UT_HIST_CAT_(UT_HIST_ARGS_, UT_HIST_COUNT_(__VA_ARGS__)), _)(__VA_ARGS__)
+
+/* Declares a location that names nothing yet, private to this block. */
+#define UT_HIST_LOC(name) a_ut_hist_loc name = UT_HIST_LOC_INIT
+
+/* The one form that all others are: class, location or null, id, then the text and 0 to 8 parameters.
+ * Arguments are evaluated only while events are on, each once. A statement, not an expression. */
+#define UT_HIST_ADD(cl, loc, id, ...)                                                                                  \
+    do {                                                                                                               \
+        if (ut_hist_is_on())                                                                                           \
+            ut_hist_add(__FILE__, __LINE__, loc, cl, id, UT_HIST_ARGS_(__VA_ARGS__));                                  \
+    } while (0)
+
+/* A plain event: id, text, 0 to 8 parameters. */
+#define UT_HIST_EV(id, ...) UT_HIST_ADD(UT_HIST_CL_EV, (a_ut_hist_loc*)0, id, __VA_ARGS__)
+/* A block of bytes: id, text, address, length as a long, up to 6 parameters more. */
+#define UT_HIST_DATA(id, ...) UT_HIST_ADD(UT_HIST_CL_DATA, (a_ut_hist_loc*)0, id, __VA_ARGS__)
+/* Begin and end of a piece of work, timed through one location: location, id, text, 0 to 8 parameters. */
+#define UT_HIST_BEG(loc, id, ...) UT_HIST_ADD(UT_HIST_CL_BEG, loc, id, __VA_ARGS__)
+#define UT_HIST_END(loc, id, ...) UT_HIST_ADD(UT_HIST_CL_END, loc, id, __VA_ARGS__)
+
+#ifdef __cplusplus
+/* Records BEG now and END when the scope is left, however that happens, both under one id and one location.
+ * END is recorded exactly when BEG was, so that switching events on or off in between leaves no half pair. */
+class a_ut_hist_scope {
+public:
+    a_ut_hist_scope(const char* at_file, uint32 at_line, a_ut_hist_id with_id, const char* text)
+        : file(at_file), ev(text), id(with_id), line(at_line), on(ut_hist_is_on())
+    {
+        if (on)
+            add(UT_HIST_CL_BEG);
+    }
+    ~a_ut_hist_scope()
+    {
+        if (on)
+            add(UT_HIST_CL_END);
+    }
+    a_ut_hist_scope(const a_ut_hist_scope&) = delete;
+    a_ut_hist_scope& operator=(const a_ut_hist_scope&) = delete;
+
+private:
+    void add(a_ut_hist_cl cl) { ut_hist_add(file, line, &loc, cl, id, UT_HIST_ARGS_(ev)); }
+
+    const char* file;
+    const char* ev;
+    a_ut_hist_id id;
+    a_ut_hist_loc loc = UT_HIST_LOC_INIT;
+    uint32 line;
+    int on;
+};
+/* A scope object for the rest of this block: id, text. */
+#define UT_HIST_SCOPE(id, text) a_ut_hist_scope UT_HIST_CAT_(ut_hist_scope_, __LINE__)(__FILE__, __LINE__, id, text)
+#endif
+
+#endif

@@ -1,0 +1,60 @@
+/* onsig.h: what happens when a fatal or terminating signal arrives, for C11 and C++20.
+ *
+ * ut_onsig_install_signal_handlers installs the library's handler for SIGILL, SIGABRT, SIGBUS, SIGFPE,
+ * SIGSEGV (crash) and SIGHUP, SIGINT, SIGQUIT, SIGTERM (termination). On such a signal it runs the registered
+ * callbacks in ascending priority. When another handler had been in place before, that one is called next and
+ * the process goes on as it decides; otherwise the library takes its handlers away, suppresses the core dump
+ * of a termination signal and aborts the process.
+ *
+ * Callbacks run in signal context and must be async-signal-safe. To have the event history written, raise
+ * SIGUSR1 in one.
+ *
+ * Environment, read when handlers are installed or run: ZT_INSTALL_SIG_HANDLERS (n...: none, c... or s...:
+ * the five crash signals only), ZT_ALWAYS_GEN_CORE (set: the core limit is left alone),
+ * ZT_LINUX_COREDUMP_DELAY (seconds to sleep before the abort: leading decimal digits, 0 to 3600, 2 when
+ * empty). */
+#ifndef CORVEX_ONSIG_H
+#define CORVEX_ONSIG_H
+
+#include "corvex/types.h"
+
+CORVEX_C_BEGIN
+
+/* A callback: the signal; the value given at registration; whether the library's handler was reached through
+ * one installed after it; whether an earlier handler gets the signal next; whether the process is cleaned up
+ * and ended (then, and only then, release resources); the system's siginfo_t and ucontext_t of this delivery.
+ */
+typedef void (*a_sig_handler_func)(int sig, void* arg, a_bool chained, a_bool chaining, a_bool cleanup, void* siginfo,
+                                   void* context);
+
+/* Registers func (not null) in the first free of eight slots. Priorities 0 to 32000 run, lowest first, equal
+ * ones in slot order; others never do. Returns a handle, or null when all slots are taken. Thread-safe and
+ * signal-safe; a signal that arrives inside the call may find the priority and arg of the slot's last
+ * registration. */
+CORVEX_API void* ut_onsig_call_add(int priority, a_sig_handler_func func, void* arg);
+
+/* Removes the registration of func under the handle; does nothing when the handle is null or its slot holds
+ * another func. Thread-safe and signal-safe. */
+CORVEX_API void ut_onsig_call_del(void* void_p, a_sig_handler_func func);
+
+/* Runs the callbacks with these arguments on the calling thread, each registration at most once. Signal-safe
+ * as far as they are. */
+CORVEX_API void ut_onsig_call_now(int sig, a_bool chained, a_bool chaining, a_bool cleanup, void* siginfo,
+                                  void* context);
+
+/* 1 once the library's handler has begun to clean up and end the process, else 0. Thread-safe and
+ * signal-safe. */
+CORVEX_API int ut_onsig_will_do_cleanup(void);
+
+/* Installs the handlers as ZT_INSTALL_SIG_HANDLERS says; does nothing while a full set is installed.
+ * called_during_lib_init: true for a call from a library's own start-up, which then only counts after this
+ * library's. Handlers are installed with SA_ONSTACK too when the calling thread has an alternate signal
+ * stack, so give it one first to survive a stack overflow. Not thread-safe, not signal-safe. */
+CORVEX_API void ut_onsig_install_signal_handlers(a_bool called_during_lib_init);
+
+/* Sets the soft limit of core files to 0, unless ZT_ALWAYS_GEN_CORE is set. Thread-safe and signal-safe. */
+CORVEX_API void ut_want_no_core(void);
+
+CORVEX_C_END
+
+#endif

@@ -1,0 +1,91 @@
+// unixdll.cpp: starts the library when the dynamic loader maps it and stops it when it is unmapped or the
+// process exits.
+//
+// The static objects at the end of this file stand in the order in which they must be built; their
+// destructors run in reverse. Each subsystem has one line in the start, the stop and, where it owns locks,
+// the fork sequence; the stop is the reverse of the start. Everything runs under the loader's serialisation,
+// so the load count needs no lock; the fork sequence runs on the child's only thread and is signal-safe.
+#include "tasks/unixdll/unixdll.h"
+
+#include <pthread.h>
+
+#include "corvex/forkprotection.h"
+#include "tasks/unixdll/version_record.h"
+#include "utils/etc/uthist/uthist.h"
+#include "utils/unix/utcore.h"
+#include "utils/unix/utptmutex.h"
+
+int init_fini_call_count_corvex = 0;  // start-up calls minus shut-down calls
+
+namespace {
+
+void InitTheInternalStuff_corvex()
+{
+    UnixForkProtection_Init();
+    ut_safe_pthread_mutex_crit_init();
+    ut_safe_pthread_cond_crit_init();
+    ut_onsig_init();
+    ut_hist_init();
+}
+
+void FiniTheInternalStuff_corvex()
+{
+    ut_hist_fini();
+    ut_onsig_fini();
+    ut_safe_pthread_cond_crit_fini();
+    ut_safe_pthread_mutex_crit_fini();
+}
+
+// Makes every lock of the library free in a forked child: nothing is locked before a fork, since crash handlers fork,
+// so any lock may have been held by a thread that the child does not have.
+// Signal-safe.
+void FreeLocksInChild_corvex()
+{
+    ut_safe_pthread_mutex_pool_fork_child();
+    ut_safe_pthread_cond_pool_fork_child();
+    ut_hist_fork_child();
+}
+
+// What must hold from the first to the last moment in the process: a child's locks are free, and no signal handler
+// points into the library once it is gone, whatever the stop sequence left installed or a forked child never stopped.
+class an_outermost_corvex {
+public:
+    an_outermost_corvex() { pthread_atfork(nullptr, nullptr, FreeLocksInChild_corvex); }
+    ~an_outermost_corvex()
+    {
+        ut_hist_unload();
+        ut_onsig_unload();
+    }
+};
+
+class a_history_defaults_corvex {
+public:
+    a_history_defaults_corvex() { ut_hist_static_defaults(); }
+};
+
+class an_init_fini_execute_me_corvex {
+public:
+    an_init_fini_execute_me_corvex() { LibInit_corvex(); }
+    ~an_init_fini_execute_me_corvex() { LibFini_corvex(); }
+};
+
+dbversion_info ver_info;
+an_outermost_corvex outermost_corvex;
+a_history_defaults_corvex history_defaults_corvex;
+an_init_fini_execute_me_corvex execute_me_corvex;
+
+}  // namespace
+
+void LibInit_corvex()
+{
+    init_fini_call_count_corvex++;
+    if (init_fini_call_count_corvex == 1)
+        InitTheInternalStuff_corvex();
+}
+
+void LibFini_corvex()
+{
+    init_fini_call_count_corvex--;
+    if (init_fini_call_count_corvex == 0 && !UnixForkProtection_IsChild())
+        FiniTheInternalStuff_corvex();
+}

@@ -1,0 +1,55 @@
+// child.h: runs a piece of a test in a forked process and collects how that ended and what it said.
+#ifndef TESTS_CHILD_H
+#define TESTS_CHILD_H
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+inline int child_pipe[2];
+
+// Adds to the child's text, in signal handlers too, so dprintf, which allocates, will not do.
+__attribute__((format(printf, 1, 2))) inline void say(const char* format, ...)
+{
+    char text[100];
+    va_list args;
+    va_start(args, format);
+    const int size = vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    if (write(child_pipe[1], text, size_t(size)) != size)
+        _exit(126);
+}
+
+struct a_child {
+    int status;  // 0: no check failed; the number of the signal that killed it without a core (SIGALRM: it hung)
+    std::string said;
+};
+
+template <typename F>
+a_child in_child(F body)
+{
+    a_child child = {};
+    EXPECT_EQ(0, pipe(child_pipe));
+    const pid_t pid = fork();
+    if (pid == 0) {
+        alarm(30);
+        prctl(PR_SET_DUMPABLE, 0);
+        body();
+        fflush(stdout);
+        _exit(testing::Test::HasFailure());
+    }
+    close(child_pipe[1]);
+    for (char c; read(child_pipe[0], &c, 1) == 1;)
+        child.said += c;
+    close(child_pipe[0]);
+    waitpid(pid, &child.status, 0);
+    return child;
+}
+
+#endif

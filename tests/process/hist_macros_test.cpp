@@ -1,0 +1,63 @@
+// hist_macros_test.cpp: one line of a caller's code becomes the event that it says, in C and in C++.
+#include "tests/process/hist_played.h"
+
+namespace {
+
+std::string recorded_by(const std::string& program)
+{
+    const a_run result = run(program, {"UT_HIST=kn99ia-id-in-it-il-is-", "UT_HIST_THREAD_SLOT=dense"});
+    EXPECT_TRUE(result.exited_well()) << result.status;
+    return std::regex_replace(rows(result.err), std::regex("0x[5-7][0-9a-f]{11}"), "<address>");
+}
+
+bool compiles(const std::string& line, bool cxx)
+{
+    const a_scratch_dir dir;
+    const std::string file = dir.path + (cxx ? "/line.cpp" : "/line.c");
+    std::ofstream(file) << "#include \"corvex/hist.h\"\nvoid f(int i) { (void)i; " << line << " }\n";
+    return run(cxx ? CXX_COMPILER : C_COMPILER, {}, {"-fsyntax-only", cxx ? "-std=c++20" : "-std=c11", "-Wall", "-Wextra", "-pedantic",
+               "-Werror", "-I" SOURCE_DIR "/include", file}, dir.path).exited_well();
+}
+
+}  // namespace
+
+TEST(HistMacros, RecordWhatACProgramSays)
+{
+    EXPECT_EQ(recorded_by("hist_macros"),
+              "........ ......\n"
+              "  work  none -      ...      ...      ...      ...      ...      ...      ...      ...\n"
+              "  work   one -      0x1      ...      ...      ...      ...      ...      ...      ...\n"
+              "  text   two -0xffffffffffffffff     0x10      ...      ...      ...      ...      ...      ...\n"
+              "     - three -0x3ff0000000000000      0x2      0x3      ...      ...      ...      ...      ...\n"
+              "     -  four -      0x1      0x2      0x3      0x1      ...      ...      ...      ...\n"
+              "     -  five -      0x1      0x2      0x3      0x4      0x5      ...      ...      ...\n"
+              "     -   six -      0x1      0x2      0x3      0x4      0x5      0x6      ...      ...\n"
+              "     - seven -      0x1      0x2      0x3      0x4      0x5      0x6      0x7      ...\n"
+              "  work eight >      0x1      0x2      0x3      0x4      0x5      0x6      0x7      0x8\n"
+              "  work   end <      ...      ...      ...      ...      ...      ...      ...      ...\n"
+              "  work  data +<address>      0x5<address>      ...      ...      ...      ...      ... (1+0+5)\n"
+              "\t\t0000/0000: 62 79 74 65 73                                  |bytes           |\n");
+}
+
+TEST(HistMacros, ScopesRecordBothEndsOrNone)
+{
+    EXPECT_EQ(recorded_by("hist_scopes"),
+              "........ ......\n"
+              " scope return >      ...      ...      ...      ...\n"
+              " scope return <      ...      ...      ...      ...\n"
+              " scope  throw >      ...      ...      ...      ...\n"
+              "     - inside -      0x1      0x2      0x30x3ff0000000000000\n"
+              " scope  throw <      ...      ...      ...      ...\n"
+              " scope   half >      ...      ...      ...      ...\n"
+              " scope   half <      ...      ...      ...      ...\n");
+}
+
+TEST(HistMacros, RefuseParametersThatAreNoPointerWide)
+{
+    for (const bool cxx : {false, true}) {
+        EXPECT_TRUE(compiles("UT_HIST_EV(UT_HIST_ID_NONE, \"e\", 1L, \"text\", &i, 2.0);", cxx));
+        EXPECT_FALSE(compiles("UT_HIST_EV(UT_HIST_ID_NONE, \"e\", i);", cxx));
+        EXPECT_FALSE(compiles("UT_HIST_EV(UT_HIST_ID_NONE, \"e\", 1L, 2.0f);", cxx));
+        EXPECT_FALSE(compiles("UT_HIST_EV(UT_HIST_ID_NONE, \"e\", 1L, 2L, 3L, 4L, 5L, 6L, 7L, 8L, 9L);", cxx));
+    }
+}

@@ -1,0 +1,46 @@
+// hist_played.h: runs hist_play in a scratch directory and collects all that the history wrote.
+#ifndef PROCESS_HIST_PLAYED_H
+#define PROCESS_HIST_PLAYED_H
+
+#include <regex>
+
+#include "tests/process/run.h"
+
+struct a_played {
+    std::string out, err, log, errout;  // the program's two streams, ut_hist.log, ut_hist.out
+};
+
+inline std::string replaced(std::string text, const std::string& from, const std::string& to)
+{
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+        text.replace(at, from.size(), to);
+    return text;
+}
+
+inline size_t count(const std::string& text, const std::string& part)
+{
+    size_t found = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size())
+        found++;
+    return found;
+}
+
+inline a_played played(const std::string& options, const a_text_list& script, const a_text_list& more_env = {"TZ=UTC"})
+{
+    const a_scratch_dir dir;
+    a_text_list env = more_env;
+    env.push_back("UT_HIST=" + options);
+    const a_run result = run("hist_play", env, script, dir.path);
+    EXPECT_TRUE(result.exited_well()) << options << ": status " << result.status << "\n" << result.err;
+    return {result.out, result.err, read_file(dir.path + "/ut_hist.log"), read_file(dir.path + "/ut_hist.out")};
+}
+
+// The rows of the event table alone, without banners, header and statistics.
+inline std::string rows(const std::string& dump)
+{
+    const size_t header = dump.find('\n', dump.find("HISTORY DUMP BIGIN"));
+    const size_t first = dump.find('\n', header + 1) + 1;
+    return dump.substr(first, dump.find("**********", first) - first);
+}
+
+#endif

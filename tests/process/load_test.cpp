@@ -1,0 +1,147 @@
+// Loading and unloading: the version record, forked children, and what dlclose leaves behind. This program is not linked
+// with the library: each case loads it in a process of its own.
+#include <dlfcn.h>
+#include <fnmatch.h>
+#include <malloc.h>
+#include <signal.h>
+
+#include "tests/child.h"
+#include "tests/process/run.h"
+
+namespace {
+
+template <typename F>
+a_child in_child_with(const char* name, const char* value, F body)
+{
+    return in_child([&] {
+        setenv("UT_HIST_THREAD_SLOT", "dense", 1);
+        setenv(name, value, 1);
+        body();
+    });
+}
+
+void* load()
+{
+    void* library = dlopen(LIBRARY_FILE, RTLD_NOW);
+    EXPECT_NE(nullptr, library) << dlerror();
+    return library;
+}
+
+// The entries of the version record in the library file, from its marker on.
+a_text_list version_record()
+{
+    const std::string bytes = read_file(LIBRARY_FILE), marker = "@@==Version==@1@";
+    size_t at = bytes.find(marker);
+    EXPECT_EQ(at, bytes.rfind(marker)) << "tools find the record by the one marker";
+    a_text_list entries;
+    for (at += marker.size(); bytes[at] != '\0'; at += entries.back().size() + 1)
+        entries.emplace_back(bytes.c_str() + at);
+    EXPECT_EQ('\0', bytes[at + 9]) << "eight bytes and a zero byte close the record";
+    return entries;
+}
+
+TEST(VersionRecord, HoldsEighteenEntriesAndPrintsItsSystemLineOnRequest)
+{
+    const a_text_list patterns = {
+        "MODULE=libcorvex16_r.so.1", "VERSION_CLASS=xx", "VERSION_MAJOR=16", "VERSION_MINOR=0", "VERSION_PATCH=0",
+        "BUILD_NUMBER=+([0-9])", "POINTERSIZE=64", "PLATFORM=linux", "DATE=[0-9][0-9][0-9][0-9]/[01][0-9]/[0-3][0-9]",
+        "TIME=[0-2][0-9]:[0-5][0-9]:[0-6][0-9]", "HOST=?*", "THREADS=posix", "PRODUCTION=production", "COMPILER=gnu",
+        "UNAME=Linux ?* x86_64 GNU/Linux", "IDENT=libcorvex16_r.so.1/16.0.0/P/x86_64/Linux+([!/])/+([0-9])/OPT/+([!/])",
+        "COPYRIGHT=?*\n?*\n?*", "EXTENSIONS=A8"};
+    const a_text_list entries = version_record();
+    ASSERT_EQ(patterns.size(), entries.size());
+    for (size_t i = 0; i < entries.size(); i++)
+        EXPECT_EQ(0, fnmatch(patterns[i].c_str(), entries[i].c_str(), FNM_EXTMATCH)) << entries[i];
+    for (const char* value : {"1", ""})
+        EXPECT_EQ(entries[14] + "\n", in_child_with("VORNE_VERSION_INFO", value, [] {
+            dup2(child_pipe[1], STDOUT_FILENO);
+            load();
+        }).said);
+}
+
+TEST(VersionRecord, IsTheSameInEveryBuildOfOneSourceDate)
+{
+    const auto make = [](const a_text_list& env) {
+        return run("/bin/sh", env, {"-c", "cmake -DOUTPUT=v -DBUILD_NUMBER=77 -DVERSION=16.0.0 -P " SOURCE_DIR
+                                          "/cmake/version_record.cmake && cat v"}).out;
+    };
+    const std::string first = make({"SOURCE_DATE_EPOCH=86399", "TZ=UTC"});
+    EXPECT_EQ(first, make({"SOURCE_DATE_EPOCH=86399", "TZ=Asia/Tokyo"}));
+    for (const char* text : {"\"1970/01/01\"", "\"23:59:59\"", "Linux-reproducible/77/OPT/1970-01-01 23:59:59\"", "HOST \"reproducible\""})
+        EXPECT_NE(std::string::npos, first.find(text)) << text << " in\n" << first;
+}
+
+TEST(ForkedChild, StopsNothingAtItsExitUnlessReset)
+{
+    for (const bool reset : {false, true}) {
+        const a_scratch_dir dir;
+        in_child_with("UT_HIST", ("r-l=" + dir.path + "/log").c_str(), [&] {
+            void* library = load();
+            if (fork() == 0) {
+                if (reset)
+                    reinterpret_cast<void (*)()>(dlsym(library, "UnixForkProtection_Reset"))();
+                exit(0);
+            }
+            wait(nullptr);
+        });
+        EXPECT_EQ(reset, std::filesystem::exists(dir.path + "/log")) << "the child's exit dumps only after a reset";
+    }
+}
+
+// One life of the library in this process: handlers are installed and a timed pair of events is recorded.
+void load_and_unload()
+{
+    using an_add = void (*)(const char*, uint32_t, void*, int, void*, const char*, int32_t, void*, void*, void*, void*, void*,
+                            void*, void*, void*);
+    void* library = load();
+    reinterpret_cast<void (*)(uint32_t)>(dlsym(library, "ut_onsig_install_signal_handlers"))(0);
+    const auto id_alloc = reinterpret_cast<void* (*)(const char*, uint32_t, const char*)>(dlsym(library, "ut_hist_id_alloc"));
+    const auto add = reinterpret_cast<an_add>(dlsym(library, "ut_hist_add"));
+    void* id = id_alloc("file.c", 1, "work");
+    for (int cl : {3, 4})
+        add("file.c", 2, nullptr, cl, id, "event", 0, 0, 0, 0, 0, 0, 0, 0, 0);
+    dlclose(library);
+}
+
+TEST(Unload, LeavesNeitherTheLibraryNorAHandler)
+{
+    const auto body = [] {
+        const int signals[] = {SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1};
+        for (int sig : signals)
+            signal(sig, SIG_DFL);
+        load_and_unload();
+        EXPECT_EQ(std::string::npos, read_file("/proc/self/maps").find("libcorvex16_r"));
+        for (int sig : signals) {
+            struct sigaction now;
+            sigaction(sig, nullptr, &now);
+            EXPECT_TRUE(now.sa_handler == SIG_DFL || (sig == SIGUSR1 && now.sa_handler == SIG_IGN)) << sig;
+        }
+        if (fork() == 0)  // through whatever fork handlers are left
+            _exit(0);
+    };
+    EXPECT_EQ(0, in_child_with("ZT_INSTALL_SIG_HANDLERS", "all", body).status);
+    EXPECT_EQ(0, in_child_with("ZT_INSTALL_SIG_HANDLERS", "crash", body).status);
+    EXPECT_EQ(0, in_child_with("UT_HIST", "Sr-l=/dev/null", body).status) << "where option S keeps the SIGUSR1 handler";
+}
+
+TEST(Unload, LeaksNothingInAThousandRounds)
+{
+    const auto body = [] {
+        for (int i = 0; i < 20; i++)
+            load_and_unload();
+        const size_t used = mallinfo2().uordblks;
+        pthread_key_t before, after;
+        pthread_key_create(&before, nullptr);
+        for (int i = 0; i < 1000; i++)
+            load_and_unload();
+        EXPECT_NEAR(double(used), double(mallinfo2().uordblks), 500);
+        EXPECT_EQ(0, pthread_key_create(&after, nullptr));
+        EXPECT_EQ(before + 1, after) << "no key is left behind";
+    };
+    if (CORVEX_SANITIZE[0] != '\0')
+        return;  // mallinfo2 does not know the sanitizers' allocators
+    EXPECT_EQ(0, in_child_with("UT_HIST", "", body).status);
+    EXPECT_EQ(0, in_child_with("UT_HIST", "n10k5xr-l=/dev/null", body).status);
+}
+
+}  // namespace

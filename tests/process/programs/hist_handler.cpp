@@ -1,0 +1,217 @@
+// hist_handler.cpp: enters the SIGUSR1 handler where other components hold their locks and proves that it uses nothing
+// unsafe: stand-ins for malloc, stdio, local time, the pthread locks, syslog and exit abort while it runs.
+#include <dlfcn.h>
+#include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/time.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "corvex/corvex.h"
+
+namespace {
+
+thread_local int in_handler __attribute__((tls_model("initial-exec"))) = 0;
+thread_local int raise_in_malloc __attribute__((tls_model("initial-exec"))) = 0;
+thread_local int raise_in_clock __attribute__((tls_model("initial-exec"))) = 0;
+int dumps = 0;
+struct sigaction library;  // the library's own disposition
+char* stack;
+constexpr size_t stack_size = 256 * 1024;
+constexpr char paint = 0x5C;
+size_t deepest = 0;
+
+void check(const char* name)
+{
+    if (in_handler == 0)
+        return;
+    in_handler = 0;
+    (void)!write(STDERR_FILENO, name, strlen(name));
+    (void)!write(STDERR_FILENO, " in a handler\n", 14);
+    abort();
+}
+
+__attribute__((noinline)) void enter_library(int sig, siginfo_t* info, void* context)
+{
+    in_handler = 1;
+    library.sa_sigaction(sig, info, context);
+    in_handler = 0;
+}
+
+// Stands before the library's handler. On the painted stack it measures how deep that went.
+void handler(int sig, siginfo_t* info, void* context)
+{
+    char here;
+    const bool painted = &here > stack && &here < stack + stack_size;
+    if (painted)
+        memset(stack, paint, size_t(&here - stack) - 512);
+    enter_library(sig, info, context);
+    size_t untouched = 0;
+    while (painted && stack[untouched] == paint)
+        untouched++;
+    if (painted && size_t(&here - stack) - untouched > deepest)
+        deepest = size_t(&here - stack) - untouched;
+    dumps++;
+}
+
+void use_handler(int flags)
+{
+    struct sigaction mine = {};
+    mine.sa_sigaction = handler;
+    mine.sa_flags = SA_SIGINFO | SA_RESTART | flags;
+    sigaction(SIGUSR1, &mine, nullptr);
+}
+
+template <typename T>
+T real(const char* name)
+{
+    return reinterpret_cast<T>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+#define STAND_IN(type, name, parms, args)                                                                              \
+    extern "C" type name parms                                                                                         \
+    {                                                                                                                  \
+        static type(*const next) parms = real<type(*) parms>(#name);                                                   \
+        check(#name);                                                                                                  \
+        return next args;                                                                                              \
+    }
+
+#pragma GCC diagnostic ignored "-Wmissing-attributes"
+STAND_IN(FILE*, fopen, (const char* name, const char* mode), (name, mode))
+STAND_IN(FILE*, fdopen, (int fd, const char* mode) noexcept, (fd, mode))
+STAND_IN(int, fclose, (FILE * f), (f))
+STAND_IN(int, fflush, (FILE * f), (f))
+STAND_IN(size_t, fwrite, (const void* p, size_t size, size_t n, FILE* f), (p, size, n, f))
+STAND_IN(int, fputs, (const char* s, FILE* f), (s, f))
+STAND_IN(int, fputc, (int c, FILE* f), (c, f))
+STAND_IN(int, vfprintf, (FILE * f, const char* format, va_list list), (f, format, list))
+STAND_IN(int, vsnprintf, (char* s, size_t n, const char* format, va_list list) noexcept, (s, n, format, list))
+STAND_IN(struct tm*, localtime_r, (const time_t* t, struct tm* local) noexcept, (t, local))
+STAND_IN(struct tm*, localtime, (const time_t* t) noexcept, (t))
+STAND_IN(time_t, mktime, (struct tm * local) noexcept, (local))
+STAND_IN(int, pthread_mutex_lock, (pthread_mutex_t * mutex) noexcept, (mutex))
+STAND_IN(int, pthread_mutex_trylock, (pthread_mutex_t * mutex) noexcept, (mutex))
+STAND_IN(int, pthread_cond_wait, (pthread_cond_t * cond, pthread_mutex_t* mutex), (cond, mutex))
+
+extern "C" int fprintf(FILE* f, const char* format, ...)
+{
+    va_list list;
+    va_start(list, format);
+    const int written = vfprintf(f, format, list);
+    va_end(list);
+    return written;
+}
+extern "C" int snprintf(char* s, size_t n, const char* format, ...) noexcept
+{
+    va_list list;
+    va_start(list, format);
+    const int written = vsnprintf(s, n, format, list);
+    va_end(list);
+    return written;
+}
+extern "C" void syslog(int, const char*, ...) { check("syslog"); }
+extern "C" void exit(int status)
+{
+    check("exit");
+    real<void (*)(int)>("exit")(status);
+    abort();
+}
+
+extern "C" void* __libc_malloc(size_t size);
+extern "C" void* __libc_calloc(size_t n, size_t size);
+extern "C" void* __libc_realloc(void* block, size_t size);
+extern "C" void __libc_free(void* block);
+static int heap_lock = 0;
+
+static void with_heap_lock(const char* name)
+{
+    check(name);
+    while (__atomic_exchange_n(&heap_lock, 1, __ATOMIC_ACQUIRE) != 0)
+        ;
+    if (raise_in_malloc != 0) {
+        raise_in_malloc = 0;
+        raise(SIGUSR1);
+    }
+    __atomic_store_n(&heap_lock, 0, __ATOMIC_RELEASE);
+}
+extern "C" void* malloc(size_t size) { with_heap_lock("malloc"); return __libc_malloc(size); }
+extern "C" void* calloc(size_t n, size_t size) { with_heap_lock("calloc"); return __libc_calloc(n, size); }
+extern "C" void* realloc(void* block, size_t size) { with_heap_lock("realloc"); return __libc_realloc(block, size); }
+extern "C" void free(void* block) { with_heap_lock("free"); __libc_free(block); }
+
+extern "C" int gettimeofday(struct timeval* tv, void*) noexcept
+{
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    *tv = {now.tv_sec, now.tv_nsec / 1000};
+    if (raise_in_clock > 0 && --raise_in_clock == 0)
+        raise(SIGUSR1);
+    return 0;
+}
+
+// With an argument the handler behind the stand-ins is an unsafe one, to show that they notice.
+int main(int argc, char**)
+{
+    alarm(30);
+    const a_ut_hist_id id = ut_hist_id_alloc("handler.c", 1, "work");
+    UT_HIST_LOC(at);
+    UT_HIST_BEG(&at, id, "begin", 1L);
+    UT_HIST_END(&at, id, "end", 2L);
+    UT_HIST_DATA(id, "block", "some bytes", 10L);
+    sigaction(SIGUSR1, nullptr, &library);
+    if (argc > 1)
+        library.sa_sigaction = [](int, siginfo_t*, void*) { fputs("unsafe", stderr); };
+    use_handler(0);
+
+    raise(SIGUSR1);  // opens a pending errout file
+    raise_in_malloc = 1;
+    free(malloc(100));
+
+    flockfile(stderr);  // this thread holds the stream's lock
+    raise(SIGUSR1);
+    funlockfile(stderr);
+    volatile int held = 0;
+    std::thread holder([&held] {  // another thread holds it, and stdout's
+        flockfile(stderr);
+        flockfile(stdout);
+        __atomic_store_n(&held, 1, __ATOMIC_SEQ_CST);
+        while (__atomic_load_n(&held, __ATOMIC_SEQ_CST) == 1)
+            usleep(100);
+        funlockfile(stdout);
+        funlockfile(stderr);
+    });
+    while (__atomic_load_n(&held, __ATOMIC_SEQ_CST) == 0)
+        usleep(100);
+    raise(SIGUSR1);
+    __atomic_store_n(&held, 2, __ATOMIC_SEQ_CST);
+    holder.join();
+
+    raise_in_clock = 1;  // the queue's lock is held, the record half written
+    UT_HIST_EV(id, "interrupted");
+    raise_in_clock = 3;  // a dump is running, with all locks
+    ut_hist_dump_to_log();
+
+    stack = static_cast<char*>(mmap(nullptr, stack_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    stack_t alternate = {};
+    alternate.ss_sp = stack;
+    alternate.ss_size = stack_size;
+    sigaltstack(&alternate, nullptr);
+    use_handler(SA_ONSTACK);
+    errno = 4242;
+    raise(SIGUSR1);
+    printf("errno %s, dumps %d, stack %s\n", errno == 4242 ? "kept" : "changed", dumps, deepest > 0 && deepest < 8192 ? "small" : "large");
+    if (deepest >= 8192)
+        printf("%zu\n", deepest);
+    return 0;
+}

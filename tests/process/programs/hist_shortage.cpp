@@ -1,0 +1,87 @@
+// hist_shortage.cpp: lets the k-th allocation fail, for every k, of start-up, of registering ids and of a whole life of
+// the history, and counts the blocks that are left.
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "corvex/corvex.h"
+
+namespace {
+
+long live = 0;     // blocks given out
+long fail_in = 0;  // the allocation that fails from now on; 0: none
+
+bool fails()
+{
+    return fail_in > 0 && --fail_in == 0;
+}
+
+void live_on(a_ut_hist_id id)
+{
+    UT_HIST_LOC(at);
+    for (int i = 0; i < 3; i++) {
+        UT_HIST_BEG(&at, id, "begin");
+        UT_HIST_DATA(id, "block", "bytes", 5L);
+        UT_HIST_END(&at, id, "end");
+    }
+    ut_hist_dump_to_log();
+}
+
+}  // namespace
+
+extern "C" void* __libc_malloc(size_t size);
+extern "C" void* __libc_calloc(size_t n, size_t size);
+extern "C" void __libc_free(void* block);
+extern "C" void* malloc(size_t size)
+{
+    void* block = fails() ? nullptr : __libc_malloc(size);
+    live += block != nullptr;
+    return block;
+}
+extern "C" void* calloc(size_t n, size_t size)
+{
+    void* block = fails() ? nullptr : __libc_calloc(n, size);
+    live += block != nullptr;
+    return block;
+}
+extern "C" void free(void* block)
+{
+    live -= block != nullptr;
+    __libc_free(block);
+}
+
+int main(int, char** argv)
+{
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    setenv("UT_HIST", argv[1], 1);
+    ut_hist_init();  // what the C library keeps for good it allocates now
+    live_on(ut_hist_id_alloc("f.c", 1, "id"));
+    ut_hist_fini();
+    const long before = live;
+    int off = 0, leaks = 0;
+    for (long k = 1;; k++) {
+        fail_in = k;
+        ut_hist_init();
+        const bool missed = fail_in == 0;
+        fail_in = 0;
+        off += ut_hist_debug == 0;
+        live_on(ut_hist_id_alloc("f.c", 1, "id"));
+        ut_hist_fini();
+        leaks += live != before;
+        if (!missed)
+            break;
+    }
+    for (long k = 1;; k++) {
+        ut_hist_init();
+        fail_in = k;
+        for (int i = 0; i < 30; i++)  // more locks than one batch of the pool
+            live_on(ut_hist_id_alloc("f.c", 1, "id"));
+        const bool missed = fail_in == 0;
+        fail_in = 0;
+        ut_hist_fini();
+        leaks += live != before;
+        if (!missed)
+            break;
+    }
+    printf("off %d, leaks %d\n", off, leaks);
+    return 0;
+}

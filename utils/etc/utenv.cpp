@@ -1,0 +1,20 @@
+// utenv.cpp: environment lookup (see utenv.h).
+#include "utils/etc/utenv.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+// Signal-safe.
+char* ut_getenv(const char* name, char* buf, size_t bufsize)
+{
+    const char* value = getenv(name);
+    if (value == nullptr)
+        return nullptr;
+    const size_t len = strnlen(value, bufsize - 1);
+    memcpy(buf, value, len);
+    memset(buf + len, 0, bufsize - len);
+    return buf;
+}
+
+// Signal-safe.
+char* ut_getenv2(const char* name) { return getenv(name); }

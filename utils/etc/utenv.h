@@ -1,0 +1,14 @@
+// utenv.h: environment lookup. Must not run while the environment is being changed; signal-safe otherwise.
+#ifndef ETC_UTENV_H
+#define ETC_UTENV_H
+
+#include <stddef.h>
+
+// Copies the value into buf (bufsize bytes, at least 1: cut to bufsize - 1 characters, the rest filled with NULs) and
+// returns buf; null, and buf untouched, when the variable is not set.
+char* ut_getenv(const char* name, char* buf, size_t bufsize);
+
+// The environment's own text, not to be changed or released; null when the variable is not set.
+char* ut_getenv2(const char* name);
+
+#endif

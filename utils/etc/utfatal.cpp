@@ -1,0 +1,14 @@
+// utfatal.cpp: the fatal-error report. The process goes on; the caller handles the failed operation. Not
+// signal-safe.
+#include "utils/etc/utfatal.h"
+
+#include <stdio.h>
+
+#include "utils/etc/errorlog.h"
+
+void ut_fatal(const char* str)
+{
+    const char* message = str != nullptr ? str : "Unknown error";
+    GenerateErrorLog(message, "Tessaline");
+    printf("%s\n", message);
+}

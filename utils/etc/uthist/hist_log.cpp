@@ -1,0 +1,386 @@
+// hist_log.cpp: writes dumps to the log file or the errout stream: on request, at shut-down, and on SIGUSR1.
+//
+// One dump runs at a time (hist.dump_state, hist_store.h), so that no dump's text gets into another's and
+// there is one set of buffers. A SIGUSR1 that finds a dump running never waits: it leaves a request, and that
+// dump writes another one when it is done. Ordinary dumps wait for a running one, before that taking all
+// queue locks.
+//
+// Errout: need_to_open_errout is exchanged, so that exactly one thread opens the file. The handler opens a
+// pending file by descriptor; Open_Errout makes the stream for it later.
+//
+// The log goes out through a descriptor everywhere; the errout stream through its FILE* outside the handler.
+#include "utils/etc/uthist/hist_log.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include "utils/etc/uthist/hist_clock.h"
+#include "utils/etc/uthist/hist_config.h"
+#include "utils/etc/uthist/hist_events.h"
+#include "utils/etc/uthist/hist_stats.h"
+#include "utils/unix/unixsigs.h"
+
+namespace {
+
+// The errout stream's descriptor, for the handler; and whether the handler opened it, so that it has no stream yet.
+int errout_fd = STDERR_FILENO;
+int32 errout_without_stream = 0;
+
+struct sigaction hist_signal_oldhandler;  // the whole disposition of SIGUSR1 before the history's own
+
+constexpr char dumping_to[] = "********** Dumping history to (";
+
+// Opens as fopen does with mode "a" or "w", but not for programs that the process starts.
+// Signal-safe.
+int open_file(const char* name)
+{
+    const int mode = hist_cfg.ut_hist_dump_append != 0 ? O_APPEND : O_TRUNC;
+    int fd;
+    do
+        fd = open(name, O_WRONLY | O_CREAT | O_CLOEXEC | mode, 0666);
+    while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+// Not signal-safe: it allocates.
+FILE* open_stream(int fd)
+{
+    FILE* f = fdopen(fd, hist_cfg.ut_hist_dump_append != 0 ? "a" : "w");
+    if (f == nullptr)
+        close(fd);
+    return f;
+}
+
+// Signal-safe.
+const char* errout_name() { return __atomic_load_n(&hist_cfg.ut_hist_dump_err_name, __ATOMIC_RELAXED); }
+
+// Signal-safe.
+void fall_back_to_stderr() { __atomic_store_n(&hist_cfg.ut_hist_dump_err_name, stderr_str, __ATOMIC_RELAXED); }
+
+// Signal-safe.
+bool name_is_stderr() { return strcmp(errout_name(), stderr_str) == 0; }
+
+// Whether the caller is the one that opens the pending errout file. Relaxed: the exchange only picks one.
+// Signal-safe.
+bool take_pending() { return __atomic_exchange_n(&hist_cfg.need_to_open_errout, 0, __ATOMIC_RELAXED) != 0; }
+
+// Makes `fd` the errout stream; standard error when it could not be opened.
+// Not signal-safe: it allocates.
+void use_stream(int fd)
+{
+    FILE* f = fd >= 0 ? open_stream(fd) : nullptr;
+    if (hist_cfg.ut_hist_dump_err_file != stderr)
+        fclose(hist_cfg.ut_hist_dump_err_file);
+    hist_cfg.ut_hist_dump_err_file = f != nullptr ? f : stderr;
+    if (f == nullptr)
+        fall_back_to_stderr();
+    __atomic_store_n(&errout_fd, f != nullptr ? fd : STDERR_FILENO, __ATOMIC_RELAXED);
+}
+
+// Signal-safe.
+void put_timestamp_line(a_hist_text& out)
+{
+    out.str("@ ");
+    hist_put_timestamp(out);
+    out.str(" ..........");
+    out.eol();
+}
+
+// Not signal-safe: it opens a stream.
+void begin_errout_stream(a_hist_text& out)
+{
+    Open_Errout();
+    out.to_file(hist_cfg.ut_hist_dump_err_file);
+    put_timestamp_line(out);
+}
+
+// Signal-safe.
+void begin_errout_fd(a_hist_text& out)
+{
+    if (take_pending() && !name_is_stderr()) {
+        const int fd = open_file(errout_name());
+        if (fd >= 0) {
+            __atomic_store_n(&errout_fd, fd, __ATOMIC_RELAXED);
+            __atomic_store_n(&errout_without_stream, 1, __ATOMIC_RELEASE);
+        } else {
+            fall_back_to_stderr();
+        }
+    }
+    out.to_fd(__atomic_load_n(&errout_fd, __ATOMIC_RELAXED));
+    put_timestamp_line(out);
+}
+
+// Signal-safe.
+void put_tables(a_ut_hist_dump& f)
+{
+    ut_hist_dump_to_file_i_ev(f);
+    ut_hist_dump_to_file_i_dur(f);
+    ut_hist_dump_to_file_tail(f);
+    f.out.flush();
+}
+
+// The number of the last event, as the reports show it. Relaxed: it is only shown.
+// Signal-safe.
+void put_count(a_hist_text& out)
+{
+    out.str(" # ");
+    out.dec(__atomic_load_n(&hist.hist_count, __ATOMIC_RELAXED));
+}
+
+// One report line about a dump to the log file.
+// Signal-safe when begin_errout is.
+void report(a_ut_hist_dump& f, const char* end)
+{
+    if (hist_cfg.ut_hist_dump_report == 0)
+        return;
+    f.begin_errout(f.out);
+    f.out.str(dumping_to);
+    f.out.str(hist_cfg.ut_hist_dump_log_name);
+    f.out.chr(')');
+    put_count(f.out);
+    f.out.str(end);
+    f.out.eol();
+    f.out.flush();
+}
+
+// Signal-safe when begin_errout is.
+void dump_to_fd(a_ut_hist_dump& f, int fd)
+{
+    report(f, "");
+    f.out.to_fd(fd);
+    put_tables(f);
+    close(fd);
+    report(f, " done");
+}
+
+// Signal-safe when begin_errout is.
+void dump_to_errout(a_ut_hist_dump& f)
+{
+    f.begin_errout(f.out);
+    if (hist_cfg.ut_hist_dump_log_name != nullptr) {
+        f.out.str("********** Failed to dump to (");
+        f.out.str(hist_cfg.ut_hist_dump_log_name);
+        f.out.str(") - dumping to ");
+        f.out.str(errout_name());
+        put_count(f.out);
+        f.out.eol();
+    }
+    put_tables(f);
+}
+
+// A dump on signal: no stream, no lock. The caller has claimed the dump.
+// Signal-safe.
+void dump_by_descriptor()
+{
+    hist.dump->begin_errout = begin_errout_fd;
+    ut_hist_dump_to_log_i(*hist.dump);
+}
+
+// Moves the dump from one state to another if it is in that one. Acquire and release: the next dump finds the buffers
+// as the last one left them.
+// Signal-safe.
+bool move_dump(int32 from, int32 to)
+{
+    return __atomic_compare_exchange_n(&hist.dump_state, &from, to, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+}
+
+// Signal-safe.
+bool running() { return __atomic_load_n(&hist.hist_initialized, __ATOMIC_ACQUIRE); }
+
+// Signal-safe.
+void signal_handler_with_context(int signal_number, siginfo_t*, void*) { ut_hist_signal_handler(signal_number); }
+
+// SIGUSR1 as it was before, or ignored where nothing handled it.
+// Signal-safe.
+void restore_signal()
+{
+    if (unix_saved_handler(&hist_signal_oldhandler) != nullptr) {
+        unix_restore_signal(SIGUSR1, &hist_signal_oldhandler);
+        return;
+    }
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN;
+    unix_restore_signal(SIGUSR1, &ignore);
+}
+
+// The history's own handler, found in force already, is not taken for an earlier one.
+// Signal-safe.
+a_bool install_signal()
+{
+    struct sigaction old;
+    if (!unix_handle_signal_keeping(SIGUSR1, signal_handler_with_context, &old))
+        return FALSE;
+    if (unix_saved_handler(&old) != signal_handler_with_context)
+        hist_signal_oldhandler = old;
+    return TRUE;
+}
+
+}  // namespace
+
+// ---- the errout stream ----
+
+// Opens the errout stream if that is still pending; standard error stands in for a file that cannot be opened.
+// Not signal-safe: it opens a stream.
+void Open_Errout()
+{
+    if (__atomic_exchange_n(&errout_without_stream, 0, __ATOMIC_ACQUIRE) != 0)
+        use_stream(__atomic_load_n(&errout_fd, __ATOMIC_RELAXED));
+    if (take_pending() && !name_is_stderr())
+        use_stream(open_file(errout_name()));
+}
+
+// Not signal-safe: it closes a stream.
+void Close_Errout()
+{
+    if (__atomic_exchange_n(&errout_without_stream, 0, __ATOMIC_ACQUIRE) != 0)
+        use_stream(__atomic_load_n(&errout_fd, __ATOMIC_RELAXED));
+    if (hist_cfg.ut_hist_dump_err_file == stderr)
+        return;
+    __atomic_store_n(&errout_fd, STDERR_FILENO, __ATOMIC_RELAXED);
+    fclose(hist_cfg.ut_hist_dump_err_file);
+    hist_cfg.ut_hist_dump_err_file = stderr;
+    fall_back_to_stderr();
+}
+
+// Opens the errout stream and begins a group of messages on it with the timestamp line.
+// Not signal-safe: it prints.
+FILE* hist_begin_message()
+{
+    char now[hist_timestamp_size];
+    Open_Errout();
+    fprintf(hist_cfg.ut_hist_dump_err_file, "@ %s ..........%s", ut_hist_cur_timestamp_str(now), hist_cfg.ut_hist_eol);
+    return hist_cfg.ut_hist_dump_err_file;
+}
+
+// ---- dumps ----
+
+// Makes the caller the one whose dump runs, waiting for another thread's. Its own thread's cannot be running: a dump
+// calls nobody.
+// Not signal-safe: it waits.
+void hist_dump_claim()
+{
+    while (!move_dump(DUMP_IDLE, DUMP_RUNNING))
+        sched_yield();
+}
+
+// Ends the caller's dump, after the dumps that were asked for by signal meanwhile.
+// Signal-safe.
+void hist_dump_release()
+{
+    while (!move_dump(DUMP_RUNNING, DUMP_IDLE)) {
+        if (!move_dump(DUMP_WANTED, DUMP_RUNNING))
+            return;  // a fork in a handler has ended it for the child
+        if (running())
+            dump_by_descriptor();
+    }
+}
+
+// The dump itself, into the log file or else the errout stream. The caller has claimed the dump and set begin_errout.
+// Signal-safe when begin_errout is.
+void ut_hist_dump_to_log_i(a_ut_hist_dump& f)
+{
+    const char* log = hist_cfg.ut_hist_dump_log_name;
+    const int fd = log != nullptr ? open_file(log) : -1;
+    if (fd >= 0)
+        dump_to_fd(f, fd);
+    else
+        dump_to_errout(f);
+}
+
+// Not signal-safe: it locks.
+void ut_hist_dump_to_file(FILE* f)
+{
+    if (hist.hist_evs == nullptr)
+        return;
+    const a_hist_lock_all lock;
+    hist_dump_claim();
+    hist_zone_refresh();
+    hist.dump->out.to_file(f);
+    put_tables(*hist.dump);
+    hist_dump_release();
+}
+
+// Not signal-safe: it locks.
+void ut_hist_dump_to_log(void)
+{
+    if (hist.hist_evs == nullptr)
+        return;
+    UT_HIST_EV(UT_HIST_ID_NONE, "PROGRAM DUMP");
+    const a_hist_lock_all lock;
+    hist_dump_to_log_unlocked();
+}
+
+// A dump outside the handler by a caller that holds all queue locks or that nobody records beside.
+// Not signal-safe: it waits and prints.
+void hist_dump_to_log_unlocked()
+{
+    hist_dump_claim();
+    hist_zone_refresh();
+    hist.dump->begin_errout = begin_errout_stream;
+    ut_hist_dump_to_log_i(*hist.dump);
+    fflush(hist_cfg.ut_hist_dump_err_file);
+    hist_dump_release();
+}
+
+// ---- SIGUSR1 ----
+
+// Dumps now, or has the dump that is running write another one. Keeps errno.
+// Signal-safe.
+void ut_hist_signal_handler(int)
+{
+    const int kept = errno;
+    while (running()) {
+        if (move_dump(DUMP_IDLE, DUMP_RUNNING)) {
+            dump_by_descriptor();
+            hist_dump_release();
+            break;
+        }
+        if (move_dump(DUMP_RUNNING, DUMP_WANTED) || __atomic_load_n(&hist.dump_state, __ATOMIC_RELAXED) == DUMP_WANTED)
+            break;
+    }
+    errno = kept;
+}
+
+// Not signal-safe: it prints.
+void ut_hist_add_signal_handler()
+{
+    if (hist_cfg.ut_hist_z_messages > 1)
+        fprintf(hist_begin_message(), "** HISTORY z-messages ** add signal handler ...%s", hist_cfg.ut_hist_eol);
+    const a_bool installed = install_signal();
+    if (hist_cfg.ut_hist_z_messages <= 1)
+        return;
+    fprintf(hist_cfg.ut_hist_dump_err_file, "** HISTORY z-messages ** add signal handler done = %d%s", int(installed),
+            hist_cfg.ut_hist_eol);
+    fflush(hist_cfg.ut_hist_dump_err_file);
+}
+
+// Not signal-safe: it prints.
+void ut_hist_del_signal_handler()
+{
+    if (hist_cfg.ut_hist_z_messages > 1)
+        fprintf(hist_begin_message(), "** HISTORY z-messages ** del signal handler ...%s", hist_cfg.ut_hist_eol);
+    restore_signal();
+    if (hist_cfg.ut_hist_z_messages <= 1)
+        return;
+    fprintf(hist_cfg.ut_hist_dump_err_file, "** HISTORY z-messages ** del signal handler done%s", hist_cfg.ut_hist_eol);
+    fflush(hist_cfg.ut_hist_dump_err_file);
+}
+
+// Installs the handler unless that has been done since start-up. Relaxed: the exchange only picks the one who does.
+// Not signal-safe: it prints.
+void hist_install_signal_handler_once()
+{
+    if (__atomic_load_n(&hist.sig_handler_installed, __ATOMIC_RELAXED) == 0 &&
+        __atomic_exchange_n(&hist.sig_handler_installed, 1, __ATOMIC_RELAXED) == 0)
+        ut_hist_add_signal_handler();
+}
+
+// Option S leaves the handler in place at shut-down; the code behind it goes when the library is unloaded.
+// Signal-safe.
+void hist_remove_signal_handler_at_unload()
+{
+    if (unix_current_handler(SIGUSR1) == signal_handler_with_context)
+        restore_signal();
+}

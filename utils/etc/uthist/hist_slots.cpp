@@ -1,0 +1,118 @@
+// hist_slots.cpp: claims dense thread slots (the owner word's life is drawn in hist_slots.h).
+//
+// Invariant: a live thread owns at most one slot. A signal handler may record, and so claim, in the middle of
+// the claim that it interrupted; whoever finds hist_my_slot set after its own claim gives that one back. No
+// locks; everything here is signal-safe.
+#include "utils/etc/uthist/hist_slots.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+constinit __attribute__((tls_model("initial-exec"))) thread_local uint32 hist_my_slot = 0;
+
+namespace {
+
+// A thread that found no slot looks for dead owners again only every so many events: it costs 256 system calls.
+constexpr uint32 sweep_interval = 16;
+constinit __attribute__((tls_model("initial-exec"))) thread_local uint32 events_until_sweep = 0;
+
+uint64 owners[hist_max_threads];  // owner word: generation in the high half, thread id (0: free) in the low half
+
+constexpr uint32 tid_of(uint64 owner) { return uint32(owner); }
+constexpr uint64 successor(uint64 owner, uint32 tid) { return ((owner >> 32) + 1) << 32 | tid; }
+
+// Relaxed: the word is all that is read, and every change of it is a compare-and-swap.
+// Signal-safe.
+uint64 owner_of(uint32 slot) { return __atomic_load_n(&owners[slot], __ATOMIC_RELAXED); }
+
+// Acquire and release: the next owner sees the slot's state as the last one left it.
+// Signal-safe.
+bool change_owner(uint32 slot, uint64 from, uint32 tid)
+{
+    return __atomic_compare_exchange_n(&owners[slot], &from, successor(from, tid), false, __ATOMIC_ACQ_REL,
+                                       __ATOMIC_RELAXED);
+}
+
+// A slot that bears the caller's id although the caller has none belonged to a dead thread with the same id, or to the
+// claim that this one interrupted.
+// Signal-safe.
+bool adopt(uint32 tid, uint32& slot)
+{
+    for (slot = 0; slot < hist_max_threads; slot++) {
+        const uint64 owner = owner_of(slot);
+        if (tid_of(owner) == tid && change_owner(slot, owner, tid))
+            return true;
+    }
+    return false;
+}
+
+// Frees the slots of threads that have ended.
+// Signal-safe.
+void sweep()
+{
+    const pid_t process = getpid();
+    for (uint32 slot = 0; slot < hist_max_threads; slot++) {
+        const uint64 owner = owner_of(slot);
+        if (tid_of(owner) != 0 && tgkill(process, pid_t(tid_of(owner)), 0) != 0 && errno == ESRCH)
+            change_owner(slot, owner, 0);
+    }
+}
+
+// Signal-safe.
+bool claim_lowest(uint32 tid, uint32& slot)
+{
+    for (slot = 0; slot < hist_max_threads; slot++) {
+        const uint64 owner = owner_of(slot);
+        if (tid_of(owner) == 0 && change_owner(slot, owner, tid))
+            return true;
+    }
+    return false;
+}
+
+// Signal-safe.
+uint32 claim()
+{
+    const uint32 tid = uint32(gettid());
+    uint32 slot;
+    if (!adopt(tid, slot)) {
+        sweep();
+        if (!claim_lowest(tid, slot)) {
+            events_until_sweep = sweep_interval;
+            return hist_max_threads;
+        }
+    }
+    if (hist_my_slot != 0) {
+        if (hist_my_slot - 1 != slot)
+            change_owner(slot, owner_of(slot), 0);
+        return hist_my_slot - 1;
+    }
+    hist_reset_thread(hist.threads[slot]);
+    hist_my_slot = slot + 1;
+    return slot;
+}
+
+}  // namespace
+
+// The calling thread's new slot, or 256 while 256 live threads hold one. Keeps errno.
+// Signal-safe.
+uint32 hist_claim_slot()
+{
+    if (events_until_sweep != 0) {
+        events_until_sweep--;
+        return hist_max_threads;
+    }
+    const int kept = errno;
+    const uint32 slot = claim();
+    errno = kept;
+    return slot;
+}
+
+// The child's only thread keeps its slot under its new id; the slots of the parent's other threads are free.
+// Signal-safe.
+void hist_slots_fork_child()
+{
+    const uint32 mine = hist_my_slot;
+    events_until_sweep = 0;
+    for (uint32 slot = 0; slot < hist_max_threads; slot++)
+        change_owner(slot, owner_of(slot), slot + 1 == mine ? uint32(gettid()) : 0);
+}

@@ -1,0 +1,39 @@
+// hist_slots.h: which of the 256 thread slots the calling thread records under.
+//
+// Literal rule (the default): the low 10 bits of pthread_self(); slots above 255 do not record.
+// Dense rule (UT_HIST_THREAD_SLOT=dense): every live thread gets the lowest free number at its first event
+// and keeps it until it ends. A slot's owner word moves like this:
+//
+//     free, g --claim--> tid, g+1 --the kernel no longer knows tid--> free, g+2
+//                          |  ^
+//                          +--+ adopted by a new thread that got the same id: tid, g+2
+//
+// The generation g makes the compare-and-swap of a thread that saw a dead owner fail when the slot has been
+// adopted meanwhile. No lock, no allocation; both rules are signal-safe.
+#ifndef UTHIST_HIST_SLOTS_H
+#define UTHIST_HIST_SLOTS_H
+
+#include <pthread.h>
+
+#include "utils/etc/uthist/hist_config.h"
+
+inline constexpr uint32 thread_slot_mask = 0x3FF;
+
+// The calling thread's dense slot plus 1; 0 while it has none. initial-exec: the first touch of a lazily allocated
+// thread-local variable would allocate, which a signal handler may not.
+extern constinit __attribute__((tls_model("initial-exec"))) thread_local uint32 hist_my_slot;
+
+uint32 hist_claim_slot();
+void hist_slots_fork_child();
+
+// The calling thread's slot; above 255 when it has none.
+// Signal-safe.
+inline uint32 hist_thread_slot()
+{
+    if (hist_cfg.dense_slots == 0)
+        return uint32(a_ptrint(pthread_self())) & thread_slot_mask;
+    const uint32 mine = hist_my_slot;
+    return __builtin_expect(mine != 0, 1) ? mine - 1 : hist_claim_slot();
+}
+
+#endif

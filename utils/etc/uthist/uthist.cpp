@@ -1,0 +1,106 @@
+// uthist.cpp: start-up and shut-down of the event history, and its part in a forked child.
+//
+// States: off (no store) -> running (hist_initialized) -> shut down (store freed, or kept with option x-).
+// Start-up gets the whole store or leaves the history off. Shut-down closes the dump before it frees the
+// store, so that a SIGUSR1 that comes at that moment finds none. No locks: both run while nobody else uses
+// the history. Only the fork and the unload step are signal-safe.
+#include "utils/etc/uthist/uthist.h"
+
+#include "utils/etc/uthist/hist_config.h"
+#include "utils/etc/uthist/hist_log.h"
+#include "utils/etc/uthist/hist_slots.h"
+#include "utils/unix/utptmutex.h"
+
+namespace {
+
+// Not signal-safe: it prints.
+void say_fini(const char* text)
+{
+    if (hist_cfg.ut_hist_z_messages > 1)
+        fprintf(hist_begin_message(), "** HISTORY z-messages ** fini %s%s", text, hist_cfg.ut_hist_eol);
+}
+
+// Frees the store unless option x- keeps it.
+// Not signal-safe: it frees.
+void clean_up()
+{
+    if (hist_cfg.ut_hist_exit_cleanup <= 0)
+        return;
+    hist_dump_claim();
+    __atomic_store_n(&hist.dump_state, DUMP_CLOSED, __ATOMIC_RELEASE);
+    hist_store_free(hist_cfg.ut_hist_exit_cleanup > 1);
+}
+
+// Frees one lock in the child, whoever of the parent held it.
+// Signal-safe.
+void free_lock(a_critical_sect& section) { ut_safe_pthread_mutex_fork_child(&section); }
+
+}  // namespace
+
+// Not signal-safe: it allocates and prints.
+void ut_hist_init(void)
+{
+    if (!hist_read_environment())
+        return;
+    hist_write_settings();
+    if (!hist_store_alloc()) {
+        ut_hist_setting(UT_HIST_SET_EVENTS_OFF);
+        Close_Errout();
+        return;
+    }
+    __atomic_store_n(&hist.dump_state, DUMP_IDLE, __ATOMIC_RELEASE);
+    if (hist_cfg.ut_hist_dump_on_sig == 1)
+        hist_install_signal_handler_once();
+    // Release: who sees the history running sees its store.
+    __atomic_store_n(&hist.hist_ok_to_dump, true, __ATOMIC_RELEASE);
+    __atomic_store_n(&hist.hist_initialized, true, __ATOMIC_RELEASE);
+    if (hist_cfg.ut_hist_z_messages > 1) {
+        fprintf(hist_cfg.ut_hist_dump_err_file, "** HISTORY z-messages ** init done%s", hist_cfg.ut_hist_eol);
+        fflush(hist_cfg.ut_hist_dump_err_file);
+    }
+}
+
+// Not signal-safe: it prints and frees.
+void ut_hist_fini(void)
+{
+    if (!hist.hist_initialized)
+        return;
+    __atomic_store_n(&hist.hist_initialized, false, __ATOMIC_RELEASE);
+    say_fini("...");
+    if (hist_cfg.ut_hist_dump_on_sig == 1 && __atomic_load_n(&hist.sig_handler_installed, __ATOMIC_RELAXED) != 0) {
+        __atomic_store_n(&hist.sig_handler_installed, 0, __ATOMIC_RELAXED);
+        ut_hist_del_signal_handler();
+    }
+    if (hist_cfg.ut_hist_dump_on_fini != 0)
+        hist_dump_to_log_unlocked();
+    clean_up();
+    say_fini("done");
+    Close_Errout();
+}
+
+// Frees every lock of the history and forgets what the parent's other threads were doing, so that the child can record
+// and dump at once. Records that they were writing stay odd, and so unread.
+// Signal-safe.
+void ut_hist_fork_child()
+{
+    __atomic_add_fetch(&hist.fork_count, 1u, __ATOMIC_RELAXED);
+    hist_slots_fork_child();
+    for (a_ut_hist_thread& thread : hist.threads)
+        for (int32& recursing : thread.recursing)
+            __atomic_store_n(&recursing, 0, __ATOMIC_RELAXED);
+    if (hist.hist_evs == nullptr)
+        return;
+    if (hist.dump_state != DUMP_CLOSED)
+        __atomic_store_n(&hist.dump_state, DUMP_IDLE, __ATOMIC_RELEASE);
+    for (int32 q = 0; q < hist_cfg.hist_num_q; q++)
+        free_lock(hist.hist_evs[q].mutex);
+    if (hist.hist_ids == nullptr)
+        return;
+    free_lock(hist.hist_ids_mutex);
+    for (int32 i = 0; i < hist.hist_num_ids; i++)
+        for (a_ut_hist_timer_list& list : hist.hist_ids[i].by_key)
+            free_lock(list.mutex);
+}
+
+// Signal-safe.
+void ut_hist_unload() { hist_remove_signal_handler_at_unload(); }

@@ -1,0 +1,38 @@
+// unixfork.cpp: marks a process created by fork. The handlers are tied to the library: the system drops them
+// when it is unloaded. The mark is one word, changed right after a fork (where only one thread exists) and by
+// a reset.
+#include <pthread.h>
+
+#include "corvex/forkprotection.h"
+
+namespace {
+
+int initialization_count = 0;
+a_bool in_child_process = FALSE;
+
+// Signal-safe.
+void atfork_prepare() {}
+
+// Signal-safe.
+void atfork_parent() {}
+
+// Signal-safe.
+void atfork_child() { __atomic_store_n(&in_child_process, TRUE, __ATOMIC_RELAXED); }
+
+}  // namespace
+
+// Not signal-safe: the registration allocates.
+void UnixForkProtection_Init()
+{
+    if (initialization_count++ > 0)
+        return;
+    in_child_process = FALSE;
+    pthread_atfork(atfork_prepare, atfork_parent, atfork_child);
+}
+
+// Relaxed: the mark orders nothing.
+// Signal-safe.
+a_bool UnixForkProtection_IsChild() { return __atomic_load_n(&in_child_process, __ATOMIC_RELAXED) != FALSE; }
+
+// Signal-safe.
+void UnixForkProtection_Reset() { __atomic_store_n(&in_child_process, FALSE, __ATOMIC_RELAXED); }

@@ -1,0 +1,87 @@
+// unixsigs.cpp: signal dispositions and masks (see unixsigs.h). No state, no locks; everything here is
+// signal-safe.
+#include "utils/unix/unixsigs.h"
+
+#include <pthread.h>
+
+namespace {
+
+// Signal-safe.
+bool has_alternate_stack()
+{
+    stack_t stack;
+    return sigaltstack(nullptr, &stack) == 0 && (stack.ss_flags & SS_DISABLE) == 0;
+}
+
+// Signal-safe.
+void change_mask(int how, int signal_number)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signal_number);
+    pthread_sigmask(how, &set, nullptr);
+}
+
+}  // namespace
+
+// Signal-safe.
+a_bool unix_handle_signal_keeping(int signal_number, a_signal_handler_func_with_context handler,
+                                  struct sigaction* previous)
+{
+    struct sigaction disposition = {};
+    disposition.sa_flags = SA_SIGINFO | SA_RESTART | (has_alternate_stack() ? SA_ONSTACK : 0);
+    disposition.sa_sigaction = handler;  // null is SIG_DFL
+    sigemptyset(&disposition.sa_mask);
+    sigaddset(&disposition.sa_mask, signal_number);
+    return sigaction(signal_number, &disposition, previous) == 0;
+}
+
+// Signal-safe.
+a_bool unix_handle_signal_with_context(int signal_number, a_signal_handler_func_with_context handler,
+                                       a_signal_handler_func_with_context* pprev_handler)
+{
+    struct sigaction previous;
+    if (!unix_handle_signal_keeping(signal_number, handler, pprev_handler != nullptr ? &previous : nullptr))
+        return FALSE;
+    if (pprev_handler != nullptr)
+        *pprev_handler = unix_saved_handler(&previous);
+    return TRUE;
+}
+
+// Signal-safe.
+a_bool unix_restore_signal(int signal_number, const struct sigaction* disposition)
+{
+    return sigaction(signal_number, disposition, nullptr) == 0;
+}
+
+// Signal-safe.
+a_signal_handler_func_with_context unix_saved_handler(const struct sigaction* disposition)
+{
+    constexpr a_ptrint held = 2;
+    const a_ptrint value = reinterpret_cast<a_ptrint>(disposition->sa_sigaction);
+    const bool none = value == reinterpret_cast<a_ptrint>(SIG_DFL) || value == reinterpret_cast<a_ptrint>(SIG_IGN) ||
+                      value == held || value == reinterpret_cast<a_ptrint>(SIG_ERR);
+    return none ? nullptr : disposition->sa_sigaction;
+}
+
+// Signal-safe.
+a_signal_handler_func_with_context unix_current_handler(int signal_number)
+{
+    struct sigaction current;
+    return sigaction(signal_number, nullptr, &current) == 0 ? unix_saved_handler(&current) : nullptr;
+}
+
+// Signal-safe.
+void unix_hold_signal(int signal_number) { change_mask(SIG_BLOCK, signal_number); }
+
+// Signal-safe.
+void unix_release_signal(int signal_number) { change_mask(SIG_UNBLOCK, signal_number); }
+
+// Signal-safe.
+void unix_sigpause(int signal_number)
+{
+    sigset_t set;
+    pthread_sigmask(SIG_BLOCK, nullptr, &set);
+    sigdelset(&set, signal_number);
+    sigsuspend(&set);
+}

@@ -1,0 +1,202 @@
+// utcore.cpp: installs the library's handler for nine signals, and decides on each delivery whether an
+// earlier handler gets the signal or the library cleans up and aborts the process.
+//
+// Whole dispositions are saved and put back; the library's own handler is never saved as an earlier one.
+// Installation and removal run at start-up and shut-down, not beside each other. No locks. The handler and
+// all that it calls are signal-safe; the saved dispositions that it reads change only while handlers are
+// installed or removed.
+#include "utils/unix/utcore.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include "utils/etc/utenv.h"
+#include "utils/unix/unixsigs.h"
+#include "utils/unix/utonsig.h"
+
+namespace {
+
+constexpr size_t env_size = 8;
+constexpr unsigned default_delay = 2;  // seconds before the abort
+constexpr unsigned max_delay = 3600;   // a process that is to die does so within the hour
+
+// A handled signal: whether it is a crash signal (its core dump is allowed), and the disposition in force before the
+// library's, all zero (the default action) for none.
+struct a_handled_signal {
+    int signal;
+    bool crash;
+    struct sigaction oldhandler;
+};
+// In the order in which they are installed and removed, the crash signals first.
+a_handled_signal handled[] = {
+    {SIGILL, true, {}},  {SIGABRT, true, {}}, {SIGBUS, true, {}},   {SIGFPE, true, {}},   {SIGSEGV, true, {}},
+    {SIGHUP, false, {}}, {SIGINT, false, {}}, {SIGQUIT, false, {}}, {SIGTERM, false, {}},
+};
+
+a_bool sig_handlers_installed = FALSE;
+a_bool install_sig_handlers_at_lib_init = FALSE;
+a_bool linux_kill_other_threads = FALSE;
+int aborting = 0;  // 1 once the handler has aborted the process
+
+void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context);
+
+// The signal's row; null for one that the library does not handle.
+// Signal-safe.
+a_handled_signal* find_handled(int sig)
+{
+    for (a_handled_signal& row : handled)
+        if (row.signal == sig)
+            return &row;
+    return nullptr;
+}
+
+// The ignore disposition counts as none: after a removal the signal has its default action.
+// Signal-safe.
+void install(a_handled_signal& row)
+{
+    struct sigaction previous;
+    if (!unix_handle_signal_keeping(row.signal, ut_onsig_sig_handler, &previous))
+        return;
+    const a_signal_handler_func handler = unix_saved_handler(&previous);
+    if (handler == nullptr)
+        row.oldhandler = {};
+    else if (handler != ut_onsig_sig_handler)
+        row.oldhandler = previous;
+}
+
+// Signal-safe.
+void remove(a_handled_signal& row)
+{
+    unix_restore_signal(row.signal, &row.oldhandler);
+    row.oldhandler = {};
+}
+
+// Installs the library's handler again, to learn what was in force, and puts that back whole: another handler,
+// installed after it, has passed the signal on; or the library's own, which keeps the alternate stack of the thread
+// that installed it.
+// Signal-safe.
+a_bool reached_through_another(int sig)
+{
+    struct sigaction in_force;
+    if (!unix_handle_signal_keeping(sig, ut_onsig_sig_handler, &in_force))
+        return FALSE;
+    unix_restore_signal(sig, &in_force);
+    return in_force.sa_sigaction != ut_onsig_sig_handler;
+}
+
+// Leading decimal digits; anything else, a minus sign included, reads as 0.
+// Signal-safe.
+unsigned read_delay(const char* text)
+{
+    unsigned seconds = 0;
+    for (; *text >= '0' && *text <= '9'; text++)
+        seconds = seconds * 10 + unsigned(*text - '0');
+    return seconds < max_delay ? seconds : max_delay;
+}
+
+// Signal-safe.
+void delay_abort()
+{
+    char value[env_size];
+    const bool set = ut_getenv("ZT_LINUX_COREDUMP_DELAY", value, sizeof value) != nullptr;
+    if (set || linux_kill_other_threads)
+        sleep(set && value[0] != '\0' ? read_delay(value) : default_delay);
+}
+
+// A crash-only installation is still in place for SIGABRT: the first abort comes back to the handler, which runs the
+// chain once more; the second one must end the process.
+// Signal-safe.
+[[noreturn]] void abort_process()
+{
+    if (__atomic_exchange_n(&aborting, 1, __ATOMIC_RELAXED) != 0) {
+        const struct sigaction default_action = {};
+        unix_restore_signal(SIGABRT, &default_action);
+    }
+    abort();
+}
+
+// Signal-safe.
+void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context)
+{
+    const a_handled_signal* row = find_handled(sig);
+    const a_signal_handler_func earlier = row != nullptr ? unix_saved_handler(&row->oldhandler) : nullptr;
+    const a_bool chaining = earlier != nullptr;
+    const a_bool cleanup = !chaining;
+    const a_bool chained = reached_through_another(sig);
+    if (cleanup)
+        __atomic_store_n(&will_do_cleanup, 1, __ATOMIC_RELEASE);
+    ut_onsig_call_now(sig, chained, chaining, cleanup, siginfo, context);
+    if (chaining) {
+        earlier(sig, siginfo, context);
+        return;
+    }
+    ut_onsig_remove_signal_handlers();
+    if (row != nullptr && !row->crash)
+        ut_want_no_core();
+    delay_abort();
+    abort_process();
+}
+
+}  // namespace
+
+// Not signal-safe: sscanf.
+void ut_onsig_init()
+{
+    install_sig_handlers_at_lib_init = TRUE;
+    struct utsname system;
+    int major, minor, patch;
+    if (uname(&system) == 0 && sscanf(system.release, "%d.%d.%d", &major, &minor, &patch) >= 2 && major == 2 &&
+        minor <= 4)
+        linux_kill_other_threads = TRUE;
+}
+
+// Signal-safe.
+void ut_onsig_fini() { ut_onsig_remove_signal_handlers(); }
+
+// Not signal-safe: it changes what the handler reads.
+void ut_onsig_install_signal_handlers(a_bool called_during_lib_init)
+{
+    if ((called_during_lib_init && !install_sig_handlers_at_lib_init) || sig_handlers_installed)
+        return;
+    char mode[env_size] = "";
+    ut_getenv("ZT_INSTALL_SIG_HANDLERS", mode, sizeof mode);
+    if (mode[0] == 'N' || mode[0] == 'n')
+        return;
+    const bool crash_only = mode[0] == 'C' || mode[0] == 'c' || mode[0] == 'S' || mode[0] == 's';
+    sig_handlers_installed = !crash_only;
+    for (a_handled_signal& row : handled)
+        if (row.crash || !crash_only)
+            install(row);
+}
+
+// Signal-safe.
+void ut_onsig_remove_signal_handlers()
+{
+    // Exchanged: of two threads that are hit by signals at once only one takes the handlers away.
+    if (!__atomic_exchange_n(&sig_handlers_installed, FALSE, __ATOMIC_ACQ_REL))
+        return;
+    for (a_handled_signal& row : handled)
+        remove(row);
+}
+
+// Signal-safe.
+void ut_onsig_unload()
+{
+    for (a_handled_signal& row : handled)
+        if (unix_current_handler(row.signal) == ut_onsig_sig_handler)
+            remove(row);
+}
+
+// Signal-safe.
+void ut_want_no_core(void)
+{
+    char value[env_size];
+    struct rlimit limit;
+    if (ut_getenv("ZT_ALWAYS_GEN_CORE", value, sizeof value) != nullptr || getrlimit(RLIMIT_CORE, &limit) != 0)
+        return;
+    limit.rlim_cur = 0;
+    setrlimit(RLIMIT_CORE, &limit);
+}

@@ -1,0 +1,93 @@
+// utonsig.cpp: the chain of prioritised on-signal callbacks: eight slots in static storage.
+//
+// A slot is free while func is null. It is claimed by a compare-and-swap of func from null, after which the
+// claimer stores priority and arg; it is freed by a store of null, which leaves both as they were. No locks,
+// no allocation: everything here is signal-safe. A chain that runs between a claim and its two stores calls
+// the new func with the slot's last priority and arg; registering before handlers are installed avoids that.
+#include "utils/unix/utonsig.h"
+
+#include "utils/etc/utcswap.h"
+
+int will_do_cleanup = 0;
+
+namespace {
+
+struct a_sig_handler {
+    int priority;
+    a_sig_handler_func func;  // null: the slot is free
+    void* arg;
+};
+
+constexpr int num_slots = 8;
+constexpr int last_priority = 32000;  // the highest that runs
+constexpr int no_priority = last_priority + 1;
+
+a_sig_handler sig_handlers[num_slots];
+
+// Acquire: who sees a claimed slot's func sees what was stored before the claim.
+// Signal-safe.
+a_sig_handler_func func_of(const a_sig_handler& slot) { return __atomic_load_n(&slot.func, __ATOMIC_ACQUIRE); }
+
+// Relaxed here and below: one word, and no other depends on it.
+// Signal-safe.
+int priority_of(const a_sig_handler& slot) { return __atomic_load_n(&slot.priority, __ATOMIC_RELAXED); }
+
+// Signal-safe.
+bool claim(a_sig_handler& slot, a_sig_handler_func func)
+{
+    uint64 expected = 0;
+    return CSwap64(reinterpret_cast<uint64*>(&slot.func), &expected, uint64(reinterpret_cast<a_ptrint>(func))) != 0;
+}
+
+// The smallest priority above `last` among the registered ones; no_priority when there is none that runs. Each is read
+// once: a slot that is taken anew meanwhile must not bring a priority of `last` or below, which would repeat callbacks.
+// Signal-safe.
+int next_priority(int last)
+{
+    int found = no_priority;
+    for (const a_sig_handler& slot : sig_handlers) {
+        if (func_of(slot) == nullptr)
+            continue;
+        const int priority = priority_of(slot);
+        if (priority > last && priority < found)
+            found = priority;
+    }
+    return found;
+}
+
+}  // namespace
+
+// Signal-safe.
+void* ut_onsig_call_add(int priority, a_sig_handler_func func, void* arg)
+{
+    for (a_sig_handler& slot : sig_handlers)
+        if (claim(slot, func)) {
+            __atomic_store_n(&slot.priority, priority, __ATOMIC_RELAXED);
+            __atomic_store_n(&slot.arg, arg, __ATOMIC_RELAXED);
+            return &slot;
+        }
+    return nullptr;
+}
+
+// Signal-safe.
+void ut_onsig_call_del(void* void_p, a_sig_handler_func func)
+{
+    a_sig_handler* slot = static_cast<a_sig_handler*>(void_p);
+    if (slot != nullptr && func_of(*slot) == func)
+        __atomic_store_n(&slot->func, nullptr, __ATOMIC_RELEASE);
+}
+
+// Signal-safe.
+void ut_onsig_call_now(int sig, a_bool chained, a_bool chaining, a_bool cleanup, void* siginfo, void* context)
+{
+    for (int priority = -1; (priority = next_priority(priority)) <= last_priority;)
+        for (const a_sig_handler& slot : sig_handlers) {
+            // Read afresh: an earlier callback may have removed this one.
+            const a_sig_handler_func func = func_of(slot);
+            if (func != nullptr && priority_of(slot) == priority)
+                func(sig, __atomic_load_n(&slot.arg, __ATOMIC_RELAXED), chained, chaining, cleanup, siginfo, context);
+        }
+}
+
+// Signal-safe.
+int ut_onsig_will_do_cleanup(void) { return __atomic_load_n(&will_do_cleanup, __ATOMIC_ACQUIRE); }
