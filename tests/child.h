@@ -8,22 +8,19 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <string>
-
 #include <gtest/gtest.h>
 
 inline int child_pipe[2];
 
-// Adds to the child's text, in signal handlers too, so dprintf, which allocates, will not do.
+// Adds to the child's text, in signal handlers too.
 __attribute__((format(printf, 1, 2))) inline void say(const char* format, ...)
 {
     char text[100];
     va_list args;
     va_start(args, format);
-    const int size = vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    if (write(child_pipe[1], text, size_t(size)) != size)
+    if (write(child_pipe[1], text, size_t(vsnprintf(text, sizeof text, format, args))) < 0)
         _exit(126);
+    va_end(args);
 }
 
 struct a_child {

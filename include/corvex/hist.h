@@ -17,7 +17,9 @@
  *     UT_HIST_END(&at, query, "rows", row_count);       // its duration column is the time since BEG
  *
  * Signal handlers record with UT_HIST_ID_SIGHANDLER only: such an event takes no lock. Every other id may
- * need the queue lock that the interrupted thread holds.
+ * need the queue lock that the interrupted thread holds. An unlocked queue wants one writer at a time: queue 1 of
+ * the signal handlers too, which is also the own queue of thread slot 0 when queues are by thread (option q). When
+ * two write it at once nothing breaks, but their records may mix.
  *
  * Nothing here reports failure: lost events and samples are counted and shown by the dump.
  */
@@ -81,13 +83,16 @@ extern CORVEX_API int32 ut_hist_debug;
 
 /* Records one event. It does not test ut_hist_debug.
  *   file, line  the call site; file may be null
- *   loc         null, or the location that this event's duration is measured from; afterwards it names this
- * event cl          the class; for UT_HIST_CL_DATA p1 is the block's address and p2 its length in bytes
- * (signed 64-bit; 0 and below store nothing; cut to the size of the queue's data ring) id          see
- * a_ut_hist_id ev          the event's text, may be null pn          how many of p1..p8 count, 0..8; a larger
- * value is stored as 8; a negative one is stored as it is and shows every parameter column of the dump Texts
- * are copied when option f is on (at most 23 characters of the file, the last ones; 15 of the id; 31 of the
- * event; see option m), else only their addresses are kept and the texts must stay valid until the last dump.
+ *   loc         null, or the location that this event's duration is measured from; afterwards it names this event
+ *   cl          the class; for UT_HIST_CL_DATA p1 is the block's address and p2 its length in bytes (signed 64-bit; 0 and
+ *               below store nothing; cut to the size of the queue's data ring)
+ *   id          see a_ut_hist_id
+ *   ev          the event's text, may be null
+ *   pn          how many of p1..p8 count, 0..8; a larger value is stored as 8; a negative one is stored as it is and shows
+ *               every parameter column of the dump
+ * Texts are copied when option f is on, else only their addresses are kept and the texts must stay valid until the last
+ * dump. Of an id 15 characters are kept, of an event text 31, of a file text shorter than 23 all and of a longer one the
+ * last 22 (option m changes the numbers).
  * Thread-safe. Signal-safe with UT_HIST_ID_SIGHANDLER only. Does nothing while the history is not running. An
  * event is dropped silently when a signal handler records on the thread and queue that it interrupted in this
  * function, and counted as missed when the thread has no slot (see UT_HIST_THREAD_SLOT in the user's guide).
@@ -177,11 +182,11 @@ static inline void* ut_hist_parm_double(double value)
 #endif
 
 /* Call-site plumbing: N text, parameters -> the arguments of ut_hist_add from the event text on. */
-#define UT_HIST_CAT_(a, b)                                       UT_HIST_CAT2_(a, b)
-#define UT_HIST_CAT2_(a, b)                                      a##b
-#define UT_HIST_COUNT_(...)                                      UT_HIST_NTH_(__VA_ARGS__, 8, 7, 6, 5, 4, 3, 2, 1, 0, 0)
-#define UT_HIST_NTH_(a0, a1, a2, a3, a4, a5, a6, a7, a8, n, ...) n
-#define UT_HIST_Z_                                               ((void*)0)
+#define UT_HIST_CAT_(a, b)                                                          UT_HIST_CAT2_(a, b)
+#define UT_HIST_CAT2_(a, b)                                                         a##b
+#define UT_HIST_COUNT_(...)                                                         UT_HIST_NTH_(__VA_ARGS__, 9, 9, 9, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 0)
+#define UT_HIST_NTH_(a0, a1, a2, a3, a4, a5, a6, a7, a8, a9, a10, a11, a12, n, ...) n
+#define UT_HIST_Z_                                                                  ((void*)0)
 #define UT_HIST_ARGS_0_(ev)                                                                                            \
     ev, 0, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
 #define UT_HIST_ARGS_1_(ev, a)                                                                                         \
@@ -203,7 +208,9 @@ static inline void* ut_hist_parm_double(double value)
 #define UT_HIST_ARGS_8_(ev, a, b, c, d, e, f, g, h)                                                                    \
     ev, 8, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_P_(d), UT_HIST_P_(e), UT_HIST_P_(f), UT_HIST_P_(g),    \
         UT_HIST_P_(h)
-#define UT_HIST_ARGS_(...) UT_HIST_CAT_(UT_HIST_CAT_(UT_HIST_ARGS_, UT_HIST_COUNT_(__VA_ARGS__)), _)(__VA_ARGS__)
+/* Nine to twelve parameters: the name that the compiler complains of says why. */
+#define UT_HIST_ARGS_9_(...) ut_hist_takes_at_most_8_parameters
+#define UT_HIST_ARGS_(...)   UT_HIST_CAT_(UT_HIST_CAT_(UT_HIST_ARGS_, UT_HIST_COUNT_(__VA_ARGS__)), _)(__VA_ARGS__)
 
 /* Declares a location that names nothing yet, private to this block. */
 #define UT_HIST_LOC(name) a_ut_hist_loc name = UT_HIST_LOC_INIT

@@ -4,10 +4,12 @@
  * SIGSEGV (crash) and SIGHUP, SIGINT, SIGQUIT, SIGTERM (termination). On such a signal it runs the registered
  * callbacks in ascending priority. When another handler had been in place before, that one is called next and
  * the process goes on as it decides; otherwise the library takes its handlers away, suppresses the core dump
- * of a termination signal and aborts the process.
+ * of a termination signal and aborts the process: it ends by SIGABRT, whatever the signal was. After an installation
+ * for crash signals only, the handler for SIGABRT is still there then, and the callbacks run once more for it.
  *
- * Callbacks run in signal context and must be async-signal-safe. To have the event history written, raise
- * SIGUSR1 in one.
+ * Callbacks run in signal context and must be async-signal-safe. To have the event history written, unblock SIGUSR1
+ * and raise it in one (when it has a handler: its default action ends the process). A dump that another thread is
+ * writing at that moment is not waited for and is cut off by the abort.
  *
  * Environment, read when handlers are installed or run: ZT_INSTALL_SIG_HANDLERS (n...: none, c... or s...:
  * the five crash signals only), ZT_ALWAYS_GEN_CORE (set: the core limit is left alone),

@@ -5,9 +5,9 @@ namespace {
 
 std::string recorded_by(const std::string& program)
 {
-    const a_run result = run(program, {"UT_HIST=kn99ia-id-in-it-il-is-", "UT_HIST_THREAD_SLOT=dense"});
+    const a_run result = run(program, {"UT_HIST=xkn99ia-id-in-it-il-is-", "UT_HIST_THREAD_SLOT=dense"});
     EXPECT_TRUE(result.exited_well()) << result.status;
-    return std::regex_replace(rows(result.err), std::regex("0x[5-7][0-9a-f]{11}"), "<address>");
+    return without_number(rows(result.err), " +0x");
 }
 
 bool compiles(const std::string& line, bool cxx)
@@ -35,7 +35,7 @@ TEST(HistMacros, RecordWhatACProgramSays)
               "     - seven -      0x1      0x2      0x3      0x4      0x5      0x6      0x7      ...\n"
               "  work eight >      0x1      0x2      0x3      0x4      0x5      0x6      0x7      0x8\n"
               "  work   end <      ...      ...      ...      ...      ...      ...      ...      ...\n"
-              "  work  data +<address>      0x5<address>      ...      ...      ...      ...      ... (1+0+5)\n"
+              "  work  data +0x      0x5      ...      ...      ...      ...      ...      ... (1+0+5)\n"
               "\t\t0000/0000: 62 79 74 65 73                                  |bytes           |\n");
 }
 

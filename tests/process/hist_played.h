@@ -2,8 +2,6 @@
 #ifndef PROCESS_HIST_PLAYED_H
 #define PROCESS_HIST_PLAYED_H
 
-#include <regex>
-
 #include "tests/process/run.h"
 
 struct a_played {
@@ -14,6 +12,16 @@ inline std::string replaced(std::string text, const std::string& from, const std
 {
     for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
         text.replace(at, from.size(), to);
+    return text;
+}
+
+// Without the digits (also hexadecimal ones) that stand behind each `before`.
+inline std::string without_number(std::string text, const std::string& before)
+{
+    for (size_t at = 0; (at = text.find(before, at)) != std::string::npos;) {
+        at += before.size();
+        text.erase(at, text.find_first_not_of("0123456789abcdef", at) - at);
+    }
     return text;
 }
 

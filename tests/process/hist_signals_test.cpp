@@ -41,7 +41,7 @@ TEST(HistSignals, SafeFunctionsCallOnlySafeOnes)
 
 TEST(HistFork, ChildrenRecordAndDumpAtOnce)
 {
-    const a_run result = run("hist_forks", {"UT_HIST=n50k300l=/dev/null,r-f-", "UT_HIST_THREAD_SLOT=dense"}, {sanitized ? "30" : "200"});
+    const a_run result = run("hist_forks", {"UT_HIST=xn50k300l=/dev/null,r-f-", "UT_HIST_THREAD_SLOT=dense"}, {sanitized ? "30" : "200"});
     EXPECT_TRUE(result.exited_well()) << result.status;
     EXPECT_EQ(result.out + result.err, "failed 0\n");
 }

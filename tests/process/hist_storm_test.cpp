@@ -104,7 +104,7 @@ struct a_reader {
 TEST(HistStorm, LeavesWholeDumpsOfWholeRows)
 {
     const bool slow = std::string(CORVEX_SANITIZE).find("thread") != std::string::npos;
-    for (const char* options : {"lr-iqkn40d900", "lr-iqkn40d900q8", "lr-iqkn9d200q8"}) {
+    for (const char* options : {"xlr-iqkn40d900", "xlr-iqkn40d900q8", "xlr-iqkn9d200q8"}) {
         const a_scratch_dir dir;
         const a_run result = run("hist_storm", {std::string("UT_HIST=") + options, "UT_HIST_THREAD_SLOT=dense"}, {slow ? "300" : "1500"}, dir.path);
         EXPECT_TRUE(result.exited_well()) << "status " << result.status << result.err;

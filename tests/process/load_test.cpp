@@ -20,13 +20,6 @@ a_child in_child_with(const char* name, const char* value, F body)
     });
 }
 
-void* load()
-{
-    void* library = dlopen(LIBRARY_FILE, RTLD_NOW);
-    EXPECT_NE(nullptr, library) << dlerror();
-    return library;
-}
-
 // The entries of the version record in the library file, from its marker on.
 a_text_list version_record()
 {
@@ -55,7 +48,7 @@ TEST(VersionRecord, HoldsEighteenEntriesAndPrintsItsSystemLineOnRequest)
     for (const char* value : {"1", ""})
         EXPECT_EQ(entries[14] + "\n", in_child_with("VORNE_VERSION_INFO", value, [] {
             dup2(child_pipe[1], STDOUT_FILENO);
-            load();
+            dlopen(LIBRARY_FILE, RTLD_NOW);
         }).said);
 }
 
@@ -76,13 +69,11 @@ TEST(ForkedChild, StopsNothingAtItsExitUnlessReset)
     for (const bool reset : {false, true}) {
         const a_scratch_dir dir;
         in_child_with("UT_HIST", ("r-l=" + dir.path + "/log").c_str(), [&] {
-            void* library = load();
-            if (fork() == 0) {
-                if (reset)
-                    reinterpret_cast<void (*)()>(dlsym(library, "UnixForkProtection_Reset"))();
-                exit(0);
-            }
-            wait(nullptr);
+            void* library = dlopen(LIBRARY_FILE, RTLD_NOW);
+            const pid_t child = fork();
+            if (child == 0 && reset)
+                reinterpret_cast<void (*)()>(dlsym(library, "UnixForkProtection_Reset"))();
+            child == 0 ? exit(0) : void(waitpid(child, nullptr, 0));
         });
         EXPECT_EQ(reset, std::filesystem::exists(dir.path + "/log")) << "the child's exit dumps only after a reset";
     }
@@ -91,12 +82,12 @@ TEST(ForkedChild, StopsNothingAtItsExitUnlessReset)
 // One life of the library in this process: handlers are installed and a timed pair of events is recorded.
 void load_and_unload()
 {
-    using an_add = void (*)(const char*, uint32_t, void*, int, void*, const char*, int32_t, void*, void*, void*, void*, void*,
-                            void*, void*, void*);
-    void* library = load();
+    void* library = dlopen(LIBRARY_FILE, RTLD_NOW);
+    ASSERT_NE(nullptr, library) << dlerror();
     reinterpret_cast<void (*)(uint32_t)>(dlsym(library, "ut_onsig_install_signal_handlers"))(0);
     const auto id_alloc = reinterpret_cast<void* (*)(const char*, uint32_t, const char*)>(dlsym(library, "ut_hist_id_alloc"));
-    const auto add = reinterpret_cast<an_add>(dlsym(library, "ut_hist_add"));
+    const auto add = reinterpret_cast<void (*)(const char*, uint32_t, void*, int, void*, const char*, int32_t, void*, void*, void*,
+                                               void*, void*, void*, void*, void*)>(dlsym(library, "ut_hist_add"));
     void* id = id_alloc("file.c", 1, "work");
     for (int cl : {3, 4})
         add("file.c", 2, nullptr, cl, id, "event", 0, 0, 0, 0, 0, 0, 0, 0, 0);

@@ -13,11 +13,10 @@ namespace {
 TEST(ForkProtection, MarksChildrenAndTheirChildrenUntilReset)
 {
     const auto fork_and_say = [](const char* who) {
-        if (fork() == 0) {
-            say("%s %u ", who, UnixForkProtection_IsChild());
-            _exit(0);
-        }
-        wait(nullptr);
+        const pid_t child = fork();
+        if (child == 0)
+            say("%s %u ", who, UnixForkProtection_IsChild()), _exit(0);
+        waitpid(child, nullptr, 0);
     };
     const a_child child = in_child([&] {
         fork_and_say("grandchild");
@@ -57,11 +56,11 @@ TEST(ForkedChild, FindsThePoolsFreeWhileThreadsOfTheParentUseThemAndWait)
             ut_safe_pthread_cond_wait(&cond, &mutex);
         ut_safe_pthread_mutex_unlock(&mutex);
     });
-    for (bool waits = false; !waits; ut_safe_pthread_mutex_unlock(&mutex)) {
-        ut_safe_pthread_mutex_lock(&mutex);
-        waits = stage == 1;
-    }
+    while (stage == 0)
+        std::this_thread::yield();
+    ut_safe_pthread_mutex_lock(&mutex);  // held by the waiter until it waits
     EXPECT_EQ(0, in_child([&] { ut_safe_pthread_cond_destroy(&cond); }).status) << "the last give-back, which frees the pool";
+    ut_safe_pthread_mutex_unlock(&mutex);
 
     const auto hammer = [&] {
         while (stage < 2)
@@ -77,8 +76,8 @@ TEST(ForkedChild, FindsThePoolsFreeWhileThreadsOfTheParentUseThemAndWait)
     for (int i = 0; i < num_forks && status == 0; i++)
         status = in_child(use_pools).status;
     EXPECT_EQ(0, status);
-    stage = 2;
     ut_safe_pthread_mutex_lock(&mutex);
+    stage = 2;
     ut_safe_pthread_cond_broadcast(&cond);
     ut_safe_pthread_mutex_unlock(&mutex);
     for (std::thread* thread : {&waiter, &one, &two})

@@ -52,10 +52,9 @@ void say_disposition(int sig)
     struct sigaction now;
     sigaction(sig, nullptr, &now);
     const bool foreign = now.sa_sigaction == earlier || now.sa_sigaction == later;
-    say("%d %s", sig, now.sa_handler == SIG_DFL ? "default" : foreign ? "foreign" : "library");
-    say("%s%s%s", now.sa_flags & SA_RESTART ? " restart" : "", now.sa_flags & SA_NODEFER ? " nodefer" : "",
-        now.sa_flags & SA_ONSTACK ? " onstack" : "");
-    for (int i = 1; i < NSIG; i++)
+    say("%d %s%s%s%s", sig, now.sa_handler == SIG_DFL ? "default" : foreign ? "foreign" : "library",
+        now.sa_flags & SA_RESTART ? " restart" : "", now.sa_flags & SA_NODEFER ? " nodefer" : "", now.sa_flags & SA_ONSTACK ? " onstack" : "");
+    for (int i = 1; i < NSIG && now.sa_handler != SIG_DFL; i++)
         if (sigismember(&now.sa_mask, i) == 1)
             say(" blocks %d", i);
     say("\n");
@@ -76,8 +75,7 @@ a_child in_fresh_child(const char* name, const char* value, F body)
         for (int sig : handled)
             signal(sig, SIG_DFL);
         alternate_stack(SS_DISABLE);
-        if (name[0] != '\0')
-            setenv(name, value, 1);
+        setenv(name, value, 1);
         ut_onsig_call_add(0, callback, nullptr);
         body();
     });
@@ -99,7 +97,7 @@ TEST(SignalHandlers, AreInstalledAsTheModeSays)
 
 TEST(SignalHandlers, PassTheSignalOnAndPutDispositionsBackWhole)
 {
-    const a_child child = in_fresh_child("", "", [] {
+    const a_child child = in_fresh_child("-", "", [] {
         handle(SIGTERM, earlier);
         signal(SIGHUP, SIG_IGN);
         ut_onsig_install_signal_handlers(FALSE);
@@ -124,7 +122,6 @@ TEST(SignalHandlers, PassTheSignalOnAndPutDispositionsBackWhole)
               child.said);
 }
 
-// The SIGABRT handler from before, which the clean-up puts back, sees the process at its abort.
 TEST(SignalHandlers, EndTheProcessOfATerminationSignalWithoutACore)
 {
     const std::string no_core = "core 0 of 8192\n";
@@ -132,14 +129,14 @@ TEST(SignalHandlers, EndTheProcessOfATerminationSignalWithoutACore)
         const a_child child = in_fresh_child(variable, value, [] {
             const rlimit limit = {4096, 8192};
             setrlimit(RLIMIT_CORE, &limit);
-            signal(SIGABRT, say_core_limit);
+            signal(SIGABRT, say_core_limit);  // put back by the clean-up, so it sees the abort
             ut_onsig_install_signal_handlers(FALSE);
             raise(SIGTERM);
         });
         EXPECT_EQ(SIGABRT, child.status);
         EXPECT_EQ("chain 15 cleanup will 1\n" + end, child.said) << value;
     };
-    expect("", "", no_core);
+    expect("-", "", no_core);
     expect("ZT_ALWAYS_GEN_CORE", "", "core 4096 of 8192\n");
     const char* delays[][2] = {{"", "2"}, {"0", "0"}, {"7x", "7"}, {"-5", "0"}, {"none", "0"}, {"3600", "3600"}, {"99999999999", "3600"}};
     for (const auto& [value, seconds] : delays)
@@ -170,7 +167,7 @@ __attribute__((noinline)) int overflow(volatile char* above)
 
 TEST(SignalHandlers, UseTheAlternateStackOfTheInstallingThread)
 {
-    const a_child child = in_fresh_child("", "", [] {
+    const a_child child = in_fresh_child("-", "", [] {
         alternate_stack(0);
         handle(SIGTERM, earlier);
         ut_onsig_install_signal_handlers(FALSE);
@@ -184,7 +181,7 @@ TEST(SignalHandlers, UseTheAlternateStackOfTheInstallingThread)
     EXPECT_EQ("chain 15 chaining will 0\nearlier 15\n15 library restart onstack blocks 15\n", child.said)
         << "also after a delivery on a thread without one";
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which have stacks and frames of their own
-    const a_child overflown = in_fresh_child("", "", [] {
+    const a_child overflown = in_fresh_child("-", "", [] {
         volatile char start = 0;
         alternate_stack(0);
         ut_onsig_install_signal_handlers(FALSE);

@@ -31,7 +31,7 @@ int main(void)
         UT_HIST_END(&at, id, "end");
     else
         UT_HIST_EV(id, "never");
-    UT_HIST_DATA(id, "data", array, 5L, (void*)once);
+    UT_HIST_DATA(id, "data", array, 5L);
     ut_hist_setting(UT_HIST_SET_EVENTS_OFF);
     UT_HIST_EV(id, "off", once());
     return evaluated == 1 ? 0 : 2;

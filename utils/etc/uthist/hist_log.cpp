@@ -5,6 +5,9 @@
 // dump writes another one when it is done. Ordinary dumps wait for a running one, before that taking all
 // queue locks.
 //
+// When the process is ending, the dump that its handler interrupted gives way to the handler's own: better one dump whole
+// than none.
+//
 // Errout: need_to_open_errout is exchanged, so that exactly one thread opens the file. The handler opens a
 // pending file by descriptor; Open_Errout makes the stream for it later.
 //
@@ -16,6 +19,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include "corvex/onsig.h"
 #include "utils/etc/uthist/hist_clock.h"
 #include "utils/etc/uthist/hist_config.h"
 #include "utils/etc/uthist/hist_events.h"
@@ -27,6 +31,8 @@ namespace {
 // The errout stream's descriptor, for the handler; and whether the handler opened it, so that it has no stream yet.
 int errout_fd = STDERR_FILENO;
 int32 errout_without_stream = 0;
+
+int32 dump_owner = 0;  // the thread whose dump runs
 
 struct sigaction hist_signal_oldhandler;  // the whole disposition of SIGUSR1 before the history's own
 
@@ -174,6 +180,7 @@ void dump_to_errout(a_ut_hist_dump& f)
 // Signal-safe.
 void dump_by_descriptor()
 {
+    __atomic_store_n(&dump_owner, int32(gettid()), __ATOMIC_RELAXED);
     hist.dump->begin_errout = begin_errout_fd;
     ut_hist_dump_to_log_i(*hist.dump);
 }
@@ -184,6 +191,13 @@ void dump_by_descriptor()
 bool move_dump(int32 from, int32 to)
 {
     return __atomic_compare_exchange_n(&hist.dump_state, &from, to, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+}
+
+// Whether the signal interrupted the dump that runs, in a process that is about to end: it will never go on.
+// Signal-safe.
+bool interrupted_for_good()
+{
+    return ut_onsig_will_do_cleanup() && __atomic_load_n(&dump_owner, __ATOMIC_RELAXED) == gettid();
 }
 
 // Signal-safe.
@@ -263,17 +277,20 @@ void hist_dump_claim()
 {
     while (!move_dump(DUMP_IDLE, DUMP_RUNNING))
         sched_yield();
+    __atomic_store_n(&dump_owner, int32(gettid()), __ATOMIC_RELAXED);
 }
 
 // Ends the caller's dump, after the dumps that were asked for by signal meanwhile.
 // Signal-safe.
 void hist_dump_release()
 {
+    __atomic_store_n(&dump_owner, 0, __ATOMIC_RELAXED);
     while (!move_dump(DUMP_RUNNING, DUMP_IDLE)) {
         if (!move_dump(DUMP_WANTED, DUMP_RUNNING))
             return;  // a fork in a handler has ended it for the child
         if (running())
             dump_by_descriptor();
+        __atomic_store_n(&dump_owner, 0, __ATOMIC_RELAXED);
     }
 }
 
@@ -335,6 +352,10 @@ void ut_hist_signal_handler(int)
         if (move_dump(DUMP_IDLE, DUMP_RUNNING)) {
             dump_by_descriptor();
             hist_dump_release();
+            break;
+        }
+        if (interrupted_for_good()) {
+            dump_by_descriptor();
             break;
         }
         if (move_dump(DUMP_RUNNING, DUMP_WANTED) || __atomic_load_n(&hist.dump_state, __ATOMIC_RELAXED) == DUMP_WANTED)

@@ -400,6 +400,11 @@ void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl
     __atomic_store_n(&recursing, 1, __ATOMIC_RELAXED);
     // A handler on this thread must find the mark for as long as the record is being written, and no longer.
     std::atomic_signal_fence(std::memory_order_seq_cst);
+    // Looked at again: shut-down waits for marks that it sees, and a mark it did not see finds the history stopped.
+    if (__builtin_expect(!__atomic_load_n(&hist.hist_initialized, __ATOMIC_RELAXED), 0)) {
+        __atomic_store_n(&recursing, 0, __ATOMIC_RELAXED);
+        return;
+    }
     const int32 stored_pn = pn < int32(hist_max_parms) ? pn : int32(hist_max_parms);
     const an_event event = {file, line, loc, cl, ev, stored_pn, p1, p2, p3, p4, p5, p6, p7, p8};
     const bool say = __builtin_expect(hist_cfg.ut_hist_z_messages > 1, 0);
@@ -408,6 +413,6 @@ void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl
     const uint32 n = record_locked(event, to, t);
     if (say)
         say_done(to.q, n);
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    __atomic_store_n(&recursing, 0, __ATOMIC_RELAXED);
+    // Release: shut-down frees the store only after what was written here.
+    __atomic_store_n(&recursing, 0, __ATOMIC_RELEASE);
 }

@@ -63,6 +63,10 @@ void bind_texts(a_ut_hist_event_list& queue)
     }
 }
 
+// A data ring is read by whole words.
+// Signal-safe.
+size_t data_ring_bytes() { return size_t(hist_cfg.ut_hist_debug_data_size) + 8; }
+
 // Not signal-safe: it allocates.
 bool alloc_queue(a_ut_hist_event_list& queue)
 {
@@ -74,8 +78,8 @@ bool alloc_queue(a_ut_hist_event_list& queue)
         return false;
     queue.data_pos = pack_data({1, 0});
     // A data ring that cannot be had is just not there: the records then keep address and length only.
-    if (hist_cfg.ut_hist_debug_data != 0 && hist_cfg.ut_hist_debug_data_size > 0)
-        queue.data_buf = static_cast<char*>(touched_alloc(size_t(hist_cfg.ut_hist_debug_data_size) + 8, 1, 0));
+    if (hist.dump->data != nullptr)
+        queue.data_buf = static_cast<char*>(touched_alloc(data_ring_bytes(), 1, 0));
     if (hist_cfg.ut_hist_dump_on_fini == 0)
         return true;
     queue.texts = static_cast<char*>(touched_alloc(num, hist_cfg.text_stride, 0));
@@ -151,6 +155,9 @@ bool hist_store_alloc()
     for (a_ut_hist_thread& thread : hist.threads)
         hist_reset_thread(thread);
     hist.dump = hist_dump_alloc();
+    // Without room to copy a block to, nothing could be dumped from data rings: there are none then.
+    if (hist.dump != nullptr && hist_cfg.ut_hist_debug_data != 0 && hist_cfg.ut_hist_debug_data_size > 0)
+        hist.dump->data = static_cast<char*>(touched_alloc(data_ring_bytes(), 1, 0));
     if (hist.dump == nullptr || !alloc_queues()) {
         hist_store_free(true);
         return false;
@@ -170,6 +177,8 @@ void hist_store_free(bool destroy_queue_locks)
     ut_free(hist.evs_block);
     hist.evs_block = nullptr;
     hist.hist_evs = nullptr;
+    if (hist.dump != nullptr)
+        ut_free(hist.dump->data);
     ut_free(hist.dump);
     hist.dump = nullptr;
 }

@@ -210,8 +210,7 @@ void a_hist_text::eol() { str(hist_cfg.ut_hist_eol); }
 a_ut_hist_dump* hist_dump_alloc()
 {
     const size_t texts = hist_cfg.ut_hist_dump_on_fini != 0 ? hist_cfg.text_stride : 0;
-    const size_t data = hist_cfg.ut_hist_debug_data_size > 0 ? size_t(hist_cfg.ut_hist_debug_data_size) + 8 : 0;
-    const size_t bytes = sizeof(a_ut_hist_dump) + texts * size_t(hist_cfg.hist_num_q) + data;
+    const size_t bytes = sizeof(a_ut_hist_dump) + texts * size_t(hist_cfg.hist_num_q);
     void* block = ut_calloc(bytes);
     if (block == nullptr)
         return nullptr;
@@ -219,6 +218,5 @@ a_ut_hist_dump* hist_dump_alloc()
     char* at = static_cast<char*>(block) + sizeof(a_ut_hist_dump);
     for (int32 q = 0; q < hist_cfg.hist_num_q; q++, at += texts)
         dump->cursors[q].texts = texts != 0 ? at : nullptr;
-    dump->data = at;
     return dump;
 }

@@ -126,7 +126,7 @@ struct a_ut_hist_dump {
     int32 max_pn;
     a_hist_cursor cursors[hist_max_queues];
     a_hist_second tod;
-    char* data;  // room for one data block
+    char* data;  // owned; room for one data block, null without data rings
 };
 
 a_ut_hist_dump* hist_dump_alloc();

@@ -6,12 +6,19 @@
 // the history. Only the fork and the unload step are signal-safe.
 #include "utils/etc/uthist/uthist.h"
 
+#include <linux/membarrier.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
 #include "utils/etc/uthist/hist_config.h"
 #include "utils/etc/uthist/hist_log.h"
 #include "utils/etc/uthist/hist_slots.h"
 #include "utils/unix/utptmutex.h"
 
 namespace {
+
+constexpr int max_waits = 1000;  // for recorders, a millisecond each
 
 // Not signal-safe: it prints.
 void say_fini(const char* text)
@@ -20,12 +27,37 @@ void say_fini(const char* text)
         fprintf(hist_begin_message(), "** HISTORY z-messages ** fini %s%s", text, hist_cfg.ut_hist_eol);
 }
 
+// Whether some thread is inside ut_hist_add. Acquire: what it wrote there comes before what follows here.
+// Signal-safe.
+bool somebody_records()
+{
+    for (const a_ut_hist_thread& thread : hist.threads)
+        for (const int32& recursing : thread.recursing)
+            if (__atomic_load_n(&recursing, __ATOMIC_ACQUIRE) != 0)
+                return true;
+    return false;
+}
+
+// Lets threads that are just recording finish: a server may exit under its threads. The barrier runs on all their
+// processors, so that it costs recording nothing: afterwards either a thread's mark is seen here, or the thread sees
+// that the history has stopped. Bounded: a thread that was ended in the middle of its event leaves its mark for ever.
+// Not signal-safe: it sleeps.
+void wait_for_recorders()
+{
+    const struct timespec millisecond = {0, 1000000};
+    syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0);
+    syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
+    for (int i = 0; i < max_waits && somebody_records(); i++)
+        nanosleep(&millisecond, nullptr);
+}
+
 // Frees the store unless option x- keeps it.
 // Not signal-safe: it frees.
 void clean_up()
 {
     if (hist_cfg.ut_hist_exit_cleanup <= 0)
         return;
+    wait_for_recorders();
     hist_dump_claim();
     __atomic_store_n(&hist.dump_state, DUMP_CLOSED, __ATOMIC_RELEASE);
     hist_store_free(hist_cfg.ut_hist_exit_cleanup > 1);
