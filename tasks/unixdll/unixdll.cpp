@@ -41,6 +41,7 @@ void FiniTheInternalStuff_corvex()
 // Signal-safe.
 void FreeLocksInChild_corvex()
 {
+    ut_onsig_fork_child();
     ut_safe_pthread_mutex_pool_fork_child();
     ut_safe_pthread_cond_pool_fork_child();
     ut_hist_fork_child();

@@ -59,6 +59,19 @@ TEST(HistDump, CopiesAndCutsTextsWhileAFinalDumpIsDue)
         << "without one the texts are the caller's own";
 }
 
+TEST(HistDump, ReadsNoTextBeyondItsEnd)
+{
+    a_text_list script;
+    std::string expected = "........ ......\n", text;
+    for (size_t len = 0; len <= 50; len++, text += char('a' + (len - 1) % 26)) {
+        script.push_back("page-end " + std::to_string(len));
+        const std::string id = text.substr(0, 15), ev = text.substr(0, 31);
+        expected += std::string(16 - id.size(), ' ') + id + std::string(32 - ev.size(), ' ') + ev + " " +
+                    (len < 23 ? text : text.substr(len - 22)) + "\n";
+    }
+    EXPECT_EQ(rows(played("ia-id-in-it-ic-il-", script).err), expected);
+}
+
 TEST(HistDump, EachColumnHasItsSwitch)
 {
     struct a_case {

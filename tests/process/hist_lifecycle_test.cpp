@@ -256,6 +256,9 @@ TEST(HistLifecycle, SurvivesSignalsInsideItself)
     EXPECT_EQ(rows(played(brief + "initiq", {"trap 1 ev - SIG inner", "ev - - outer", "trap 1 ev - SIG dropped", "ev - SIG outer", "ev - SIG next"}).err),
               "........ ......\n  1       1   7 inner\n  0       2   7 outer\n  1       3   7 outer\n  1       4   7  next\n")
         << "an event inside another of the same thread and queue is dropped";
+    // ThreadSanitizer's own code reads the signal mask as well, so there the trap below springs anywhere.
+    if (std::string(CORVEX_SANITIZE).find("thread") != std::string::npos)
+        return;
     // Queue 1 belongs to one handler at a time. When two threads' handlers meet in it all the same, one event of
     // theirs is lost, but none of the others, and none is shown twice.
     const a_text_list meeting = {"repeat 2 ev - SIG a", "on x slot 8", "trap 2 on x ev - SIG b", "ev - SIG b", "repeat 3 ev - SIG c"};

@@ -60,7 +60,8 @@ TEST(VersionRecord, IsTheSameInEveryBuildOfOneSourceDate)
     };
     const std::string first = make({"SOURCE_DATE_EPOCH=86399", "TZ=UTC"});
     EXPECT_EQ(first, make({"SOURCE_DATE_EPOCH=86399", "TZ=Asia/Tokyo"}));
-    for (const char* text : {"\"1970/01/01\"", "\"23:59:59\"", "Linux-reproducible/77/OPT/1970-01-01 23:59:59\"", "HOST \"reproducible\""})
+    for (const char* text : {"\"1970/01/01\"", "\"23:59:59\"", "Linux-reproducible/77/OPT/1970-01-01 23:59:59\"",
+                             "HOST \"reproducible\""})
         EXPECT_NE(std::string::npos, first.find(text)) << text << " in\n" << first;
 }
 
@@ -85,9 +86,11 @@ void load_and_unload()
     void* library = dlopen(LIBRARY_FILE, RTLD_NOW);
     ASSERT_NE(nullptr, library) << dlerror();
     reinterpret_cast<void (*)(uint32_t)>(dlsym(library, "ut_onsig_install_signal_handlers"))(0);
-    const auto id_alloc = reinterpret_cast<void* (*)(const char*, uint32_t, const char*)>(dlsym(library, "ut_hist_id_alloc"));
-    const auto add = reinterpret_cast<void (*)(const char*, uint32_t, void*, int, void*, const char*, int32_t, void*, void*, void*,
-                                               void*, void*, void*, void*, void*)>(dlsym(library, "ut_hist_add"));
+    using an_id_alloc = void* (*)(const char*, uint32_t, const char*);
+    using an_add = void (*)(const char*, uint32_t, void*, int, void*, const char*, int32_t, void*, void*, void*, void*,
+                            void*, void*, void*, void*);
+    const auto id_alloc = reinterpret_cast<an_id_alloc>(dlsym(library, "ut_hist_id_alloc"));
+    const auto add = reinterpret_cast<an_add>(dlsym(library, "ut_hist_add"));
     void* id = id_alloc("file.c", 1, "work");
     for (int cl : {3, 4})
         add("file.c", 2, nullptr, cl, id, "event", 0, 0, 0, 0, 0, 0, 0, 0, 0);

@@ -15,7 +15,10 @@
 #include "utils/unix/utptmutex.h"
 
 // Stand-ins for the system log.
-extern "C" void openlog(const char* identity, int options, int facility) { printf("%s %d %d ", identity, options, facility); }
+extern "C" void openlog(const char* identity, int options, int facility)
+{
+    printf("%s %d %d ", identity, options, facility);
+}
 extern "C" void syslog(int priority, const char* format, ...)
 {
     va_list args;
@@ -29,7 +32,7 @@ extern "C" void closelog() { printf("; "); }
 namespace {
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool own_allocator = false;  // a sanitizer's, which mallinfo2 does not know and which ends the process on a failure
+constexpr bool own_allocator = false;  // a sanitizer's: unknown to mallinfo2, and it ends the process on a failure
 #else
 constexpr bool own_allocator = true;
 #endif
@@ -54,7 +57,8 @@ TEST(Memory, OnlyAllocAndAResizeReportAFailureAndTheOldBlockStays)
             EXPECT_EQ(nullptr, none);
     }));
     if (own_allocator) {
-        EXPECT_EQ("Tessaline 0 8 3 Out of memory (ut_alloc); Out of memory (ut_alloc)\n", printed([&] { ut_alloc(huge); }));
+        EXPECT_EQ("Tessaline 0 8 3 Out of memory (ut_alloc); Out of memory (ut_alloc)\n",
+                  printed([&] { ut_alloc(huge); }));
         EXPECT_EQ("Tessaline 0 8 3 Out of memory; Out of memory\n", printed([&] { ut_realloc(block, huge); }));
     }
     EXPECT_STREQ("old", static_cast<char*>(block));
@@ -111,8 +115,10 @@ void use_pool(int (*init)(T*, const A*), int (*destroy)(T*), void (*allocate)(un
 TEST(SafePools, MakeFiftyAtATimeFreeAllWithTheLastHandleAndReportAWantOfMemory)
 {
     const auto use_both = [] {
-        use_pool(ut_safe_pthread_mutex_init, ut_safe_pthread_mutex_destroy, ut_safe_pthread_mutex_alloc, ut_safe_pthread_mutex_crit_fini);
-        use_pool(ut_safe_pthread_cond_init, ut_safe_pthread_cond_destroy, ut_safe_pthread_cond_alloc, ut_safe_pthread_cond_crit_fini);
+        use_pool(ut_safe_pthread_mutex_init, ut_safe_pthread_mutex_destroy, ut_safe_pthread_mutex_alloc,
+                 ut_safe_pthread_mutex_crit_fini);
+        use_pool(ut_safe_pthread_cond_init, ut_safe_pthread_cond_destroy, ut_safe_pthread_cond_alloc,
+                 ut_safe_pthread_cond_crit_fini);
     };
     EXPECT_EQ(0, own_allocator ? in_child(use_both).status : 0);
 }

@@ -27,7 +27,8 @@ std::string run_chain()
 
 TEST(OnSignalChain, RunsEightSlotsByPriorityFrom0To32000AndReusesTheLowestFreedOne)
 {
-    void* slots[] = {add(5, "a"), add(1, "b"), add(5, "c"), add(0, "d"), add(32000, "z"), add(32001, "!"), add(-1, "!"), add(5, "e")};
+    void* slots[] = {add(5, "a"), add(1, "b"), add(5, "c"), add(0, "d"), add(32000, "z"),
+                     add(32001, "!"), add(-1, "!"), add(5, "e")};
     EXPECT_EQ(nullptr, add(1, "!")) << "a ninth registration";
     ut_onsig_call_del(nullptr, note);
     ut_onsig_call_del(slots[2], passing);

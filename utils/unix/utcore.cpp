@@ -7,10 +7,12 @@
 // installed or removed.
 #include "utils/unix/utcore.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/utsname.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "utils/etc/utenv.h"
@@ -21,6 +23,7 @@ namespace {
 
 constexpr size_t env_size = 8;
 constexpr unsigned default_delay = 2;  // seconds before the abort
+constexpr int max_pauses = 1000;       // of 10 ms, for another thread that ends the process
 constexpr unsigned max_delay = 3600;   // a process that is to die does so within the hour
 
 // A handled signal: whether it is a crash signal (its core dump is allowed), and the disposition in force before the
@@ -29,17 +32,21 @@ struct a_handled_signal {
     int signal;
     bool crash;
     struct sigaction oldhandler;
+    bool installed;  // and not removed since
 };
 // In the order in which they are installed and removed, the crash signals first.
 a_handled_signal handled[] = {
-    {SIGILL, true, {}},  {SIGABRT, true, {}}, {SIGBUS, true, {}},   {SIGFPE, true, {}},   {SIGSEGV, true, {}},
-    {SIGHUP, false, {}}, {SIGINT, false, {}}, {SIGQUIT, false, {}}, {SIGTERM, false, {}},
+    {SIGILL, true, {}, false},  {SIGABRT, true, {}, false},  {SIGBUS, true, {}, false},
+    {SIGFPE, true, {}, false},  {SIGSEGV, true, {}, false},  {SIGHUP, false, {}, false},
+    {SIGINT, false, {}, false}, {SIGQUIT, false, {}, false}, {SIGTERM, false, {}, false},
 };
 
 a_bool sig_handlers_installed = FALSE;
 a_bool install_sig_handlers_at_lib_init = FALSE;
 a_bool linux_kill_other_threads = FALSE;
-int aborting = 0;  // 1 once the handler has aborted the process
+int aborting = 0;           // 1 once the handler has aborted the process
+int32 ending_thread = 0;    // the thread whose handler ends the process; 0 while none does
+int32 aborting_thread = 0;  // the thread that is inside the handler for SIGABRT; 0 while none is
 
 void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context);
 
@@ -53,10 +60,15 @@ a_handled_signal* find_handled(int sig)
     return nullptr;
 }
 
-// The ignore disposition counts as none: after a removal the signal has its default action.
+// The ignore disposition counts as none: after a removal the signal has its default action. A handler put on top of the
+// library's stays there: it may pass signals on to the library's, and being saved as the earlier one it would get them
+// back without end.
 // Signal-safe.
 void install(a_handled_signal& row)
 {
+    const a_signal_handler_func in_force = unix_current_handler(row.signal);
+    if (row.installed && in_force != nullptr && in_force != ut_onsig_sig_handler)
+        return;
     struct sigaction previous;
     if (!unix_handle_signal_keeping(row.signal, ut_onsig_sig_handler, &previous))
         return;
@@ -65,6 +77,7 @@ void install(a_handled_signal& row)
         row.oldhandler = {};
     else if (handler != ut_onsig_sig_handler)
         row.oldhandler = previous;
+    row.installed = true;
 }
 
 // Signal-safe.
@@ -72,6 +85,7 @@ void remove(a_handled_signal& row)
 {
     unix_restore_signal(row.signal, &row.oldhandler);
     row.oldhandler = {};
+    row.installed = false;
 }
 
 // Installs the library's handler again, to learn what was in force, and puts that back whole: another handler,
@@ -102,8 +116,19 @@ void delay_abort()
 {
     char value[env_size];
     const bool set = ut_getenv("ZT_LINUX_COREDUMP_DELAY", value, sizeof value) != nullptr;
-    if (set || linux_kill_other_threads)
-        sleep(set && value[0] != '\0' ? read_delay(value) : default_delay);
+    if (!set && !linux_kill_other_threads)
+        return;
+    // Another signal may cut a sleep short.
+    for (unsigned left = set && value[0] != '\0' ? read_delay(value) : default_delay; left > 0;)
+        left = sleep(left);
+}
+
+// Signal-safe.
+[[noreturn]] void abort_by_default()
+{
+    const struct sigaction default_action = {};
+    unix_restore_signal(SIGABRT, &default_action);
+    abort();
 }
 
 // A crash-only installation is still in place for SIGABRT: the first abort comes back to the handler, which runs the
@@ -111,11 +136,34 @@ void delay_abort()
 // Signal-safe.
 [[noreturn]] void abort_process()
 {
-    if (__atomic_exchange_n(&aborting, 1, __ATOMIC_RELAXED) != 0) {
-        const struct sigaction default_action = {};
-        unix_restore_signal(SIGABRT, &default_action);
-    }
+    if (__atomic_exchange_n(&aborting, 1, __ATOMIC_RELAXED) != 0)
+        abort_by_default();
+    __atomic_store_n(&aborting_thread, 0, __ATOMIC_RELAXED);
     abort();
+}
+
+// A callback or an earlier handler that aborts inside the handler for SIGABRT ends the process there.
+// Signal-safe.
+void enter_abort()
+{
+    const int32 me = gettid();
+    if (__atomic_exchange_n(&aborting_thread, me, __ATOMIC_RELAXED) == me)
+        abort_by_default();
+}
+
+// Of two threads that end the process the second leaves it to the first, whose callbacks must come to their end; not for
+// ever, since the first may be stuck.
+// Signal-safe.
+void leave_it_to_the_first()
+{
+    int32 first = 0;
+    const int32 me = gettid();
+    if (__atomic_compare_exchange_n(&ending_thread, &first, me, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE) ||
+        first == me)
+        return;
+    const struct timespec pause = {0, 10000000};
+    for (int i = 0; i < max_pauses; i++)
+        nanosleep(&pause, nullptr);
 }
 
 // Signal-safe.
@@ -125,12 +173,21 @@ void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context)
     const a_signal_handler_func earlier = row != nullptr ? unix_saved_handler(&row->oldhandler) : nullptr;
     const a_bool chaining = earlier != nullptr;
     const a_bool cleanup = !chaining;
+    const int kept = errno;
+    if (sig == SIGABRT)
+        enter_abort();
     const a_bool chained = reached_through_another(sig);
-    if (cleanup)
-        __atomic_store_n(&will_do_cleanup, 1, __ATOMIC_RELEASE);
+    if (cleanup) {
+        leave_it_to_the_first();
+        // Sequentially consistent: see the making of kernel sets, which looks at it.
+        __atomic_store_n(&will_do_cleanup, 1, __ATOMIC_SEQ_CST);
+    }
     ut_onsig_call_now(sig, chained, chaining, cleanup, siginfo, context);
     if (chaining) {
         earlier(sig, siginfo, context);
+        if (sig == SIGABRT)
+            __atomic_store_n(&aborting_thread, 0, __ATOMIC_RELAXED);
+        errno = kept;
         return;
     }
     ut_onsig_remove_signal_handlers();
@@ -180,6 +237,14 @@ void ut_onsig_remove_signal_handlers()
         return;
     for (a_handled_signal& row : handled)
         remove(row);
+}
+
+// The child is a process of its own, with other thread ids, and nobody ends it yet.
+// Signal-safe.
+void ut_onsig_fork_child()
+{
+    __atomic_store_n(&ending_thread, 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&aborting_thread, 0, __ATOMIC_RELAXED);
 }
 
 // Signal-safe.

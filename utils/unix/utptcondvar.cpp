@@ -26,16 +26,19 @@ a_utpt_mutex* critical_mutex_p = nullptr;
 p_free_utpt_cond next_free_utpt_cond = nullptr;
 bool forked = false;  // in a forked child
 
-void ut_safe_pthread_cond_enter()
+// As for the mutex pool.
+a_utpt_mutex* ut_safe_pthread_cond_enter()
 {
-    if (critical_mutex_p != nullptr)
-        critical_mutex_p->get();
+    a_utpt_mutex* section = critical_mutex_p;
+    if (section != nullptr)
+        section->get();
+    return section;
 }
 
-void ut_safe_pthread_cond_exit()
+void ut_safe_pthread_cond_exit(a_utpt_mutex* section)
 {
-    if (critical_mutex_p != nullptr)
-        critical_mutex_p->give();
+    if (section != nullptr)
+        section->give();
 }
 
 // Release: a forked child that finds the head finds the entry complete.
@@ -88,7 +91,7 @@ int ut_pthread_cond_broadcast(pthread_cond_t* cond) { return pthread_cond_broadc
 
 int ut_safe_pthread_cond_init(a_ut_safe_pthread_cond_t* _cv, const pthread_condattr_t* /*attr*/)
 {
-    ut_safe_pthread_cond_enter();
+    a_utpt_mutex* section = ut_safe_pthread_cond_enter();
     if (next_free_utpt_cond == nullptr)
         ut_safe_pthread_cond_alloc_now(num_to_grab);
     p_free_utpt_cond entry = next_free_utpt_cond;
@@ -97,7 +100,7 @@ int ut_safe_pthread_cond_init(a_ut_safe_pthread_cond_t* _cv, const pthread_conda
         set_head(entry->next);
         num_in_use++;
     }
-    ut_safe_pthread_cond_exit();
+    ut_safe_pthread_cond_exit(section);
     return entry != nullptr ? 0 : ENOMEM;
 }
 
@@ -105,7 +108,7 @@ int ut_safe_pthread_cond_destroy(a_ut_safe_pthread_cond_t* _cv)
 {
     if (_cv->p_cond == nullptr)
         return 0;
-    ut_safe_pthread_cond_enter();
+    a_utpt_mutex* section = ut_safe_pthread_cond_enter();
     num_in_use--;
     // The condition of a forked child may count waiting threads that only the parent has: to destroy it would wait for
     // them for ever, and its next owner's signals might be spent on them.
@@ -114,23 +117,23 @@ int ut_safe_pthread_cond_destroy(a_ut_safe_pthread_cond_t* _cv)
     push(reinterpret_cast<p_free_utpt_cond>(_cv->p_cond));
     if (num_in_use == 0)
         ut_safe_pthread_cond_clean_now();
-    ut_safe_pthread_cond_exit();
+    ut_safe_pthread_cond_exit(section);
     _cv->p_cond = nullptr;
     return 0;
 }
 
 void ut_safe_pthread_cond_alloc(unsigned int num)
 {
-    ut_safe_pthread_cond_enter();
+    a_utpt_mutex* section = ut_safe_pthread_cond_enter();
     ut_safe_pthread_cond_alloc_now(num);
-    ut_safe_pthread_cond_exit();
+    ut_safe_pthread_cond_exit(section);
 }
 
 void ut_safe_pthread_cond_clean(void)
 {
-    ut_safe_pthread_cond_enter();
+    a_utpt_mutex* section = ut_safe_pthread_cond_enter();
     ut_safe_pthread_cond_clean_now();
-    ut_safe_pthread_cond_exit();
+    ut_safe_pthread_cond_exit(section);
 }
 
 // No lock: start-up creates the section before the pool is used.

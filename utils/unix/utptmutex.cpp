@@ -24,20 +24,24 @@ uint32 num_to_grab = batch;
 uint32 num_in_use = 0;
 a_utpt_mutex* critical_mutex_p = nullptr;
 p_free_utpt_mutex next_free_utpt_mutex = nullptr;
+bool forked = false;  // in a forked child
 
-// Without a critical section, for want of memory, the pool goes on unlocked.
-void ut_safe_pthread_mutex_enter()
+// Gives the critical section that exit has to leave; null when there is none, for want of memory: the pool then goes on
+// unlocked.
+a_utpt_mutex* ut_safe_pthread_mutex_enter()
 {
     if (critical_mutex_p == nullptr)
         ut_safe_pthread_mutex_crit_init();
-    if (critical_mutex_p != nullptr)
-        critical_mutex_p->get();
+    a_utpt_mutex* section = critical_mutex_p;
+    if (section != nullptr)
+        section->get();
+    return section;
 }
 
-void ut_safe_pthread_mutex_exit()
+void ut_safe_pthread_mutex_exit(a_utpt_mutex* section)
 {
-    if (critical_mutex_p != nullptr)
-        critical_mutex_p->give();
+    if (section != nullptr)
+        section->give();
 }
 
 // Release: a forked child that finds the head finds the entry complete.
@@ -88,7 +92,7 @@ int ut_pthread_mutex_unlock(pthread_mutex_t* mutex) { return pthread_mutex_unloc
 
 int ut_safe_pthread_mutex_init(a_ut_safe_pthread_mutex_t* _mx, const pthread_mutexattr_t* /*attr*/)
 {
-    ut_safe_pthread_mutex_enter();
+    a_utpt_mutex* section = ut_safe_pthread_mutex_enter();
     if (next_free_utpt_mutex == nullptr)
         ut_safe_pthread_mutex_alloc_now(num_to_grab);
     p_free_utpt_mutex entry = next_free_utpt_mutex;
@@ -97,7 +101,7 @@ int ut_safe_pthread_mutex_init(a_ut_safe_pthread_mutex_t* _mx, const pthread_mut
         set_head(entry->next);
         num_in_use++;
     }
-    ut_safe_pthread_mutex_exit();
+    ut_safe_pthread_mutex_exit(section);
     return entry != nullptr ? 0 : ENOMEM;
 }
 
@@ -105,12 +109,15 @@ int ut_safe_pthread_mutex_destroy(a_ut_safe_pthread_mutex_t* _mx)
 {
     if (_mx->p_mutex == nullptr)
         return 0;
-    ut_safe_pthread_mutex_enter();
+    a_utpt_mutex* section = ut_safe_pthread_mutex_enter();
+    // In a forked child a thread of the parent may have held it.
+    if (forked)
+        pthread_mutex_init(_mx->p_mutex, nullptr);
     num_in_use--;
     push(reinterpret_cast<p_free_utpt_mutex>(_mx->p_mutex));
     if (num_in_use == 0)
         ut_safe_pthread_mutex_clean_now();
-    ut_safe_pthread_mutex_exit();
+    ut_safe_pthread_mutex_exit(section);
     _mx->p_mutex = nullptr;
     return 0;
 }
@@ -123,16 +130,16 @@ int ut_safe_pthread_mutex_unlock(a_ut_safe_pthread_mutex_t* _mx) { return pthrea
 
 void ut_safe_pthread_mutex_alloc(unsigned int num)
 {
-    ut_safe_pthread_mutex_enter();
+    a_utpt_mutex* section = ut_safe_pthread_mutex_enter();
     ut_safe_pthread_mutex_alloc_now(num);
-    ut_safe_pthread_mutex_exit();
+    ut_safe_pthread_mutex_exit(section);
 }
 
 void ut_safe_pthread_mutex_clean(void)
 {
-    ut_safe_pthread_mutex_enter();
+    a_utpt_mutex* section = ut_safe_pthread_mutex_enter();
     ut_safe_pthread_mutex_clean_now();
-    ut_safe_pthread_mutex_exit();
+    ut_safe_pthread_mutex_exit(section);
 }
 
 // No lock: start-up creates the section before the pool is used.
@@ -151,6 +158,7 @@ void ut_safe_pthread_mutex_crit_fini()
 // Signal-safe.
 void ut_safe_pthread_mutex_pool_fork_child()
 {
+    forked = true;
     if (critical_mutex_p != nullptr)
         critical_mutex_p->fork_child();
 }

@@ -87,7 +87,10 @@ T real(const char* name)
         return next args;                                                                                              \
     }
 
+// The stand-ins bear fewer attributes than the declarations that they shadow; clang has no such warning.
+#ifndef __clang__
 #pragma GCC diagnostic ignored "-Wmissing-attributes"
+#endif
 STAND_IN(FILE*, fopen, (const char* name, const char* mode), (name, mode))
 STAND_IN(FILE*, fdopen, (int fd, const char* mode) noexcept, (fd, mode))
 STAND_IN(int, fclose, (FILE * f), (f))

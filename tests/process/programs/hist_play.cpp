@@ -31,6 +31,7 @@ std::string trap;                      // played in the trap_after-th look at th
 int trap_after = 0;
 thread_local a_ptrint slot = 0;   // the handle's low bits; 0: the real handle
 thread_local bool shown = false;  // the history is being called: it gets to see `slot`
+bool in_child = false;
 std::map<std::string, a_ut_hist_id> ids;
 std::map<std::string, a_ut_hist_loc> locs;
 std::deque<std::string> texts;
@@ -134,6 +135,7 @@ void fork_child(const an_arg_list& args)
     fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
+        in_child = true;
         play(rest(args, 1));
         exit(0);
     }
@@ -141,6 +143,20 @@ void fork_child(const an_arg_list& args)
     waitpid(child, &status, 0);
     if (status != 0)
         printf("child %x\n", status);
+}
+
+// Records a text of some length three times over, as file, id and event; behind its NUL no byte can be read.
+void add_at_page_end(const an_arg_list& args)
+{
+    constexpr size_t page = 4096;
+    const size_t len = std::stoul(args[1]);
+    char* pages = static_cast<char*>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(pages + page, page, PROT_NONE);
+    char* at = pages + page - len - 1;
+    for (size_t i = 0; i < len; i++)
+        at[i] = char('a' + i % 26);
+    ut_hist_add(at, 1, nullptr, UT_HIST_CL_EV, UT_HIST_ID_TEXT(at), at, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                nullptr, nullptr);
 }
 
 void dump_to_file(const an_arg_list& args)
@@ -186,6 +202,7 @@ const std::map<std::string, void (*)(const an_arg_list& args)> commands = {
     {"debug", [](const an_arg_list&) { printf("debug %d\n", ut_hist_debug); }},
     {"dump", [](const an_arg_list&) { ut_hist_dump_to_log(); }},
     {"file", dump_to_file},
+    {"page-end", add_at_page_end},
     {"usr1", raise_usr1},
     {"mine", [](const an_arg_list&) { signal(SIGUSR1, mine); }},
     {"handler", show_handler},
@@ -220,7 +237,7 @@ extern "C" int gettimeofday(struct timeval* tv, void*) noexcept
     return 0;
 }
 
-// ThreadSanitizer asks for the signal mask too, long before it can run code of its own making.
+// ThreadSanitizer calls this one and pthread_self too, before it can run code of its own making.
 extern "C" __attribute__((no_sanitize("thread"))) int pthread_sigmask(int how, const sigset_t* set, sigset_t* old) noexcept
 {
     if (trap_after > 0)
@@ -233,8 +250,16 @@ extern "C" const char* __lsan_default_suppressions()
 {
     return "leak:ut_safe_pthread_mutex_alloc_now\n";
 }
+extern "C" int __lsan_is_turned_off()  // in a child it cannot look at the stacks of the parent's threads
+{
+    return in_child ? 1 : 0;
+}
+extern "C" const char* __lsan_default_options()
+{
+    return "print_suppressions=0";
+}
 
-extern "C" pthread_t pthread_self() noexcept
+extern "C" __attribute__((no_sanitize("thread"))) pthread_t pthread_self() noexcept
 {
     pthread_t self;
     __asm__("mov %%fs:16, %0" : "=r"(self));

@@ -10,7 +10,7 @@ void leave(a_ut_hist_id id, int how)
     UT_HIST_SCOPE(id, how == 0 ? "return" : "throw");
     if (how == 0)
         return;
-    UT_HIST_EV(UT_HIST_ID_NONE, "inside", &how == nullptr ? nullptr : reinterpret_cast<void*>(1), 2L, size_t(3), 1.0);
+    UT_HIST_EV(UT_HIST_ID_NONE, "inside", reinterpret_cast<void*>(1), 2L, size_t(3), 1.0);
     throw std::runtime_error("left early");
 }
 

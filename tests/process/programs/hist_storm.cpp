@@ -22,7 +22,8 @@ FILE* nowhere;
 a_ut_hist_id ids[2];
 thread_local uint32 handled = 0;
 
-const char* const texts[] = {"t-0", "text--1", "long-text-----2", "the-longest-text-of-all-these-3"};
+// Each begins with a blank: a row recorded after the widths were found may be wider than its columns.
+const char* const texts[] = {" t-0", " text--1", " long-text-----2", " the-longest-text-of-all-these3"};
 const char* const files[] = {"f-0", "file--1", "long-file-----2", "/some/way/long-file-3.cc"};
 
 void record(uint32 thread, uint32 k, a_ut_hist_id id)
@@ -35,7 +36,7 @@ void record(uint32 thread, uint32 k, a_ut_hist_id id)
     if (k % 16 == 0) {
         char block[100];
         const int len = snprintf(block, sizeof block, "%u=%.*s", k, int(k % 64), std::string(64, char('a' + k % 26)).c_str());
-        ut_hist_add("data", 1, nullptr, UT_HIST_CL_DATA, id, "data", 2, block, reinterpret_cast<void*>(a_ptrint(len)), nullptr,
+        ut_hist_add("data", 1, nullptr, UT_HIST_CL_DATA, id, " data", 2, block, reinterpret_cast<void*>(a_ptrint(len)), nullptr,
                     nullptr, nullptr, nullptr, nullptr, nullptr);
     }
 }
