@@ -8,11 +8,11 @@
 #include "utils/unix/utcore.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/utsname.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "utils/etc/utenv.h"
@@ -23,8 +23,9 @@ namespace {
 
 constexpr size_t env_size = 8;
 constexpr unsigned default_delay = 2;  // seconds before the abort
-constexpr int max_pauses = 1000;       // of 10 ms, for another thread that ends the process
-constexpr unsigned max_delay = 3600;   // a process that is to die does so within the hour
+constexpr int pause_ms = 10;           // at a time, for another thread that ends the process
+constexpr int max_pauses = 1000;
+constexpr unsigned max_delay = 3600;  // a process that is to die does so within the hour
 
 // A handled signal: whether it is a crash signal (its core dump is allowed), and the disposition in force before the
 // library's, all zero (the default action) for none.
@@ -119,8 +120,10 @@ void delay_abort()
     if (!set && !linux_kill_other_threads)
         return;
     // Another signal may cut a sleep short.
-    for (unsigned left = set && value[0] != '\0' ? read_delay(value) : default_delay; left > 0;)
+    unsigned left = set && value[0] != '\0' ? read_delay(value) : default_delay;
+    do
         left = sleep(left);
+    while (left > 0);
 }
 
 // Signal-safe.
@@ -161,9 +164,8 @@ void leave_it_to_the_first()
     if (__atomic_compare_exchange_n(&ending_thread, &first, me, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE) ||
         first == me)
         return;
-    const struct timespec pause = {0, 10000000};
     for (int i = 0; i < max_pauses; i++)
-        nanosleep(&pause, nullptr);
+        poll(nullptr, 0, pause_ms);
 }
 
 // Signal-safe.
