@@ -4,10 +4,16 @@
 
 #include "corvex/forkprotection.h"
 #include "corvex/hist.h"
+#include "corvex/identity.h"
 #include "corvex/onsig.h"
 #include "corvex/print.h"
 #include "corvex/ptcondvar.h"
 #include "corvex/ptmutex.h"
+#include "corvex/ptsem.h"
+#include "corvex/thread.h"
 #include "corvex/types.h"
+#ifdef __cplusplus
+#include "corvex/vmutex.h"
+#endif
 
 #endif

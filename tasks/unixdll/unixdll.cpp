@@ -11,6 +11,8 @@
 
 #include "corvex/forkprotection.h"
 #include "tasks/unixdll/version_record.h"
+#include "utils/etc/osident.h"
+#include "utils/etc/osthread.h"
 #include "utils/etc/uthist/uthist.h"
 #include "utils/unix/utcore.h"
 #include "utils/unix/utptmutex.h"
@@ -44,6 +46,8 @@ void FreeLocksInChild_corvex()
     ut_onsig_fork_child();
     ut_safe_pthread_mutex_pool_fork_child();
     ut_safe_pthread_cond_pool_fork_child();
+    os_thread_fork_child();
+    os_ident_fork_child();
     ut_hist_fork_child();
 }
 
@@ -73,6 +77,13 @@ public:
 dbversion_info ver_info;
 an_outermost_corvex outermost_corvex;
 a_history_defaults_corvex history_defaults_corvex;
+
+}  // namespace
+
+UTThreadLocalStorage<an_os_thread> TLSMe;
+
+namespace {
+
 an_init_fini_execute_me_corvex execute_me_corvex;
 
 }  // namespace

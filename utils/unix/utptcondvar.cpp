@@ -156,3 +156,10 @@ void ut_safe_pthread_cond_pool_fork_child()
     if (critical_mutex_p != nullptr)
         critical_mutex_p->fork_child();
 }
+
+// Signal-safe.
+void ut_safe_pthread_cond_fork_child(a_ut_safe_pthread_cond_t* _cv)
+{
+    if (_cv->p_cond != nullptr)
+        pthread_cond_init(_cv->p_cond, nullptr);
+}

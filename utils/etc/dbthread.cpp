@@ -1,0 +1,156 @@
+// dbthread.cpp: starts, parks, wakes and ends the threads of the thread layer.
+//
+// A start: the starter fills a block on its stack, creates the thread and waits for child_started; the new thread
+// registers, takes what it needs from the block, and signals. From then on it does not touch the block, which goes with the
+// starter's frame. The starter is always signalled, also when the registration failed.
+//
+// A wake-up stores the value, then signals the descriptor's semaphore; a park waits for the semaphore, then reads the
+// value. The semaphore sees to it that the last value is read, or another wake-up follows (utptsem.cpp).
+// ThreadTableMutex is never held across a join or a body. Not signal-safe.
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "utils/etc/osthread.h"
+#include "utils/etc/osthrsup.h"
+#include "utils/etc/utenv.h"
+
+namespace {
+
+constexpr uint32 interface_version = 0x10000b5d;
+constexpr int line_before_body = 514;  // what a mismatch is reported under
+constexpr int line_after_body = 516;
+constexpr size_t name_size = 16;  // the kernel's limit, the terminating NUL included
+
+struct os_helper_parms {
+    p_os_thread parent;
+    p_os_thread child;  // null until the new thread has registered
+    a_semaphore child_started;
+    an_os_thread_start_address func;
+    void* parm;
+    a_bool attachable;
+    char name[name_size];
+};
+
+// The first bytes of a name, without a UTF-8 character cut in two.
+void copy_name(char (&dst)[name_size], const char* name)
+{
+    size_t len = name != nullptr ? strnlen(name, name_size) : 0;
+    if (len == name_size) {
+        len = name_size - 1;
+        while (len > 0 && (uint8_t(name[len]) & 0xC0) == 0x80)  // a continuation byte would be cut off
+            len--;
+    }
+    memcpy(dst, name, len);
+    dst[len] = '\0';
+}
+
+void name_thread(const char* name)
+{
+    if (name[0] != '\0')
+        pthread_setname_np(pthread_self(), name);
+}
+
+void run_thread_body(an_os_thread_start_address func, void* parm)
+{
+    Perform_Version_Check(interface_version, line_before_body);
+    func(parm);
+    Perform_Version_Check(interface_version, line_after_body);
+}
+
+void begin_helper(void* _parms)
+{
+    os_helper_parms* block = static_cast<os_helper_parms*>(_parms);
+    name_thread(block->name);
+    p_os_thread me = add_current_thread(block->attachable);
+    const an_os_thread_start_address func = block->func;
+    void* const parm = block->parm;
+    block->child = me;
+    ut_pthread_signal_semaphore(&block->child_started);
+    if (me == nullptr)
+        return;
+    run_thread_body(func, parm);
+    remove_current_thread();
+}
+
+void* begin_routine(void* _parms)
+{
+    begin_helper(_parms);
+    return nullptr;
+}
+
+// A thread that could not register has ended, or soon will: its stack is given back.
+void reclaim(a_thread_id id, const os_helper_parms& block)
+{
+    if (block.child == nullptr && block.attachable)
+        pthread_join(id, nullptr);
+}
+
+}  // namespace
+
+void Perform_Version_Check(uint32 version, int line)
+{
+    if (version == interface_version)
+        return;
+    const char* wanted = ut_getenv2("ZT_PRINT_VERSION_ON_STARTUP");
+    if (wanted != nullptr && wanted[0] != '\0')
+        fprintf(stderr, "[%d] Version: %d vs %d\n", line, int(version), int(interface_version));
+}
+
+p_os_thread OS_Begin_Thread_Attachable(an_os_thread_start_address start_address, void* stack_bottom,
+                                       unsigned int stack_size, void* arg, const char* name, a_bool attachable)
+{
+    os_helper_parms block = {OS_Me(), nullptr, {}, start_address, arg, attachable, ""};
+    copy_name(block.name, name);
+    if (ut_pthread_open_semaphore(&block.child_started, 0) != 0)
+        return nullptr;
+    const a_thread_id id = attachable
+                               ? os_beginthread_attachable(begin_routine, stack_bottom, stack_size, &block, nullptr)
+                               : os_beginthread(begin_routine, stack_bottom, stack_size, &block, nullptr);
+    if (id != os_no_thread) {
+        ut_pthread_waiton_semaphore(&block.child_started);
+        reclaim(id, block);
+    }
+    ut_pthread_close_semaphore(&block.child_started);
+    return block.child;
+}
+
+// Relaxed: the semaphore's read-modify-writes order the value on both sides.
+void* OS_WaitEx(p_os_thread me)
+{
+    ut_pthread_waiton_semaphore(&me->wait);
+    return __atomic_load_n(&me->parm, __ATOMIC_RELAXED);
+}
+
+void* OS_Wait(void) { return OS_WaitEx(OS_Me()); }
+
+void OS_Wakeup(p_os_thread thread, void* parm)
+{
+    __atomic_store_n(&thread->parm, parm, __ATOMIC_RELAXED);
+    ut_pthread_signal_semaphore(&thread->wait);
+}
+
+void OS_End_Thread(void)
+{
+    OS_Detach_Thread();
+    os_endthread();
+}
+
+void OS_End_Thread_Wakeup(p_os_thread waiter, void* parm)
+{
+    OS_Detach_Thread();
+    OS_Wakeup(waiter, parm);
+    os_endthread();
+}
+
+a_bool OS_TerminateThread(p_os_thread thread) { return pthread_kill(thread->tid, SIGKILL) == 0; }
+
+int OS_WaitOnThreadTermination(p_os_thread thread)
+{
+    if (!os_in_table(thread))
+        return 0;
+    const int joined = pthread_join(thread->tid, nullptr);
+    os_remove_from_table(thread);
+    delete thread;
+    return joined;
+}

@@ -1,0 +1,238 @@
+// osthread.cpp: the thread table and its descriptors, and the recursive mutex.
+//
+// The table is a list through table_next, newest first. ThreadTableMutex guards it and, after the first start, the count
+// of starts; it is held only to link, unlink or walk, never across a join or a thread's body, and the pools' sections are
+// taken inside it. A descriptor is destroyed after it has left the table, outside the lock (but for OS_Fini). The table's
+// links are stored so that a process forked at any moment finds a sound list. Not signal-safe but for the fork step.
+#include "utils/etc/osthread.h"
+
+#include "utils/unix/utptmutex.h"
+#include "utils/unix/utptsem.h"
+#include "utils/utmem/utmem.h"
+
+namespace {
+
+const a_thread_id no_thread_id = ~a_thread_id(0);
+
+p_os_thread ThreadTable = nullptr;
+a_mutex ThreadTableMutex;
+uint32 ThreadTableMutex_initialized = 0;  // OS_Init calls that no OS_Fini has matched yet
+
+class a_table_lock {
+public:
+    a_table_lock() { OS_MutexGet(&ThreadTableMutex); }
+    ~a_table_lock() { OS_MutexGive(&ThreadTableMutex); }
+    a_table_lock(const a_table_lock&) = delete;
+    a_table_lock& operator=(const a_table_lock&) = delete;
+};
+
+// Release: a forked child that finds the link finds the descriptor behind it.
+void set_link(p_os_thread& link, p_os_thread thread) { __atomic_store_n(&link, thread, __ATOMIC_RELEASE); }
+
+// The link that leads to the thread, or the null one at the table's end. The table is locked.
+p_os_thread* find_link(p_os_thread thread)
+{
+    p_os_thread* link = &ThreadTable;
+    while (*link != nullptr && *link != thread)
+        link = &(*link)->table_next;
+    return link;
+}
+
+// Relaxed: a thread finds its own id there only if it stored it itself.
+a_thread_id owner_of(const a_mutex* mutex) { return __atomic_load_n(&mutex->owner, __ATOMIC_RELAXED); }
+
+void set_owner(p_mutex mutex, a_thread_id owner) { __atomic_store_n(&mutex->owner, owner, __ATOMIC_RELAXED); }
+
+}  // namespace
+
+an_os_thread::an_os_thread(a_bool attachable_parm)
+    : table_next(nullptr), next(nullptr), parm(nullptr), wait(), tid(no_thread_id), refCount(1), tls(nullptr),
+      attachable(attachable_parm)
+{
+    // Without memory the semaphore stays without a mutex, which add_current_thread looks for.
+    ut_pthread_open_semaphore(&wait, 0);
+}
+
+an_os_thread::~an_os_thread() { ut_pthread_close_semaphore(&wait); }
+
+void* an_os_thread::operator new(size_t size) noexcept { return ut_alloc(size); }
+
+void an_os_thread::operator delete(void* block) noexcept { ut_free(block); }
+
+// ---- the recursive mutex ----
+
+void OS_MutexInit(p_mutex mutex)
+{
+    ut_safe_pthread_mutex_init(&mutex->mutex, nullptr);
+    set_owner(mutex, 0);
+    mutex->count = 0;
+}
+
+void OS_MutexFini(p_mutex mutex) { ut_safe_pthread_mutex_destroy(&mutex->mutex); }
+
+a_bool OS_MutexGet(p_mutex mutex)
+{
+    const a_thread_id me = pthread_self();
+    if (owner_of(mutex) != me) {
+        pthread_mutex_lock(mutex->mutex.p_mutex);
+        set_owner(mutex, me);
+    }
+    mutex->count++;
+    return FALSE;
+}
+
+a_bool OS_MutexTryGet(p_mutex mutex)
+{
+    const a_thread_id me = pthread_self();
+    if (owner_of(mutex) == me) {
+        mutex->count++;
+        return TRUE;
+    }
+    if (pthread_mutex_trylock(mutex->mutex.p_mutex) != 0)
+        return FALSE;
+    set_owner(mutex, me);
+    mutex->count = 1;
+    return TRUE;
+}
+
+void OS_MutexGive(p_mutex mutex)
+{
+    if (--mutex->count != 0)
+        return;
+    set_owner(mutex, 0);
+    pthread_mutex_unlock(mutex->mutex.p_mutex);
+}
+
+// A mutex that the forking thread itself holds stays held: a walker may fork, and its walk goes on in the child.
+// Signal-safe.
+void os_mutex_fork_child(p_mutex mutex)
+{
+    if (owner_of(mutex) == pthread_self())
+        return;
+    ut_safe_pthread_mutex_fork_child(&mutex->mutex);
+    set_owner(mutex, 0);
+    mutex->count = 0;
+}
+
+// ---- the table ----
+
+p_os_thread add_current_thread(a_bool attachable)
+{
+    p_os_thread me = new an_os_thread(attachable);
+    if (me == nullptr)
+        return nullptr;
+    if (me->wait.mutex.p_mutex == nullptr) {
+        delete me;
+        return nullptr;
+    }
+    me->tid = pthread_self();
+    TLSMe.Set(me);
+    const a_table_lock lock;
+    me->table_next = ThreadTable;
+    set_link(ThreadTable, me);
+    return me;
+}
+
+bool os_in_table(p_os_thread thread)
+{
+    const a_table_lock lock;
+    return *find_link(thread) != nullptr;
+}
+
+void os_remove_from_table(p_os_thread thread)
+{
+    const a_table_lock lock;
+    p_os_thread* link = find_link(thread);
+    if (*link == nullptr)
+        return;
+    set_link(*link, thread->table_next);
+    thread->table_next = nullptr;
+}
+
+void remove_current_thread()
+{
+    p_os_thread me = TLSMe.Get();
+    if (me == nullptr)
+        return;
+    // An attachable descriptor stays for the thread that waits for this one's end.
+    if (!me->attachable) {
+        os_remove_from_table(me);
+        delete me;
+    }
+    TLSMe.Set(nullptr);
+}
+
+p_os_thread OS_Me(void)
+{
+    p_os_thread me = TLSMe.Get();
+    return me != nullptr ? me : add_current_thread(FALSE);
+}
+
+p_os_thread OS_Attach_Thread(void)
+{
+    p_os_thread me = TLSMe.Get();
+    if (me == nullptr)
+        return add_current_thread(FALSE);
+    me->refCount++;
+    return me;
+}
+
+void OS_Detach_Thread(void)
+{
+    p_os_thread me = TLSMe.Get();
+    if (me != nullptr && --me->refCount == 0)
+        remove_current_thread();
+}
+
+// Relaxed: the word orders nothing else.
+void OS_SetTLS(p_os_thread thread, void* value) { __atomic_store_n(&thread->tls, value, __ATOMIC_RELAXED); }
+
+void* OS_GetTLS(p_os_thread thread) { return __atomic_load_n(&thread->tls, __ATOMIC_RELAXED); }
+
+void OS_ThreadWalk(an_os_walker walker, void* parm)
+{
+    const a_table_lock lock;
+    for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next)
+        if (walker(thread, parm) != OS_THREAD_CONTINUE)
+            return;
+}
+
+void OS_Init(void)
+{
+    if (ThreadTableMutex_initialized != 0) {
+        const a_table_lock lock;
+        ThreadTableMutex_initialized++;
+        return;
+    }
+    ThreadTableMutex_initialized = 1;
+    OS_MutexInit(&ThreadTableMutex);
+    add_current_thread(FALSE);
+}
+
+void OS_Fini(void)
+{
+    {
+        const a_table_lock lock;
+        if (--ThreadTableMutex_initialized != 0)
+            return;
+        remove_current_thread();
+        while (ThreadTable != nullptr) {
+            p_os_thread thread = ThreadTable;
+            set_link(ThreadTable, thread->table_next);
+            delete thread;
+        }
+    }
+    OS_MutexFini(&ThreadTableMutex);
+    TLSMe.Reinitialize();
+}
+
+// Descriptors of threads that the child does not have keep their place, with locks that their end can give back.
+// Signal-safe.
+void os_thread_fork_child()
+{
+    if (ThreadTableMutex_initialized == 0)
+        return;
+    os_mutex_fork_child(&ThreadTableMutex);
+    for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next)
+        ut_pthread_semaphore_fork_child(&thread->wait);
+}

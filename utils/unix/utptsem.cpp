@@ -1,0 +1,127 @@
+// utptsem.cpp: binary, auto-resetting semaphores.
+//
+// The flag `set` changes only under `mutex`, which is a leaf lock. Two accesses go without it: test, and the first look
+// of a signal. That look races with a wait that is just consuming:
+//
+//     signaller                        waiter
+//     store its value                  clear set
+//     look at set: 1? then done        read the value
+//
+// Were these plain loads and stores, both could pass their own store, and the last value would be lost. So the look is a
+// compare-and-swap of 1 to 1 and the clearing an exchange, both acquire and release: whichever comes second in the
+// word's order sees what the other's thread did before. Not signal-safe but for the fork step.
+#include "utils/unix/utptsem.h"
+
+#include <errno.h>
+#include <sys/time.h>
+
+#include "utils/unix/utptmutex.h"
+
+namespace {
+
+constexpr unsigned ms_per_second = 1000;
+constexpr long us_per_second = 1000000;
+
+// A semaphore's mutex for a scope.
+class a_sem_lock {
+public:
+    explicit a_sem_lock(a_ut_pthread_semaphore* sem) : mutex(sem->mutex.p_mutex) { pthread_mutex_lock(mutex); }
+    ~a_sem_lock() { pthread_mutex_unlock(mutex); }
+    a_sem_lock(const a_sem_lock&) = delete;
+    a_sem_lock& operator=(const a_sem_lock&) = delete;
+
+private:
+    pthread_mutex_t* mutex;
+};
+
+// Relaxed: read under the mutex.
+bool is_set(const a_ut_pthread_semaphore* sem) { return __atomic_load_n(&sem->set, __ATOMIC_RELAXED) != 0; }
+
+// Clears the flag under the mutex, seeing what the last signaller stored before its look.
+void consume(a_ut_pthread_semaphore* sem) { __atomic_exchange_n(&sem->set, FALSE, __ATOMIC_ACQ_REL); }
+
+struct timespec deadline_in(unsigned int timeout_in_ms)
+{
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    const unsigned sec = timeout_in_ms / ms_per_second;
+    const unsigned msec = timeout_in_ms - sec * ms_per_second;
+    now.tv_sec += sec;
+    now.tv_usec += long(msec) * 1000;
+    now.tv_sec += now.tv_usec / us_per_second;
+    now.tv_usec %= us_per_second;
+    return {now.tv_sec, now.tv_usec * 1000};
+}
+
+}  // namespace
+
+a_bool ut_pthread_open_semaphore(a_ut_pthread_semaphore* sem, unsigned int initial_value)
+{
+    sem->set = initial_value != 0;
+    const int no_cv = ut_safe_pthread_cond_init(&sem->cv, nullptr);
+    if (no_cv != 0)
+        return a_bool(no_cv);
+    const int no_mutex = ut_safe_pthread_mutex_init(&sem->mutex, nullptr);
+    if (no_mutex != 0)
+        ut_safe_pthread_cond_destroy(&sem->cv);
+    return a_bool(no_mutex);
+}
+
+void ut_pthread_close_semaphore(a_ut_pthread_semaphore* sem)
+{
+    __atomic_store_n(&sem->set, FALSE, __ATOMIC_RELAXED);
+    ut_safe_pthread_cond_destroy(&sem->cv);
+    ut_safe_pthread_mutex_destroy(&sem->mutex);
+}
+
+a_bool ut_pthread_signal_semaphore(a_ut_pthread_semaphore* sem)
+{
+    a_bool signalled = TRUE;
+    if (__atomic_compare_exchange_n(&sem->set, &signalled, TRUE, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
+        return TRUE;
+    const a_sem_lock lock(sem);
+    if (!is_set(sem)) {
+        __atomic_store_n(&sem->set, TRUE, __ATOMIC_RELEASE);
+        ut_safe_pthread_cond_broadcast(&sem->cv);
+    }
+    return TRUE;
+}
+
+a_bool ut_pthread_waiton_semaphore(a_ut_pthread_semaphore* sem)
+{
+    const a_sem_lock lock(sem);
+    while (!is_set(sem))
+        ut_safe_pthread_cond_wait(&sem->cv, &sem->mutex);
+    consume(sem);
+    return TRUE;
+}
+
+a_bool ut_pthread_waiton_semaphore_timed(a_ut_pthread_semaphore* sem, unsigned int timeout_in_ms)
+{
+    const struct timespec deadline = deadline_in(timeout_in_ms);
+    const a_sem_lock lock(sem);
+    int rc = 0;
+    while (!is_set(sem) && rc != ETIMEDOUT)
+        rc = ut_safe_pthread_cond_timedwait(&sem->cv, &sem->mutex, &deadline);
+    if (rc == ETIMEDOUT)
+        return FALSE;
+    consume(sem);
+    return TRUE;
+}
+
+// Acquire: who sees a signal sees what was stored before it.
+a_bool ut_pthread_test_semaphore(a_ut_pthread_semaphore* sem) { return __atomic_load_n(&sem->set, __ATOMIC_ACQUIRE); }
+
+a_bool ut_pthread_reset_semaphore(a_ut_pthread_semaphore* sem)
+{
+    const a_sem_lock lock(sem);
+    consume(sem);
+    return TRUE;
+}
+
+// Signal-safe.
+void ut_pthread_semaphore_fork_child(a_ut_pthread_semaphore* sem)
+{
+    ut_safe_pthread_mutex_fork_child(&sem->mutex);
+    ut_safe_pthread_cond_fork_child(&sem->cv);
+}
