@@ -10,6 +10,7 @@
 #include "corvex/ptcondvar.h"
 #include "corvex/ptmutex.h"
 #include "corvex/ptsem.h"
+#include "corvex/sysvsem.h"
 #include "corvex/thread.h"
 #include "corvex/types.h"
 #ifdef __cplusplus

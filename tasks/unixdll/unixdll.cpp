@@ -14,6 +14,7 @@
 #include "utils/etc/osident.h"
 #include "utils/etc/osthread.h"
 #include "utils/etc/uthist/uthist.h"
+#include "utils/unix/sysvsemo.h"
 #include "utils/unix/utcore.h"
 #include "utils/unix/utptmutex.h"
 
@@ -27,12 +28,14 @@ void InitTheInternalStuff_corvex()
     ut_safe_pthread_mutex_crit_init();
     ut_safe_pthread_cond_crit_init();
     ut_onsig_init();
+    sysv_list_init_semaphore();
     ut_hist_init();
 }
 
 void FiniTheInternalStuff_corvex()
 {
     ut_hist_fini();
+    sysv_list_fini_semaphore();
     ut_onsig_fini();
     ut_safe_pthread_cond_crit_fini();
     ut_safe_pthread_mutex_crit_fini();
@@ -48,6 +51,7 @@ void FreeLocksInChild_corvex()
     ut_safe_pthread_cond_pool_fork_child();
     os_thread_fork_child();
     os_ident_fork_child();
+    sysv_list_fork_child();
     ut_hist_fork_child();
 }
 

@@ -241,6 +241,14 @@ void ut_onsig_remove_signal_handlers()
         remove(row);
 }
 
+// Signal-safe.
+void ut_onsig_handled_signals(sigset_t* set)
+{
+    sigemptyset(set);
+    for (const a_handled_signal& row : handled)
+        sigaddset(set, row.signal);
+}
+
 // The child is a process of its own, with other thread ids, and nobody ends it yet.
 // Signal-safe.
 void ut_onsig_fork_child()

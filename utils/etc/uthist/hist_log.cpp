@@ -270,13 +270,16 @@ FILE* hist_begin_message()
 
 // ---- dumps ----
 
-// Makes the caller the one whose dump runs, waiting for another thread's. Its own thread's cannot be running: a dump
-// calls nobody.
+// Makes the caller the one whose dump runs, waiting for another thread's. Its own thread's runs only when a handler
+// that interrupted it ends the process by exit; it will never go on.
 // Not signal-safe: it waits.
 void hist_dump_claim()
 {
-    while (!move_dump(DUMP_IDLE, DUMP_RUNNING))
+    while (!move_dump(DUMP_IDLE, DUMP_RUNNING)) {
+        if (__atomic_load_n(&dump_owner, __ATOMIC_RELAXED) == gettid())
+            return;
         sched_yield();
+    }
     __atomic_store_n(&dump_owner, int32(gettid()), __ATOMIC_RELAXED);
 }
 
@@ -309,7 +312,8 @@ void ut_hist_dump_to_log_i(a_ut_hist_dump& f)
 // Not signal-safe: it locks.
 void ut_hist_dump_to_file(FILE* f)
 {
-    if (hist.hist_evs == nullptr)
+    const a_hist_user user;
+    if (!user.has_store())
         return;
     const a_hist_lock_all lock;
     hist_dump_claim();
@@ -322,7 +326,8 @@ void ut_hist_dump_to_file(FILE* f)
 // Not signal-safe: it locks.
 void ut_hist_dump_to_log(void)
 {
-    if (hist.hist_evs == nullptr)
+    const a_hist_user user;
+    if (!user.has_store())
         return;
     UT_HIST_EV(UT_HIST_ID_NONE, "PROGRAM DUMP");
     const a_hist_lock_all lock;

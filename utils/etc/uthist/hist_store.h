@@ -152,6 +152,8 @@ struct alignas(cache_line) a_ut_hist_store {
     void* evs_block;       // owned; the allocation behind hist_evs
     a_critical_sect hist_ids_mutex;
     int32 dump_state;
+    int32 users;   // threads inside a dump or a registration, see a_hist_user
+    bool closing;  // shut-down is about to free the store
 
     // Written by every event of every thread: a line of its own.
     alignas(cache_line) uint32 hist_count;
@@ -202,6 +204,21 @@ public:
 private:
     a_critical_sect* mutex;
     uint32 forks = 0;
+};
+
+// A thread that dumps or registers an id, for a scope. Sequentially consistent with shut-down, which first sets `closing`
+// and then waits for the users: either it sees this one, or this one sees that it closes.
+class a_hist_user {
+public:
+    // Signal-safe.
+    a_hist_user() { __atomic_add_fetch(&hist.users, 1, __ATOMIC_SEQ_CST); }
+    // Signal-safe.
+    ~a_hist_user() { __atomic_sub_fetch(&hist.users, 1, __ATOMIC_SEQ_CST); }
+    a_hist_user(const a_hist_user&) = delete;
+    a_hist_user& operator=(const a_hist_user&) = delete;
+
+    // Signal-safe.
+    bool has_store() const { return !__atomic_load_n(&hist.closing, __ATOMIC_SEQ_CST) && hist.hist_evs != nullptr; }
 };
 
 // All queues' mutexes for a scope, taken and given back in ascending order.

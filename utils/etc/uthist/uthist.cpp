@@ -38,16 +38,18 @@ bool somebody_records()
     return false;
 }
 
-// Lets threads that are just recording finish: a server may exit under its threads. The barrier runs on all their
+// Lets threads that are just recording or dumping finish: a server may exit under its threads. The barrier runs on all their
 // processors, so that it costs recording nothing: afterwards either a thread's mark is seen here, or the thread sees
 // that the history has stopped. Bounded: a thread that was ended in the middle of its event leaves its mark for ever.
 // Not signal-safe: it sleeps.
-void wait_for_recorders()
+void wait_for_users()
 {
     const struct timespec millisecond = {0, 1000000};
     syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0);
     syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
-    for (int i = 0; i < max_waits && somebody_records(); i++)
+    __atomic_store_n(&hist.closing, true, __ATOMIC_SEQ_CST);
+    const auto busy = [] { return somebody_records() || __atomic_load_n(&hist.users, __ATOMIC_SEQ_CST) > 0; };
+    for (int i = 0; i < max_waits && busy(); i++)
         nanosleep(&millisecond, nullptr);
 }
 
@@ -57,7 +59,7 @@ void clean_up()
 {
     if (hist_cfg.ut_hist_exit_cleanup <= 0)
         return;
-    wait_for_recorders();
+    wait_for_users();
     hist_dump_claim();
     __atomic_store_n(&hist.dump_state, DUMP_CLOSED, __ATOMIC_RELEASE);
     hist_store_free(hist_cfg.ut_hist_exit_cleanup > 1);
@@ -80,6 +82,7 @@ void ut_hist_init(void)
         Close_Errout();
         return;
     }
+    hist.closing = false;
     __atomic_store_n(&hist.dump_state, DUMP_IDLE, __ATOMIC_RELEASE);
     if (hist_cfg.ut_hist_dump_on_sig == 1)
         hist_install_signal_handler_once();
@@ -116,6 +119,7 @@ void ut_hist_fini(void)
 void ut_hist_fork_child()
 {
     __atomic_add_fetch(&hist.fork_count, 1u, __ATOMIC_RELAXED);
+    __atomic_store_n(&hist.users, 0, __ATOMIC_RELAXED);
     hist_slots_fork_child();
     for (a_ut_hist_thread& thread : hist.threads)
         for (int32& recursing : thread.recursing)

@@ -1,0 +1,237 @@
+// sysvsem_test.cpp: System V semaphores: packing into sets, order, values, and what is left in the kernel. Each case runs in
+// a child with a namespace of its own where that is allowed, since the set size is fixed once per process.
+#include <fcntl.h>
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "corvex/corvex.h"
+#include "utils/unix/sysvsemo.h"
+
+namespace {
+
+int kernel_sets()
+{
+    int count = -1;  // the heading
+    FILE* list = fopen("/proc/sysvipc/sem", "r");
+    for (int c; (c = fgetc(list)) != EOF;)
+        count += c == '\n';
+    fclose(list);
+    return count;
+}
+
+int own_sets(int before) { return kernel_sets() - before; }
+
+// Runs the piece in a child with TBX_MAX_NSEMS set; its failures are the child's status.
+void in_child(const char* max_nsems, const std::function<void()>& piece)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        unshare(CLONE_NEWIPC);  // without the right to, the machine's own sets are counted along
+        setenv("TBX_MAX_NSEMS", max_nsems, 1);
+        UnixForkProtection_Reset();
+        piece();
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+a_sysv_semaphore open_one(int value = 1)
+{
+    a_sysv_semaphore s = {-7, -7};
+    EXPECT_TRUE(sysv_open_semaphore(&s, value));
+    EXPECT_GT(s.ident, 0);
+    return s;
+}
+
+}  // namespace
+
+TEST(SysvSemaphores, PackIntoSetsLowestMemberFirst)
+{
+    in_child("8", [] {
+        const int before = kernel_sets();
+        EXPECT_TRUE(sysv_list_is_empty());
+        std::vector<a_sysv_semaphore> open;
+        for (int i = 0; i < 9; i++) {
+            open.push_back(open_one(5));
+            EXPECT_EQ(open[size_t(i)].offset, i % 8);
+            EXPECT_EQ(semctl(open.back().ident, open.back().offset, GETVAL), 5);
+        }
+        EXPECT_EQ(own_sets(before), 2);
+        EXPECT_NE(open[8].ident, open[0].ident);
+        sysv_close_semaphore(&open[3]);
+        EXPECT_EQ(open_one().offset, 3) << "the full set came to the front with its free member";
+        a_sysv_semaphore refused = {0, 0};
+        EXPECT_FALSE(sysv_open_semaphore(&refused, -1)) << "the kernel refuses the value";
+        EXPECT_EQ(open_one().offset, 1) << "the refused member was given back";
+        sysv_close_semaphore(&open[8]);
+        EXPECT_EQ(own_sets(before), 2) << "one member of the second set is left";
+        a_sysv_semaphore stale = {open[8].ident + 12345, 0}, none = {0, 0};
+        sysv_close_semaphore(&stale);
+        sysv_close_semaphore(&none);
+        sysv_close_semaphore(nullptr);
+        EXPECT_FALSE(sysv_list_is_empty());
+        sysv_sig_handler(SIGTERM, nullptr, FALSE, TRUE, FALSE, nullptr, nullptr);
+        EXPECT_EQ(own_sets(before), 2) << "no cleanup while another handler gets the signal";
+        ut_onsig_call_now(SIGTERM, FALSE, FALSE, TRUE, nullptr, nullptr);
+        EXPECT_EQ(own_sets(before), 0);
+        EXPECT_TRUE(sysv_list_is_empty());
+        sysv_close_semaphore(&open[0]);
+        EXPECT_EQ(open_one().offset, 0) << "the list is usable after a cleanup";
+        sysv_list_fini_semaphore();
+        EXPECT_EQ(own_sets(before), 0);
+        EXPECT_FALSE(sysv_list_is_empty()) << "there is no list";
+        EXPECT_FALSE(sysv_open_semaphore(&stale, 0));
+    });
+}
+
+TEST(SysvSemaphores, SetsOfOneComeAndGoWithTheirMember)
+{
+    // One that the kernel refuses makes sets of one, too.
+    for (const char* size : {"1", "2000000000"})
+        in_child(size, [] {
+            const int before = kernel_sets();
+            std::vector<a_sysv_semaphore> open;
+            for (int i = 0; i < 300; i++)
+                open.push_back(open_one());
+            EXPECT_EQ(own_sets(before), 300);
+            EXPECT_EQ(c_sysv_semaphore_set::MAX_NSEMS, 1);
+            a_sysv_semaphore wrong = {open[7].ident, 1};
+            sysv_close_semaphore(&wrong);
+            EXPECT_EQ(own_sets(before), 300) << "no such member";
+            for (a_sysv_semaphore& s : open)
+                sysv_close_semaphore(&s);
+            EXPECT_EQ(own_sets(before), 0);
+        });
+}
+
+TEST(SysvSemaphores, SizeComesFromTheKernelUnlessANumberIsGiven)
+{
+    for (const char* size : {"0", "-3", "abc", ""})
+        in_child(size, [] {
+            const int before = kernel_sets();
+            a_sysv_semaphore s = open_one();
+            EXPECT_EQ(own_sets(before), 1) << "neither the probe nor a set numbered 0 is left";
+            seminfo info = {};
+            semctl(0, 0, SEM_INFO, &info);
+            EXPECT_EQ(c_sysv_semaphore_set::MAX_NSEMS, info.semmsl);
+            sysv_close_semaphore(&s);
+            EXPECT_EQ(own_sets(before), 0);
+        });
+}
+
+TEST(SysvSemaphores, ForkedChildLeavesItsParentsSetsAlone)
+{
+    in_child("4", [] {
+        const int before = kernel_sets();
+        a_sysv_semaphore parents = open_one();
+        const pid_t child = fork();
+        if (child == 0) {
+            a_sysv_semaphore own = open_one();
+            EXPECT_NE(own.ident, parents.ident) << "members of the parent's set are the parent's to hand out";
+            sysv_close_semaphore(&parents);
+            EXPECT_EQ(own_sets(before), 2);
+            ut_onsig_call_now(SIGTERM, FALSE, FALSE, TRUE, nullptr, nullptr);
+            EXPECT_EQ(own_sets(before), 1) << "its own set is gone, its parent's is not";
+            own = open_one();
+            sysv_close_semaphore(&own);
+            exit(testing::Test::HasFailure() ? 1 : 0);
+        }
+        int status;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+        EXPECT_EQ(own_sets(before), 1);
+        EXPECT_EQ(semctl(parents.ident, parents.offset, GETVAL), 1);
+        sysv_close_semaphore(&parents);
+        EXPECT_EQ(own_sets(before), 0);
+    });
+}
+
+TEST(SysvSemaphores, ThreadsNeverShareAMember)
+{
+    in_child("16", [] {
+        const int before = kernel_sets();
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; i++)
+            threads.emplace_back([i] {
+                std::vector<a_sysv_semaphore> mine;
+                for (int n = 0; n < 400; n++) {
+                    a_sysv_semaphore s;
+                    ASSERT_TRUE(sysv_open_semaphore(&s, i));
+                    mine.push_back(s);
+                    if (mine.size() < 20)
+                        continue;
+                    EXPECT_EQ(semctl(mine.front().ident, mine.front().offset, GETVAL), i);
+                    sysv_close_semaphore(&mine.front());
+                    mine.erase(mine.begin());
+                }
+                for (a_sysv_semaphore& s : mine)
+                    sysv_close_semaphore(&s);
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(own_sets(before), 0);
+    });
+}
+
+TEST(BitArray, FindsAndCountsByWords)
+{
+    c_bit_array bits(70, TRUE), none(0, TRUE);
+    EXPECT_EQ(none.get_first(FALSE), -1);
+    for (int i = 0; i < 70; i++) {
+        EXPECT_EQ(bits.get_first(FALSE), i);
+        EXPECT_FALSE(bits.set(uint32(i)));
+    }
+    EXPECT_EQ(bits.get_first(FALSE), -1);
+    EXPECT_EQ(bits.get_last(TRUE), 69);
+    EXPECT_TRUE(bits.clear(3));
+    EXPECT_TRUE(bits.clear(68));
+    EXPECT_FALSE(bits.clear(70)) << "beyond the end";
+    EXPECT_EQ(bits.get_first(FALSE), 3);
+    EXPECT_EQ(bits.get_last(FALSE), 68);
+    EXPECT_EQ(bits.count_bits(TRUE), 68);
+    bits.set_all();
+    EXPECT_EQ(bits.count_bits(FALSE), 0);
+    bits.clear_all();
+    EXPECT_EQ(bits.get_first(FALSE), 0);
+    EXPECT_EQ(bits.get_first(TRUE), -1);
+}
+
+TEST(List, LinksAndUnlinks)
+{
+    c_sysv_semaphore_set::MAX_NSEMS = 1;
+    c_sysv_semaphore_set a, b;
+    c_sysv_semaphore_set_list list;
+    a.unlink();
+    EXPECT_EQ(a.next, &a);
+    EXPECT_EQ(list.get_first(), nullptr);
+    list.append(&a);
+    list.insert_before(&a, &b);
+    EXPECT_EQ(list.next(&b), &a);
+    EXPECT_EQ(list.next(&a), nullptr);
+    c_sysv_semaphore_set_iter iter(list);
+    EXPECT_EQ(iter.get(), &b);
+    iter.last();
+    EXPECT_EQ(iter.get(), &a);
+    iter.next();
+    EXPECT_TRUE(iter.is_past());
+    EXPECT_EQ(iter.get(), nullptr);
+    EXPECT_EQ(list.get_last(), &a);
+    list.clear();
+    EXPECT_TRUE(list.is_empty());
+    EXPECT_FALSE(b.is_linked());
+}

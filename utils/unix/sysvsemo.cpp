@@ -1,0 +1,591 @@
+// sysvsemo.cpp: hands out single System V semaphores and removes every kernel set that it created.
+//
+// Kernel limits shape it: a set has at most 32000 members, creating a full one costs a thousand times what a set of one
+// does, and identifier 0, the first of a fresh namespace, reads as none: a set that came back as 0 is removed and asked for
+// again.
+//
+// Lock: the list's mutex, a leaf. It guards the list, the sets and the registry's slots.
+//
+// The cleanup by signal takes no lock, allocates and frees nothing. It works on the registry, a table of the identifiers of
+// all open sets: each is removed from the kernel first and cleared from the table then, so whoever walks the table to its
+// end, even beside another walker, knows that all it found are gone. What the lists hold of removed sets is freed by the
+// next ordinary operation. A set that is just being made is not in the table yet: its maker blocks the handled signals
+// and counts itself in `creators` from before semget until the set is registered; the cleanup forbids new ones and
+// waits for those that are on the way. They cannot be on the thread that the signal interrupted, so the wait ends soon; it is
+// bounded all the same. Nothing can deadlock: nobody waits for a lock; nothing can leak: every set is registered,
+// or not there, whenever a signal can come.
+//
+// A forked child inherits list and registry; `fork_generation` tells its own sets from its parent's.
+#include "utils/unix/sysvsemo.h"
+
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+#include <new>
+
+#include "corvex/forkprotection.h"
+#include "utils/unix/unixsigs.h"
+#include "utils/unix/utcore.h"
+#include "utils/unix/utonsig.h"
+
+int64_t c_sysv_semaphore_set::MAX_NSEMS = 0;
+
+namespace {
+
+constexpr uint32 bits_per_word = 32;
+constexpr int set_flags = IPC_CREAT | 0777;
+constexpr int cleanup_priority = 1000;  // of the cleanup in the on-signal chain
+constexpr uint32 num_slots = 32768;     // as many sets as the kernel numbers
+constexpr int max_waits = 5000;         // for creators, a millisecond each
+
+// The kernel's own name for the fourth argument of semctl.
+union semun {
+    int val;
+    struct semid_ds* buf;
+    unsigned short* array;
+    struct seminfo* __buf;
+};
+
+// ---- the registry ----
+
+// An entry: the process of the family that opened the set in the high half, the identifier (0: free) in the low half.
+constexpr uint64 entry_of(uint32 forks, int32 ident) { return uint64(forks) << 32 | uint32(ident); }
+constexpr int32 ident_of(uint64 entry) { return int32(uint32(entry)); }
+constexpr uint32 forks_of(uint64 entry) { return uint32(entry >> 32); }
+
+uint64 registry[num_slots];
+c_sysv_semaphore_set* registered_sets[num_slots];  // stored before, and valid while, the entry is there
+uint32 max_displacement =
+    0;                  // how far from its home slot any entry was put; 0 where the kernel numbers sets below 32768
+uint32 used_slots = 0;  // no entry from this slot on
+int32 num_registered = 0;
+
+uint32 fork_generation = 0;  // forks behind this process
+int32 creators = 0;          // threads that are making a kernel set
+int32 cleaners = 0;          // threads that are inside the cleanup
+uint32 cleanups = 0;         // cleanups that have ended
+uint32 cleanups_seen = 0;    // those that the list has caught up with
+uint32 forks_seen = 0;       // the same for forks
+
+constexpr uint32 slot_of(int32 ident, uint32 displacement) { return (uint32(ident) + displacement) % num_slots; }
+
+// Acquire: who sees an entry sees its set.
+// Signal-safe.
+uint64 entry_at(uint32 slot) { return __atomic_load_n(&registry[slot], __ATOMIC_ACQUIRE); }
+
+// False when the table is full.
+// Not signal-safe: under the list's mutex.
+bool register_set(int32 ident, uint32 forks, c_sysv_semaphore_set* set)
+{
+    for (uint32 displacement = 0; displacement < num_slots; displacement++) {
+        const uint32 slot = slot_of(ident, displacement);
+        if (entry_at(slot) != 0)
+            continue;
+        registered_sets[slot] = set;
+        max_displacement = displacement > max_displacement ? displacement : max_displacement;
+        if (slot >= used_slots)
+            __atomic_store_n(&used_slots, slot + 1, __ATOMIC_RELEASE);
+        __atomic_add_fetch(&num_registered, 1, __ATOMIC_RELAXED);
+        __atomic_store_n(&registry[slot], entry_of(forks, ident), __ATOMIC_RELEASE);
+        return true;
+    }
+    return false;
+}
+
+// The slot of a set, num_slots when it has none.
+// Signal-safe.
+uint32 find_slot(int32 ident)
+{
+    for (uint32 displacement = 0; displacement <= max_displacement; displacement++)
+        if (ident_of(entry_at(slot_of(ident, displacement))) == ident)
+            return slot_of(ident, displacement);
+    return num_slots;
+}
+
+// Relaxed count: it is only shown. The entry may be cleared by another walker at the same time; one of them counts.
+// Signal-safe.
+void clear_entry(uint32 slot, uint64 entry)
+{
+    if (__atomic_compare_exchange_n(&registry[slot], &entry, uint64(0), false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
+        __atomic_sub_fetch(&num_registered, 1, __ATOMIC_RELAXED);
+}
+
+// Signal-safe.
+bool is_foreign(uint32 forks)
+{
+    return UnixForkProtection_IsChild() && forks != __atomic_load_n(&fork_generation, __ATOMIC_RELAXED);
+}
+
+// Signal-safe.
+void remove_kernel_set(int32 ident) { semctl(ident, 0, IPC_RMID); }
+
+// Signal-safe.
+void remove_registered_sets()
+{
+    const uint32 end = __atomic_load_n(&used_slots, __ATOMIC_ACQUIRE);
+    for (uint32 slot = 0; slot < end; slot++) {
+        const uint64 entry = entry_at(slot);
+        if (entry == 0 || is_foreign(forks_of(entry)))
+            continue;
+        remove_kernel_set(ident_of(entry));
+        clear_entry(slot, entry);
+    }
+}
+
+// ---- making kernel sets ----
+
+// The handled signals are blocked and the cleanup waits while one of these exists. Sequentially consistent with the
+// cleanup's announcement: either it sees this creator, or the creator sees it.
+class a_creation {
+public:
+    a_creation()
+    {
+        sigset_t handled;
+        ut_onsig_handled_signals(&handled);
+        pthread_sigmask(SIG_BLOCK, &handled, &kept);
+        __atomic_add_fetch(&creators, 1, __ATOMIC_SEQ_CST);
+    }
+    ~a_creation()
+    {
+        __atomic_sub_fetch(&creators, 1, __ATOMIC_SEQ_CST);
+        pthread_sigmask(SIG_SETMASK, &kept, nullptr);
+    }
+    a_creation(const a_creation&) = delete;
+    a_creation& operator=(const a_creation&) = delete;
+
+    bool allowed() const { return __atomic_load_n(&cleaners, __ATOMIC_SEQ_CST) == 0 && !ut_onsig_will_do_cleanup(); }
+
+private:
+    sigset_t kept;
+};
+
+int new_kernel_set(int64_t members) { return semget(IPC_PRIVATE, int(members), set_flags); }
+
+// What TBX_MAX_NSEMS or else the kernel says a set may hold.
+int candidate_size()
+{
+    const char* wanted = getenv("TBX_MAX_NSEMS");
+    if (wanted != nullptr && atoi(wanted) > 0)
+        return atoi(wanted);
+    struct seminfo info = {};
+    semun arg;
+    arg.__buf = &info;
+    return semctl(0, 0, SEM_INFO, arg) >= 0 && info.semmsl > 0 ? info.semmsl : 1;
+}
+
+// ---- the list ----
+
+c_sysv_sema_set_list* sysv_sema_list_p = nullptr;  // null before start-up, after shut-down, and while a cleanup runs
+c_sysv_sema_set_list* the_list = nullptr;          // the same, but for cleanups
+void* sysv_onsig_handle = nullptr;
+
+class a_list_lock {
+public:
+    explicit a_list_lock(c_sysv_sema_set_list* of) : list(of) { list->mutex_get(); }
+    ~a_list_lock() { list->mutex_give(); }
+    a_list_lock(const a_list_lock&) = delete;
+    a_list_lock& operator=(const a_list_lock&) = delete;
+
+private:
+    c_sysv_sema_set_list* list;
+};
+
+// Acquire: who sees the list sees it constructed.
+// Signal-safe.
+c_sysv_sema_set_list* current_list() { return __atomic_load_n(&sysv_sema_list_p, __ATOMIC_ACQUIRE); }
+
+// Signal-safe.
+void publish(c_sysv_sema_set_list* list) { __atomic_store_n(&sysv_sema_list_p, list, __ATOMIC_RELEASE); }
+
+a_bool sysv_set_semval(a_sysv_semaphore* s, int value)
+{
+    semun arg;
+    arg.val = value;
+    return semctl(s->ident, s->offset, SETVAL, arg) != -1;
+}
+
+// Signal-safe.
+void wait_for_creators()
+{
+    for (int i = 0; i < max_waits && __atomic_load_n(&creators, __ATOMIC_SEQ_CST) > 0; i++)
+        poll(nullptr, 0, 1);
+}
+
+}  // namespace
+
+// ---- c_bit_array ----
+
+c_bit_array::c_bit_array(uint32 num_bits, a_bool cleared)
+    : _bitarray(nullptr), _size(num_bits), _num_elem(0), _first_clear(0)
+{
+    if (num_bits == 0)
+        return;
+    _num_elem = (num_bits + bits_per_word - 1) / bits_per_word;
+    _bitarray = static_cast<uint32*>(ut_malloc(_num_elem * sizeof(uint32)));
+    if (_bitarray == nullptr)
+        _size = _num_elem = 0;
+    else if (cleared)
+        clear_all();
+}
+
+c_bit_array::~c_bit_array()
+{
+    ut_free(_bitarray);
+    _bitarray = nullptr;
+    _size = _num_elem = 0;
+}
+
+// The bits of a word that are like that, none beyond the end.
+uint32 c_bit_array::matching(uint32 word, a_bool setbit) const
+{
+    const uint32 bits = setbit ? _bitarray[word] : ~_bitarray[word];
+    const uint32 valid = _size - word * bits_per_word;
+    return valid >= bits_per_word ? bits : bits & ((1u << valid) - 1);
+}
+
+int c_bit_array::get_first(a_bool setbit)
+{
+    for (uint32 word = setbit ? 0 : _first_clear; word < _num_elem; word++) {
+        const uint32 bits = matching(word, setbit);
+        if (!setbit)
+            _first_clear = word;
+        if (bits != 0)
+            return int(word * bits_per_word) + __builtin_ctz(bits);
+    }
+    return -1;
+}
+
+int c_bit_array::get_last(a_bool setbit) const
+{
+    for (uint32 word = _num_elem; word-- > 0;)
+        if (matching(word, setbit) != 0)
+            return int(word * bits_per_word) + 31 - __builtin_clz(matching(word, setbit));
+    return -1;
+}
+
+unsigned int c_bit_array::count_bits(uint32 word, a_bool setbit) const
+{
+    return unsigned(__builtin_popcount(matching(word, setbit)));
+}
+
+int c_bit_array::count_bits(a_bool setbit) const
+{
+    unsigned count = 0;
+    for (uint32 word = 0; word < _num_elem; word++)
+        count += count_bits(word, setbit);
+    return int(count);
+}
+
+a_bool c_bit_array::is_set(unsigned int bit_number) const
+{
+    return bit_number < _size && (_bitarray[bit_number / bits_per_word] >> bit_number % bits_per_word & 1) != 0;
+}
+
+a_bool c_bit_array::is_cleared(uint32 bit_number) const { return bit_number < _size && !is_set(bit_number); }
+
+a_bool c_bit_array::set_bit(uint32 bit_number, a_bool to_true)
+{
+    if (bit_number >= _size)
+        return FALSE;
+    const a_bool old_value = is_set(bit_number);
+    const uint32 word = bit_number / bits_per_word, bit = 1u << bit_number % bits_per_word;
+    if (to_true)
+        _bitarray[word] |= bit;
+    else
+        _bitarray[word] &= ~bit;
+    if (!to_true && word < _first_clear)
+        _first_clear = word;
+    return old_value;
+}
+
+void c_bit_array::set_all()
+{
+    memset(_bitarray, 0xFF, _num_elem * sizeof(uint32));
+    _first_clear = _num_elem;
+}
+
+void c_bit_array::clear_all()
+{
+    memset(_bitarray, 0, _num_elem * sizeof(uint32));
+    _first_clear = 0;
+}
+
+// ---- c_sysv_semaphore_set ----
+
+c_sysv_semaphore_set::c_sysv_semaphore_set() : _ident(0), _num_used(0), _bitarray(nullptr), _forks(fork_generation)
+{
+    if (MAX_NSEMS == 0)
+        get_max_semaphore_set_size();
+}
+
+c_sysv_semaphore_set::~c_sysv_semaphore_set() { c_sysv_semaphore_set::close(); }
+
+a_bool c_sysv_semaphore_set::is_foreign() const { return ::is_foreign(_forks); }
+
+// The candidate is tried once; when the kernel refuses it, sets have one member: no smaller size is tried.
+void c_sysv_semaphore_set::get_max_semaphore_set_size()
+{
+    const int candidate = candidate_size();
+    const a_creation creation;
+    int probe = new_kernel_set(candidate);
+    if (probe == 0) {
+        remove_kernel_set(probe);
+        probe = new_kernel_set(candidate);
+    }
+    if (probe >= 0)
+        remove_kernel_set(probe);
+    MAX_NSEMS = probe > 0 ? candidate : 1;
+}
+
+a_bool c_sysv_semaphore_set::open()
+{
+    {
+        const a_creation creation;
+        if (!creation.allowed())
+            return FALSE;
+        _ident = new_kernel_set(MAX_NSEMS);
+        if (_ident <= 0) {
+            remove_kernel_set(_ident);
+            _ident = new_kernel_set(MAX_NSEMS);
+        }
+        if (_ident == 0 || (_ident > 0 && !register_set(_ident, _forks, this)))
+            remove_kernel_set(_ident);
+        if (_ident <= 0 || find_slot(_ident) == num_slots) {
+            _ident = 0;
+            return FALSE;
+        }
+    }
+    if (MAX_NSEMS == 1)
+        return TRUE;
+    _bitarray = new (std::nothrow) c_bit_array(uint32(MAX_NSEMS), TRUE);
+    if (_bitarray == nullptr || _bitarray->get_size() == 0)
+        close();
+    return _ident > 0;
+}
+
+a_bool c_sysv_semaphore_set::allocate_semaphore(a_sysv_semaphore* s)
+{
+    if (_ident == 0 || is_full() || is_foreign())
+        return FALSE;
+    const int offset = MAX_NSEMS == 1 ? 0 : _bitarray->get_first(FALSE);
+    if (MAX_NSEMS != 1)
+        _bitarray->set(uint32(offset));
+    *s = {_ident, offset};
+    _num_used++;
+    return TRUE;
+}
+
+a_bool c_sysv_semaphore_set::deallocate_semaphore(a_sysv_semaphore* s)
+{
+    if (s->ident != _ident || (MAX_NSEMS == 1 && s->offset != 0))
+        return FALSE;
+    if (MAX_NSEMS != 1)
+        _bitarray->clear(uint32(s->offset));
+    _num_used--;
+    return TRUE;
+}
+
+// A parent's set is only forgotten.
+void c_sysv_semaphore_set::close()
+{
+    if (_ident > 0) {
+        const uint32 slot = find_slot(_ident);
+        if (!is_foreign())
+            semctl(_ident, int(MAX_NSEMS), IPC_RMID);
+        if (slot != num_slots)
+            clear_entry(slot, entry_at(slot));
+    }
+    delete _bitarray;
+    _bitarray = nullptr;
+    _ident = 0;
+    _num_used = 0;
+}
+
+// ---- c_sysv_sema_set_list ----
+
+// A fork may have cut another thread's change of the list in two: the child links all sets anew.
+void c_sysv_sema_set_list::relink_after_fork()
+{
+    list.next = list.prev = &list;
+    for (uint32 slot = 0; slot < used_slots; slot++) {
+        if (entry_at(slot) == 0)
+            continue;
+        c_sysv_semaphore_set* set = registered_sets[slot];
+        set->next = set->prev = set;
+        if (set->is_full())
+            append(set);
+        else
+            insert(set);
+    }
+}
+
+// Frees what is left of sets that a cleanup by signal has removed from the kernel.
+void c_sysv_sema_set_list::drop_removed_sets()
+{
+    c_sysv_semaphore_set_iter iter(*this);
+    for (c_sysv_semaphore_set* set; (set = iter.get()) != nullptr;) {
+        iter.next();
+        if (find_slot(set->ident()) != num_slots)
+            continue;
+        set->forget();
+        delete set;
+    }
+}
+
+// Brings the list up to what forks and cleanups have done since the last operation.
+void c_sysv_sema_set_list::catch_up()
+{
+    if (forks_seen != fork_generation) {
+        forks_seen = fork_generation;
+        relink_after_fork();
+    }
+    const uint32 ended = __atomic_load_n(&cleanups, __ATOMIC_ACQUIRE);
+    if (cleanups_seen != ended) {
+        cleanups_seen = ended;
+        drop_removed_sets();
+    }
+}
+
+a_bool c_sysv_sema_set_list::allocate_semaphore(a_sysv_semaphore* s)
+{
+    catch_up();
+    c_sysv_semaphore_set_iter iter(*this);
+    c_sysv_semaphore_set* set = iter.get();
+    if (set == nullptr || !set->allocate_semaphore(s))
+        return allocate_in_new_set(s);
+    if (set->is_full()) {
+        set->unlink();
+        append(set);
+    }
+    return TRUE;
+}
+
+a_bool c_sysv_sema_set_list::allocate_in_new_set(a_sysv_semaphore* s)
+{
+    c_sysv_semaphore_set* set = new c_sysv_semaphore_set;
+    if (set == nullptr)
+        return FALSE;
+    if (!set->open() || !set->allocate_semaphore(s)) {
+        delete set;
+        return FALSE;
+    }
+    if (set->is_full())
+        append(set);
+    else
+        insert(set);
+    return TRUE;
+}
+
+// The registry finds the set, so that closing costs the same however many are open.
+a_bool c_sysv_sema_set_list::deallocate_semaphore(a_sysv_semaphore* s)
+{
+    catch_up();
+    const uint32 slot = find_slot(s->ident);
+    if (slot == num_slots || registered_sets[slot]->is_foreign() || !registered_sets[slot]->deallocate_semaphore(s))
+        return FALSE;
+    c_sysv_semaphore_set* set = registered_sets[slot];
+    set->unlink();
+    if (set->is_empty())
+        delete set;
+    else
+        insert(set);
+    return TRUE;
+}
+
+void c_sysv_sema_set_list::close_all_entries()
+{
+    catch_up();
+    while (c_sysv_semaphore_set* set = get_first())
+        delete set;
+}
+
+// ---- the library's part ----
+
+void sysv_list_init_semaphore()
+{
+    if (current_list() != nullptr)
+        return;
+    the_list = new c_sysv_sema_set_list;
+    publish(the_list);
+    sysv_onsig_handle = ut_onsig_call_add(cleanup_priority, sysv_sig_handler, nullptr);
+}
+
+void sysv_list_fini_semaphore()
+{
+    c_sysv_sema_set_list* list = current_list();
+    if (list == nullptr)
+        return;
+    ut_onsig_call_del(sysv_onsig_handle, sysv_sig_handler);
+    sysv_onsig_handle = nullptr;
+    {
+        const a_list_lock lock(list);
+        publish(nullptr);
+        the_list = nullptr;
+        list->close_all_entries();
+    }
+    delete list;
+}
+
+// The list's mutex is free, nobody makes or removes sets, and the parent's sets are told from the child's.
+// Signal-safe.
+void sysv_list_fork_child()
+{
+    __atomic_add_fetch(&fork_generation, 1u, __ATOMIC_RELAXED);
+    __atomic_store_n(&creators, 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&cleaners, 0, __ATOMIC_RELAXED);
+    if (the_list == nullptr)
+        return;
+    the_list->fork_child();
+    publish(the_list);
+}
+
+// The cleanup by signal, see the head of this file.
+// Signal-safe.
+void sysv_sig_handler(int, void*, a_bool, a_bool, a_bool cleanup, void*, void*)
+{
+    if (!cleanup)
+        return;
+    c_sysv_sema_set_list* list = __atomic_exchange_n(&sysv_sema_list_p, nullptr, __ATOMIC_ACQ_REL);
+    __atomic_add_fetch(&cleaners, 1, __ATOMIC_SEQ_CST);
+    wait_for_creators();
+    remove_registered_sets();
+    __atomic_add_fetch(&cleanups, 1u, __ATOMIC_RELEASE);
+    __atomic_sub_fetch(&cleaners, 1, __ATOMIC_SEQ_CST);
+    if (list != nullptr)
+        publish(list);
+}
+
+a_bool sysv_open_semaphore(a_sysv_semaphore* s, int initial_value)
+{
+    c_sysv_sema_set_list* list = current_list();
+    if (list == nullptr || ut_onsig_will_do_cleanup())
+        return FALSE;
+    {
+        const a_list_lock lock(list);
+        if (!list->allocate_semaphore(s))
+            return FALSE;
+    }
+    if (sysv_set_semval(s, initial_value))
+        return TRUE;
+    sysv_close_semaphore(s);
+    return FALSE;
+}
+
+void sysv_close_semaphore(a_sysv_semaphore* s)
+{
+    c_sysv_sema_set_list* list = current_list();
+    if (list == nullptr || s == nullptr || s->ident <= 0)
+        return;
+    const a_list_lock lock(list);
+    list->deallocate_semaphore(s);
+}
+
+// Relaxed: the answer may be old at once.
+// Signal-safe.
+a_bool sysv_list_is_empty(void)
+{
+    return current_list() != nullptr && __atomic_load_n(&num_registered, __ATOMIC_RELAXED) == 0;
+}
