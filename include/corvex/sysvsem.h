@@ -2,13 +2,15 @@
  *
  * A handle names one member of one set. The caller operates on it with the kernel's own calls (semop, semctl); the
  * library hands members out, sets their first value, takes them back, and removes a set from the kernel with its last
- * member, at shut-down, and when the process dies on a signal that the library handles (onsig.h).
+ * member, at shut-down, and when the process dies on a signal that the library handles and no earlier
+ * handler gets (onsig.h).
  *
  * TBX_MAX_NSEMS, read once, sets how many members a set has; the default is the kernel's limit. A size that the kernel
  * refuses makes sets of one.
  *
- * In a forked child the parent's sets stay the parent's: the child hands out members of sets of its own only, and neither
- * its exit nor its death by a signal removes any other, until UnixForkProtection_Reset makes it the owner of all. */
+ * In a forked child the parent's sets stay the parent's: the child hands out members of sets of its own only, and
+ * its death by a signal removes no other; its exit removes nothing, so it closes its own first. UnixForkProtection_Reset makes
+ * it the owner of all. */
 #ifndef CORVEX_SYSVSEM_H
 #define CORVEX_SYSVSEM_H
 

@@ -6,8 +6,11 @@
  * it with the last. A thread that ends without detaching (and was not started by the layer) leaves its descriptor in the
  * table until the last OS_Fini, which releases all of them.
  *
- * In a forked child every lock of the layer is free, the forking thread keeps its descriptor, and those of the parent's
- * other threads stay in the table until OS_Fini.
+ * In a forked child every lock of the layer is free, but those that the forking thread holds; it keeps its descriptor, and
+ * those of the parent's other threads stay in the table until OS_Fini, for threads that there are not.
+ *
+ * Out of memory: a mutex that OS_MutexInit could not make must not be used (its `mutex` is null then), and neither may
+ * OS_Wait on a thread whose descriptor OS_Me cannot make.
  *
  * Nothing here is signal-safe. Nothing here calls OS_Init: use outside it is an error that is not checked. */
 #ifndef CORVEX_THREAD_H
@@ -69,7 +72,8 @@ typedef void (*an_os_thread_start_address)(void* arg);
 CORVEX_API void OS_Init(void);
 
 /* Ends what one OS_Init began. The last one releases every descriptor, also those of threads that still run: they must not
- * use them, or the layer, any more. */
+ * use them, or the layer, any more. Not while one of them is parked in OS_Wait (the call may then never return) or, started
+ * by the layer, is just ending. Attachable threads that nobody waited for are detached. */
 CORVEX_API void OS_Fini(void);
 
 /* The calling thread's descriptor, made when it has none; null when there is no memory. Thread-safe. */
@@ -124,7 +128,8 @@ CORVEX_API void OS_End_Thread(void) __attribute__((noreturn));
 /* The same, waking waiter with parm between the two. */
 CORVEX_API void OS_End_Thread_Wakeup(p_os_thread waiter, void* parm) __attribute__((noreturn));
 
-/* Sends SIGKILL to the thread, which ends the whole process. TRUE when it was sent. */
+/* Sends SIGKILL to the thread, which ends the whole process. TRUE when the call succeeded, as it also does for a thread that
+ * has ended and is not waited for yet. */
 CORVEX_API a_bool OS_TerminateThread(p_os_thread thread);
 
 /* Waits for the end of an attachable thread and releases its descriptor; exactly one thread may, once. Returns the join's

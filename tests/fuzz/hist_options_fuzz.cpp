@@ -21,7 +21,8 @@
 // Names come from the fuzzer: nothing but /dev/null is opened for writing.
 extern "C" int open(const char* name, int flags, ...)
 {
-    return int(syscall(SYS_openat, AT_FDCWD, (flags & O_CREAT) != 0 ? (*name == '\0' ? "" : "/dev/null") : name, flags & ~O_CREAT, 0));
+    return int(syscall(SYS_openat, AT_FDCWD, (flags & O_CREAT) != 0 ? (*name == '\0' ? "" : "/dev/null") : name,
+                       flags & ~O_CREAT, 0));
 }
 
 namespace {
@@ -57,7 +58,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     require(cfg.hist_num_q == 3 || cfg.ut_hist_debug_q_by_thr == 1, "more queues only by thread");
     require(cfg.hist_max_file_len > 0 && cfg.hist_max_id_len > 0 && cfg.hist_max_ev_len > 0, "texts have room");
     require(cfg.ut_hist_debug_knum >= 0 && cfg.ut_hist_debug_data_size >= 0, "sizes do not wrap");
-    require(is_flag(cfg.ut_hist_debug_data) && is_flag(cfg.ut_hist_dump_on_fini) && is_flag(cfg.ut_hist_dump_append), "flags");
+    require(is_flag(cfg.ut_hist_debug_data) && is_flag(cfg.ut_hist_dump_on_fini) && is_flag(cfg.ut_hist_dump_append),
+            "flags");
     require(cfg.ut_hist_dump_on_sig <= 2 && cfg.ut_hist_exit_cleanup <= 2 && cfg.ut_hist_z_messages <= 2, "levels");
     require(strlen(cfg.ut_hist_dump_err_name) < env_buf_size, "a name ends");
     require(cfg.ut_hist_dump_log_name == nullptr || strlen(cfg.ut_hist_dump_log_name) < env_buf_size, "a name ends");

@@ -3,12 +3,12 @@
 
 TEST(HistDump, ShowsAllColumnsDataBlocksAndStatistics)
 {
-    const a_played seen =
-        played("k3iqimirlf-",
-               {"id Q 12 dir/q.c query", "id C 7 - commit-all", "beg L Q select 1 0xabc", "tick 250", "ev - SIG from-handler",
-                "end L Q rows 42", "tick 1000001", "mask 2", "mask 14", "ev - C begin 1 2 3 pn=2",
-                "data - Q2 blob 0x100020 20 @/a/way/to/some/source/file.c:99999", "odd - - -", "slot 300", "ev - - lost",
-                "slot 255", "null - an-id-longer-than-15 x @-:0", "setting 0", "dump"});
+    const a_played seen = played(
+        "k3iqimirlf-",
+        {"id Q 12 dir/q.c query", "id C 7 - commit-all", "beg L Q select 1 0xabc", "tick 250", "ev - SIG from-handler",
+         "end L Q rows 42", "tick 1000001", "mask 2", "mask 14", "ev - C begin 1 2 3 pn=2",
+         "data - Q2 blob 0x100020 20 @/a/way/to/some/source/file.c:99999", "odd - - -", "slot 300", "ev - - lost",
+         "slot 255", "null - an-id-longer-than-15 x @-:0", "setting 0", "dump"});
     EXPECT_EQ(seen.log, R"(********** HISTORY DUMP BIGIN @ 2023/11/14 22:13:21 (res=0) **********
     time..milli   duration  Q  Ev_Num Thr SigM Pr                Ev_ID        Event C  P1(hex)  P2(hex) Line File....
 ........ ......
@@ -46,12 +46,13 @@ TEST(HistDump, CopiesAndCutsTextsWhileAFinalDumpIsDue)
               "       1 123456789012345 1234567890123456789012345678901 -    1 2345678901234567890123\n"
               "       2               -                               ? -    1 1234567890123456789012\n"
               "       3               -                               ? -    1 <no_file>\n");
-    EXPECT_EQ(rows(played("ia-id-it-mf4mi2ME3", script).err),
-              "........ ......\n"
-              "       1    12   123 -    1 123\n"
-              "       2     -     ? -    1 012\n"
-              "       3     -     ? -    1 <no_\n");
-    EXPECT_EQ(rows(played("f-ia-id-it-il-", {"ev - - - @-:1", "ev - id-longer-than-15-chars - @12345678901234567890123:1", "dump"}).err),
+    EXPECT_EQ(rows(played("ia-id-it-mf4mi2ME3", script).err), "........ ......\n"
+                                                              "       1    12   123 -    1 123\n"
+                                                              "       2     -     ? -    1 012\n"
+                                                              "       3     -     ? -    1 <no_\n");
+    EXPECT_EQ(rows(played("f-ia-id-it-il-",
+                          {"ev - - - @-:1", "ev - id-longer-than-15-chars - @12345678901234567890123:1", "dump"})
+                       .err),
               "........ ......\n"
               "       1                       -            ? - <no_file>\n"
               "       2 id-longer-than-15-chars            ? - 12345678901234567890123\n"
@@ -80,10 +81,18 @@ TEST(HistDump, EachColumnHasItsSwitch)
         const char* row;
     };
     const a_case cases[] = {
-        {"a", "    time..milli", "22:13:20.000000"}, {"d", "   duration", "   -.-     "}, {"q", "  Q", "  0"},
-        {"n", "  Ev_Num", "       1"},               {"t", " Thr", "   7"},               {"m", " SigM", "     "},
-        {"r", " Pr", "  0"},                         {"i", " Ev_ID", "     -"},           {"e", " Event", "     e"},
-        {"c", " C", " -"},                           {"p", "  P1(hex)", "    (nil)"},     {"l", " Line", "    1"},
+        {"a", "    time..milli", "22:13:20.000000"},
+        {"d", "   duration", "   -.-     "},
+        {"q", "  Q", "  0"},
+        {"n", "  Ev_Num", "       1"},
+        {"t", " Thr", "   7"},
+        {"m", " SigM", "     "},
+        {"r", " Pr", "  0"},
+        {"i", " Ev_ID", "     -"},
+        {"e", " Event", "     e"},
+        {"c", " C", " -"},
+        {"p", "  P1(hex)", "    (nil)"},
+        {"l", " Line", "    1"},
         {"s", " File....", " play.c"},
     };
     const std::string none = "ia-ic-id-ie-ii-il-im-in-ip-iq-ir-is-it-";
@@ -99,7 +108,8 @@ TEST(HistDump, EachColumnHasItsSwitch)
 
 TEST(HistDump, EndsEveryLineAsConfigured)
 {
-    const a_text_list script = {"id Q 12 q.c query", "beg L Q a", "end L Q b", "data - - blob 0x100000 3", "repeat 9 ev - - e", "dump"};
+    const a_text_list script = {"id Q 12 q.c query",        "beg L Q a",         "end L Q b",
+                                "data - - blob 0x100000 3", "repeat 9 ev - - e", "dump"};
     const a_played unix_lines = played("n8kzl", script), dos_lines = played("cn8kzl", script);
     EXPECT_EQ(dos_lines.log, replaced(unix_lines.log, "\n", "\r\n"));
     EXPECT_EQ(dos_lines.err, replaced(unix_lines.err, "\n", "\r\n"));
@@ -108,8 +118,9 @@ TEST(HistDump, EndsEveryLineAsConfigured)
 TEST(HistDump, MergesQueuesByNumberAndMarksWhatIsMissing)
 {
     const std::string columns = "ia-id-ii-ic-it-ip-il-is-iq";
-    EXPECT_EQ(rows(played(columns + "n4", {"ev - - a", "ev - SIG s1", "ev - Q2 t1", "repeat 4 ev - - b", "ev - SIG s2",
-                                           "ev - - c"}).err),
+    EXPECT_EQ(rows(played(columns + "n4",
+                          {"ev - - a", "ev - SIG s1", "ev - Q2 t1", "repeat 4 ev - - b", "ev - SIG s2", "ev - - c"})
+                       .err),
               "........ ......\n"
               "  1       2    s1\n"
               "  2       3    t1\n"
@@ -130,7 +141,8 @@ TEST(HistDump, ShowsDataBlocksUntilTheirRingOverwritesThem)
 {
     const std::string columns = "ia-id-ii-ic-it-ip-il-is-";
     EXPECT_EQ(rows(played(columns + "d20", {"data - - fresh 0 5", "data - - a 0x100041 8", "data - - b 0x100051 8",
-                                            "data - - c 0x100061 8", "data - - empty 0x100041 0"}).err),
+                                            "data - - c 0x100061 8", "data - - empty 0x100041 0"})
+                       .err),
               "........ ......\n"
               "       1 fresh (0+0+NA)\n"
               "       2     a (1+0+NA)\n"
@@ -162,8 +174,9 @@ TEST(HistDump, ShowsDataBlocksUntilTheirRingOverwritesThem)
 TEST(HistDump, ShowsAsManyParametersAsTheWidestEvent)
 {
     const std::string columns = "ia-id-ii-ic-it-in-il-is-";
-    EXPECT_EQ(rows(played(columns, {"ev - - a 1 0 0x123456789abcdef0", "ev - - b 5", "ev - - c pn=-1 8 9", "ev - - d pn=9 1 2 3 4 5 6 7 8",
-                                    "ev - - e"}).err),
+    EXPECT_EQ(rows(played(columns, {"ev - - a 1 0 0x123456789abcdef0", "ev - - b 5", "ev - - c pn=-1 8 9",
+                                    "ev - - d pn=9 1 2 3 4 5 6 7 8", "ev - - e"})
+                       .err),
               "........ ......\n"
               "     a      0x1    (nil)0x123456789abcdef0      ...      ...      ...      ...      ...\n"
               "     b      0x5      ...      ...      ...      ...      ...      ...      ...\n"
@@ -174,20 +187,24 @@ TEST(HistDump, ShowsAsManyParametersAsTheWidestEvent)
 
 TEST(HistDump, MeasuresDurationsFromLiveLocationsOnly)
 {
-    EXPECT_EQ(rows(played("ia-ii-ic-it-in-ip-il-is-n9",
-                          {"at Z 0 0 0", "at Q 3 0 0", "at N 0 9 0", "at M -1 0 0", "at U 0 5 0", "ev Z - own-slot",
-                           "ev Q - no-such-queue", "ev N - no-such-slot", "ev M - nothing", "ev U - unwritten", "tick 7",
-                           "ev Z - since-own-slot", "tick -5", "ev Z - backwards", "tick 4294967298", "ev Z - wraps"}).err),
-              "........ ......\n"
-              "   -.-            own-slot\n"
-              "   -.-       no-such-queue\n"
-              "   -.-        no-such-slot\n"
-              "   -.-             nothing\n"
-              " 404.635648      unwritten\n"
-              "   0.000007 since-own-slot\n"
-              "4294.967291      backwards\n"
-              "   0.000002          wraps\n");
-    const a_played stale = played("ia-ii-ic-it-in-ip-il-is-n2", {"ev L - a", "ev - - b", "tick 9", "ev L - c", "where L", "repeat 2 ev - - d", "ev L - e", "where L"});
+    EXPECT_EQ(
+        rows(played("ia-ii-ic-it-in-ip-il-is-n9",
+                    {"at Z 0 0 0", "at Q 3 0 0", "at N 0 9 0", "at M -1 0 0", "at U 0 5 0", "ev Z - own-slot",
+                     "ev Q - no-such-queue", "ev N - no-such-slot", "ev M - nothing", "ev U - unwritten", "tick 7",
+                     "ev Z - since-own-slot", "tick -5", "ev Z - backwards", "tick 4294967298", "ev Z - wraps"})
+                 .err),
+        "........ ......\n"
+        "   -.-            own-slot\n"
+        "   -.-       no-such-queue\n"
+        "   -.-        no-such-slot\n"
+        "   -.-             nothing\n"
+        " 404.635648      unwritten\n"
+        "   0.000007 since-own-slot\n"
+        "4294.967291      backwards\n"
+        "   0.000002          wraps\n");
+    const a_played stale =
+        played("ia-ii-ic-it-in-ip-il-is-n2",
+               {"ev L - a", "ev - - b", "tick 9", "ev L - c", "where L", "repeat 2 ev - - d", "ev L - e", "where L"});
     EXPECT_EQ(stale.out, "L 0 0 3\nL 0 1 6\n");
     EXPECT_EQ(rows(stale.err), "........ ......\n   -.-          e\n") << "an overwritten record times nothing";
 }
@@ -201,11 +218,12 @@ TEST(HistDump, CountsSamplesPerPairAndReportsThoseWithoutATimer)
         for (int i = 0; i < 34; i++)
             script.insert(script.end(), {"ev - A x", "tick 3", "data - B" + std::to_string(i) + " x 0 0"});
     const std::string dump = played("k200il-", script).err;
-    EXPECT_NE(dump.find("\nID Description                         Count Min_s..milli Avg_s..milli Max_s..milli File....\n"
-                        " 0 a                                   ----- -----.------ -----.------ -----.------ a.c\n"
-                        "   > EV  -  1 DAT description-of-20chr     2     0.000003     0.000003     0.000003 (4 missed)\n"
-                        "   > EV  -  2 DAT description-of-20chr     2     0.000003     0.000003     0.000003\n"),
-              std::string::npos)
+    EXPECT_NE(
+        dump.find("\nID Description                         Count Min_s..milli Avg_s..milli Max_s..milli File....\n"
+                  " 0 a                                   ----- -----.------ -----.------ -----.------ a.c\n"
+                  "   > EV  -  1 DAT description-of-20chr     2     0.000003     0.000003     0.000003 (4 missed)\n"
+                  "   > EV  -  2 DAT description-of-20chr     2     0.000003     0.000003     0.000003\n"),
+        std::string::npos)
         << dump.substr(dump.find("STATISTICS"), 900);
     EXPECT_EQ(count(dump, "   > EV  - "), 32u);
     EXPECT_EQ(count(dump, "missed)"), 1u);
@@ -214,26 +232,35 @@ TEST(HistDump, CountsSamplesPerPairAndReportsThoseWithoutATimer)
 
 TEST(HistDump, ShowsLocalTimeAcrossSummerTimeAlsoInASignalHandler)
 {
-    EXPECT_EQ(played("id-in-it-ii-ie-ic-ip-il-is-f-h", {"clock 1711846799", "ev - - a", "tick 1000000", "ev - - b", "usr1",
-                                                        "clock 1922000000", "usr1"},
-                     {"TZ=CET-1CEST,M3.5.0,M10.5.0/3"}).err.substr(0, 28), "@ 2023/11/14 23:13:20 ......");
+    EXPECT_EQ(played("id-in-it-ii-ie-ic-ip-il-is-f-h",
+                     {"clock 1711846799", "ev - - a", "tick 1000000", "ev - - b", "usr1", "clock 1922000000", "usr1"},
+                     {"TZ=CET-1CEST,M3.5.0,M10.5.0/3"})
+                  .err.substr(0, 28),
+              "@ 2023/11/14 23:13:20 ......");
     const char* body = "    time..milli\n........ ......\n01:59:59.000000\n03:00:00.000000\n";
     std::string expected;
     for (const std::string now : {"2024/03/31 03:00:00", "2030/07/01 12:00:00", "2030/11/27 09:53:20"})
-        expected += "@ " + now + " ..........\n********** HISTORY DUMP BIGIN @ " + now + " (res=0) **********\n" + body +
-                    "********** HISTORY DUMP END @ " + now + " (0 missed, thr=0) **********\n";
-    EXPECT_EQ(played("id-in-it-ii-ie-ic-ip-il-is-f-", {"clock 1711846799", "ev - - a", "tick 1000000", "ev - - b", "usr1",
-                                                       "clock 1909130400", "usr1", "clock 1922000000", "usr1"},
-                     {"TZ=CET-1CEST,M3.5.0,M10.5.0/3"}).err, expected);
+        expected += "@ " + now + " ..........\n********** HISTORY DUMP BIGIN @ " + now + " (res=0) **********\n" +
+                    body + "********** HISTORY DUMP END @ " + now + " (0 missed, thr=0) **********\n";
+    EXPECT_EQ(played("id-in-it-ii-ie-ic-ip-il-is-f-",
+                     {"clock 1711846799", "ev - - a", "tick 1000000", "ev - - b", "usr1", "clock 1909130400", "usr1",
+                      "clock 1922000000", "usr1"},
+                     {"TZ=CET-1CEST,M3.5.0,M10.5.0/3"})
+                  .err,
+              expected);
 }
 
 TEST(HistDump, LaysItsTextsOutForTheWidestDescription)
 {
-    EXPECT_NE(played("kis-il-", {}).err.find("\nID Description                 Count Min_s..milli Avg_s..milli Max_s..milli\n"
-                                             "********** HISTORY DUMP END"), std::string::npos);
+    EXPECT_NE(played("kis-il-", {})
+                  .err.find("\nID Description                 Count Min_s..milli Avg_s..milli Max_s..milli\n"
+                            "********** HISTORY DUMP END"),
+              std::string::npos);
     a_text_list script;
     for (int i = 0; i < 101; i++)
         script.push_back("id A 1 - d");
-    EXPECT_NE(played("k101is-il-", script).err.find("\n100 d                           ----- -----.------ -----.------ -----.------\n"),
-              std::string::npos) << "three digits widen the column";
+    EXPECT_NE(played("k101is-il-", script)
+                  .err.find("\n100 d                           ----- -----.------ -----.------ -----.------\n"),
+              std::string::npos)
+        << "three digits widen the column";
 }

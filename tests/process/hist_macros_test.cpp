@@ -15,8 +15,11 @@ bool compiles(const std::string& line, bool cxx)
     const a_scratch_dir dir;
     const std::string file = dir.path + (cxx ? "/line.cpp" : "/line.c");
     std::ofstream(file) << "#include \"corvex/hist.h\"\nvoid f(int i) { (void)i; " << line << " }\n";
-    return run(cxx ? CXX_COMPILER : C_COMPILER, {}, {"-fsyntax-only", cxx ? "-std=c++20" : "-std=c11", "-Wall", "-Wextra", "-pedantic",
-               "-Werror", "-I" SOURCE_DIR "/include", file}, dir.path).exited_well();
+    return run(cxx ? CXX_COMPILER : C_COMPILER, {},
+               {"-fsyntax-only", cxx ? "-std=c++20" : "-std=c11", "-Wall", "-Wextra", "-pedantic", "-Werror",
+                "-I" SOURCE_DIR "/include", file},
+               dir.path)
+        .exited_well();
 }
 
 }  // namespace
@@ -41,15 +44,14 @@ TEST(HistMacros, RecordWhatACProgramSays)
 
 TEST(HistMacros, ScopesRecordBothEndsOrNone)
 {
-    EXPECT_EQ(recorded_by("hist_scopes"),
-              "........ ......\n"
-              " scope return >      ...      ...      ...      ...\n"
-              " scope return <      ...      ...      ...      ...\n"
-              " scope  throw >      ...      ...      ...      ...\n"
-              "     - inside -      0x1      0x2      0x30x3ff0000000000000\n"
-              " scope  throw <      ...      ...      ...      ...\n"
-              " scope   half >      ...      ...      ...      ...\n"
-              " scope   half <      ...      ...      ...      ...\n");
+    EXPECT_EQ(recorded_by("hist_scopes"), "........ ......\n"
+                                          " scope return >      ...      ...      ...      ...\n"
+                                          " scope return <      ...      ...      ...      ...\n"
+                                          " scope  throw >      ...      ...      ...      ...\n"
+                                          "     - inside -      0x1      0x2      0x30x3ff0000000000000\n"
+                                          " scope  throw <      ...      ...      ...      ...\n"
+                                          " scope   half >      ...      ...      ...      ...\n"
+                                          " scope   half <      ...      ...      ...      ...\n");
 }
 
 TEST(HistMacros, RefuseParametersThatAreNoPointerWide)

@@ -14,10 +14,12 @@ TEST(HistSignals, HandlerUsesNothingUnsafeAndLittleStack)
         return;
     for (const char* options : {"f-k", "f-kl", "f-kea-", "f-kle", "f-kcl=/no/such/x.log,e", "f-kq4iqimirn4"}) {
         const a_scratch_dir dir;
-        const a_run result = run("hist_handler", {std::string("UT_HIST=") + options, "UT_HIST_THREAD_SLOT=dense"}, {}, dir.path);
+        const a_run result =
+            run("hist_handler", {std::string("UT_HIST=") + options, "UT_HIST_THREAD_SLOT=dense"}, {}, dir.path);
         EXPECT_TRUE(result.exited_well()) << options << " " << result.status << result.err;
         EXPECT_EQ(result.out, "errno kept, dumps 7, stack small\n") << options;
-        const std::string all = result.err + read_file(dir.path + "/ut_hist.log") + read_file(dir.path + "/ut_hist.out");
+        const std::string all =
+            result.err + read_file(dir.path + "/ut_hist.log") + read_file(dir.path + "/ut_hist.out");
         EXPECT_EQ(count(all, "* HISTORY DUMP BIGIN"), 8u) << options;
         EXPECT_EQ(count(all, "* HISTORY DUMP END"), 8u) << options;
     }
@@ -33,15 +35,18 @@ TEST(HistSignals, SafeFunctionsCallOnlySafeOnes)
     const a_scratch_dir dir;
     std::filesystem::copy(SOURCE_DIR "/utils", dir.path + "/utils", std::filesystem::copy_options::recursive);
     const std::string file = dir.path + "/utils/unix/unixfork.cpp";
-    const std::string text = replaced(read_file(file), "void atfork_parent() {}", "void atfork_parent() { free(nullptr); }");
+    const std::string text =
+        replaced(read_file(file), "void atfork_parent() {}", "void atfork_parent() { free(nullptr); }");
     std::ofstream(file) << text;
-    const a_run doctored = run("/usr/bin/python3", {}, {std::string(SOURCE_DIR) + "/scripts/check_signal_safety", dir.path}, dir.path);
+    const a_run doctored =
+        run("/usr/bin/python3", {}, {std::string(SOURCE_DIR) + "/scripts/check_signal_safety", dir.path}, dir.path);
     EXPECT_NE(doctored.out.find("unixfork.cpp:17: atfork_parent calls free"), std::string::npos) << doctored.out;
 }
 
 TEST(HistFork, ChildrenRecordAndDumpAtOnce)
 {
-    const a_run result = run("hist_forks", {"UT_HIST=xn50k300l=/dev/null,r-f-", "UT_HIST_THREAD_SLOT=dense"}, {sanitized ? "30" : "200"});
+    const a_run result = run("hist_forks", {"UT_HIST=xn50k300l=/dev/null,r-f-", "UT_HIST_THREAD_SLOT=dense"},
+                             {sanitized ? "30" : "200"});
     EXPECT_TRUE(result.exited_well()) << result.status;
     EXPECT_EQ(result.out + result.err, "failed 0\n");
 }
@@ -55,13 +60,15 @@ TEST(HistShortage, LeavesTheHistoryOffAndNothingBehind)
         const char* options;
         int needed;  // a store of so many blocks: the dump's, the queues', the first locks', one or two for each queue
     };
-    for (const a_case& c : {a_case{"xs-l=/dev/null,r-q4k40n20", 11}, {"xs-l=/dev/null,r-k40n20f-", 6}, {"xl=/dev/null,e=x.err,zk", 9}}) {
+    for (const a_case& c :
+         {a_case{"xs-l=/dev/null,r-q4k40n20", 11}, {"xs-l=/dev/null,r-k40n20f-", 6}, {"xl=/dev/null,e=x.err,zk", 9}}) {
         const a_run result = run("hist_shortage", {"TZ=UTC", "UT_HIST_THREAD_SLOT=dense"}, {c.options});
         EXPECT_TRUE(result.exited_well()) << c.options << " " << result.status << result.err;
         EXPECT_EQ(result.out, "off " + std::to_string(c.needed) + ", leaks 0\n") << c.options;
     }
-    const a_run large = run("/bin/sh", {"UT_HIST=n999999999mi999999999"},
-                            {"-c", "ulimit -v 1000000; exec " PROGRAM_DIR "/hist_play debug 'ev - - a' dump 'id A 1 - a' handler"});
+    const a_run large =
+        run("/bin/sh", {"UT_HIST=n999999999mi999999999"},
+            {"-c", "ulimit -v 1000000; exec " PROGRAM_DIR "/hist_play debug 'ev - - a' dump 'id A 1 - a' handler"});
     EXPECT_TRUE(large.exited_well());
     EXPECT_EQ(large.out + large.err, "debug 0\nA=text\nSIGUSR1 default\n");
 }

@@ -14,8 +14,8 @@ std::string fault(const std::string& row)
 {
     unsigned queue, thread, line, usec;
     char number[32], id[32], ev[40], cl[4], p1[20], p2[20], p3[20], file[40];
-    const int fields = sscanf(row.c_str(), "%*d:%*d:%*d.%6u %*s %1u %31s %u %31s %39s %3s %19s %19s %19s %u %39s", &usec, &queue,
-                              number, &thread, id, ev, cl, p1, p2, p3, &line, file);
+    const int fields = sscanf(row.c_str(), "%*d:%*d:%*d.%6u %*s %1u %31s %u %31s %39s %3s %19s %19s %19s %u %39s",
+                              &usec, &queue, number, &thread, id, ev, cl, p1, p2, p3, &line, file);
     if (fields >= 6 && (strcmp(ev, "PROGRAM") == 0 || strcmp(ev, "data") == 0))
         return "";
     if (fields != 12)
@@ -24,7 +24,10 @@ std::string fault(const std::string& row)
     if (strtoul(p2, nullptr, 0) != (k ^ 0x5A5A) || strcmp(ev, texts[k % 4]) != 0 || strcmp(file, files[k % 4]) != 0 ||
         line != k % 9973 || strcmp(cl, k % 2 != 0 ? ">" : "<") != 0)
         return "a row made of two";
-    const std::string p = p3, expected_id = p == "0x2" ? (k % 2 != 0 ? "odd" : "even") : p == "0x4" ? "Q2" : p == "0x7" ? "SigHandler" : "-";
+    const std::string p = p3, expected_id = p == "0x2"   ? (k % 2 != 0 ? "odd" : "even")
+                                            : p == "0x4" ? "Q2"
+                                            : p == "0x7" ? "SigHandler"
+                                                         : "-";
     return id == expected_id ? "" : "another record's id";
 }
 
@@ -88,8 +91,7 @@ struct a_reader {
                     return "rows out of order: " + line;
                 last = number;
                 rows++;
-                const size_t suffix = line.find(" (");
-                in_block = suffix != std::string::npos && line.compare(line.size() - 3, 3, "NA)") != 0;
+                in_block = line.back() == ')' && line.compare(line.size() - 3, 3, "NA)") != 0;
                 block.clear();
             } else if (state == outside) {
                 return "a line outside a dump: " + line;
@@ -103,14 +105,16 @@ struct a_reader {
 
 TEST(HistStorm, LeavesWholeDumpsOfWholeRows)
 {
+    // ThreadSanitizer holds signals back until a thread waits, so that many of them become one there.
     const bool slow = std::string(CORVEX_SANITIZE).find("thread") != std::string::npos;
     for (const char* options : {"xlr-iqkn40d900", "xlr-iqkn40d900q8", "xlr-iqkn9d200q8"}) {
         const a_scratch_dir dir;
-        const a_run result = run("hist_storm", {std::string("UT_HIST=") + options, "UT_HIST_THREAD_SLOT=dense"}, {slow ? "500" : "1500"}, dir.path);
+        const a_run result = run("hist_storm", {std::string("UT_HIST=") + options, "UT_HIST_THREAD_SLOT=dense"},
+                                 {slow ? "1000" : "1500"}, dir.path);
         EXPECT_TRUE(result.exited_well()) << "status " << result.status << result.err;
         a_reader reader;
         EXPECT_EQ(reader.read(read_file(dir.path + "/ut_hist.log")), "") << options;
-        EXPECT_GT(reader.dumps, slow ? 10 : 100) << options;
+        EXPECT_GT(reader.dumps, slow ? 2 : 100) << options;
         EXPECT_GT(reader.rows, 10 * reader.dumps) << options;
         EXPECT_GT(reader.blocks, reader.dumps / 4) << options;
     }

@@ -22,7 +22,8 @@ TEST(Library, ExportsTheDocumentedSymbolsAndCanBeBoundAtLoadAndUnloaded)
           "readelf -dsW " LIBRARY_FILE " >file\n"
           "grep -qF 'Library soname: [libcorvex16_r.so.1]' file\n"
           "grep -q BIND_NOW file\n"
-          "if grep -E 'NODELETE| UNIQUE ' file; then exit 1; fi", dir.path);
+          "if grep -E 'NODELETE| UNIQUE ' file; then exit 1; fi",
+          dir.path);
 }
 
 TEST(Installation, ServesPkgConfigAndFindPackage)
@@ -39,9 +40,11 @@ TEST(Installation, ServesPkgConfigAndFindPackage)
     shell("cp p.c p.cpp; cmake --install " BUILD_DIR " --prefix $PWD/tree", dir.path);
     EXPECT_EQ("it runs", shell("export PKG_CONFIG_PATH=$(dirname $(find tree -name corvex16_r.pc))\n" C_COMPILER
                                " $FLAGS p.c $(pkg-config --cflags --libs corvex16_r) -o p\n"
-                               "LD_LIBRARY_PATH=$PKG_CONFIG_PATH/.. ./p", dir.path));
+                               "LD_LIBRARY_PATH=$PKG_CONFIG_PATH/.. ./p",
+                               dir.path));
     EXPECT_EQ("it runs", shell("cmake -S . -B b -DCMAKE_PREFIX_PATH=$PWD/tree -DCMAKE_CXX_COMPILER=" CXX_COMPILER
-                               " -DCMAKE_CXX_FLAGS=$FLAGS >log; cmake --build b >>log; b/p", dir.path));
+                               " -DCMAKE_CXX_FLAGS=$FLAGS >log; cmake --build b >>log; b/p",
+                               dir.path));
 }
 
 TEST(Headers, EachCompilesAloneInCAndCxxWithoutAWarning)
@@ -52,7 +55,8 @@ TEST(Headers, EachCompilesAloneInCAndCxxWithoutAWarning)
           "    for cxx in g++ clang++-14; do $cxx -std=c++20 $flags -x c++ /dev/null; done\n"
           "    if [ ${header##*/} = vmutex.h ]; then continue; fi  # an abstract class\n"
           "    for c in gcc clang-14; do $c -std=c11 $flags -x c /dev/null; done\n"
-          "done", dir.path);
+          "done",
+          dir.path);
 }
 
 }  // namespace

@@ -35,33 +35,47 @@ a_text_list version_record()
 
 TEST(VersionRecord, HoldsEighteenEntriesAndPrintsItsSystemLineOnRequest)
 {
-    const a_text_list patterns = {
-        "MODULE=libcorvex16_r.so.1", "VERSION_CLASS=xx", "VERSION_MAJOR=16", "VERSION_MINOR=0", "VERSION_PATCH=0",
-        "BUILD_NUMBER=+([0-9])", "POINTERSIZE=64", "PLATFORM=linux", "DATE=[0-9][0-9][0-9][0-9]/[01][0-9]/[0-3][0-9]",
-        "TIME=[0-2][0-9]:[0-5][0-9]:[0-6][0-9]", "HOST=?*", "THREADS=posix", "PRODUCTION=production", "COMPILER=gnu",
-        "UNAME=Linux ?* x86_64 GNU/Linux", "IDENT=libcorvex16_r.so.1/16.0.0/P/x86_64/Linux+([!/])/+([0-9])/OPT/+([!/])",
-        "COPYRIGHT=?*\n?*\n?*", "EXTENSIONS=A8"};
+    const a_text_list patterns = {"MODULE=libcorvex16_r.so.1",
+                                  "VERSION_CLASS=xx",
+                                  "VERSION_MAJOR=16",
+                                  "VERSION_MINOR=0",
+                                  "VERSION_PATCH=0",
+                                  "BUILD_NUMBER=+([0-9])",
+                                  "POINTERSIZE=64",
+                                  "PLATFORM=linux",
+                                  "DATE=[0-9][0-9][0-9][0-9]/[01][0-9]/[0-3][0-9]",
+                                  "TIME=[0-2][0-9]:[0-5][0-9]:[0-6][0-9]",
+                                  "HOST=?*",
+                                  "THREADS=posix",
+                                  "PRODUCTION=production",
+                                  "COMPILER=gnu",
+                                  "UNAME=Linux ?* x86_64 GNU/Linux",
+                                  "IDENT=libcorvex16_r.so.1/16.0.0/P/x86_64/Linux+([!/])/+([0-9])/OPT/+([!/])",
+                                  "COPYRIGHT=?*\n?*\n?*",
+                                  "EXTENSIONS=A8"};
     const a_text_list entries = version_record();
     ASSERT_EQ(patterns.size(), entries.size());
     for (size_t i = 0; i < entries.size(); i++)
         EXPECT_EQ(0, fnmatch(patterns[i].c_str(), entries[i].c_str(), FNM_EXTMATCH)) << entries[i];
     for (const char* value : {"1", ""})
         EXPECT_EQ(entries[14] + "\n", in_child_with("VORNE_VERSION_INFO", value, [] {
-            dup2(child_pipe[1], STDOUT_FILENO);
-            dlopen(LIBRARY_FILE, RTLD_NOW);
-        }).said);
+                                          dup2(child_pipe[1], STDOUT_FILENO);
+                                          dlopen(LIBRARY_FILE, RTLD_NOW);
+                                      }).said);
 }
 
 TEST(VersionRecord, IsTheSameInEveryBuildOfOneSourceDate)
 {
     const auto make = [](const a_text_list& env) {
-        return run("/bin/sh", env, {"-c", "cmake -DOUTPUT=v -DBUILD_NUMBER=77 -DVERSION=16.0.0 -P " SOURCE_DIR
-                                          "/cmake/version_record.cmake && cat v"}).out;
+        return run("/bin/sh", env,
+                   {"-c", "cmake -DOUTPUT=v -DBUILD_NUMBER=77 -DVERSION=16.0.0 -P " SOURCE_DIR
+                          "/cmake/version_record.cmake && cat v"})
+            .out;
     };
     const std::string first = make({"SOURCE_DATE_EPOCH=86399", "TZ=UTC"});
     EXPECT_EQ(first, make({"SOURCE_DATE_EPOCH=86399", "TZ=Asia/Tokyo"}));
-    for (const char* text : {"\"1970/01/01\"", "\"23:59:59\"", "Linux-reproducible/77/OPT/1970-01-01 23:59:59\"",
-                             "HOST \"reproducible\""})
+    for (const char* text :
+         {"\"1970/01/01\"", "\"23:59:59\"", "Linux-reproducible/77/OPT/1970-01-01 23:59:59\"", "HOST \"reproducible\""})
         EXPECT_NE(std::string::npos, first.find(text)) << text << " in\n" << first;
 }
 

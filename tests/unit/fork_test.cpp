@@ -59,7 +59,8 @@ TEST(ForkedChild, FindsThePoolsFreeWhileThreadsOfTheParentUseThemAndWait)
     while (stage == 0)
         std::this_thread::yield();
     ut_safe_pthread_mutex_lock(&mutex);  // held by the waiter until it waits
-    EXPECT_EQ(0, in_child([&] { ut_safe_pthread_cond_destroy(&cond); }).status) << "the last give-back, which frees the pool";
+    EXPECT_EQ(0, in_child([&] { ut_safe_pthread_cond_destroy(&cond); }).status)
+        << "the last give-back, which frees the pool";
     ut_safe_pthread_mutex_unlock(&mutex);
 
     const auto hammer = [&] {

@@ -51,11 +51,12 @@ TEST(Memory, OnlyAllocAndAResizeReportAFailureAndTheOldBlockStays)
     void* block = ut_memdup(text, 4);
     volatile size_t huge = own_allocator ? SIZE_MAX / 4 : 0;
     EXPECT_EQ("", printed([&] {
-        for (void* none : {ut_malloc(0), ut_alloc(0), ut_calloc(0), uicalloc(SIZE_MAX / 2, 3), ut_memdup(nullptr, 5),
-                           ut_memdup(text, 0), ut_realloc(nullptr, 0), ut_realloc(ut_malloc(9), 0), ut_malloc(huge),
-                           ut_calloc(huge), ut_realloc(nullptr, huge), ut_memdup(text, huge)})
-            EXPECT_EQ(nullptr, none);
-    }));
+                  for (void* none :
+                       {ut_malloc(0), ut_alloc(0), ut_calloc(0), uicalloc(SIZE_MAX / 2, 3), ut_memdup(nullptr, 5),
+                        ut_memdup(text, 0), ut_realloc(nullptr, 0), ut_realloc(ut_malloc(9), 0), ut_malloc(huge),
+                        ut_calloc(huge), ut_realloc(nullptr, huge), ut_memdup(text, huge)})
+                      EXPECT_EQ(nullptr, none);
+              }));
     if (own_allocator) {
         EXPECT_EQ("Tessaline 0 8 3 Out of memory (ut_alloc); Out of memory (ut_alloc)\n",
                   printed([&] { ut_alloc(huge); }));
@@ -127,19 +128,21 @@ TEST(PrintChannels, WriteToTheirStreamsUnlessRedirectedAndCutLongTexts)
 {
     std::string got;
     const std::string longest(4095, 'x');
-    const auto receive = [](void* data, const char* msg) { *static_cast<std::string*>(data) += std::string(msg) + "|"; };
+    const auto receive = [](void* data, const char* msg) {
+        *static_cast<std::string*>(data) += std::string(msg) + "|";
+    };
     testing::internal::CaptureStderr();
     EXPECT_EQ("one %d+back", printed([&] {
-        ut_MsgPrint("one %d");
-        ut_ErrPrint("a%sb");
-        ut_MsgPrint_Register(receive, &got);
-        ut_ErrPrint_Register(receive, &got);
-        ut_MsgPrintf("%s", longest.c_str());
-        ut_ErrPrintf("%s%d", longest.c_str(), 12);
-        ut_MsgPrint_Register(nullptr, &got);
-        ut_ErrPrint_Register(nullptr, nullptr);
-        ut_MsgPrintf("+%s", "back");
-    }));
+                  ut_MsgPrint("one %d");
+                  ut_ErrPrint("a%sb");
+                  ut_MsgPrint_Register(receive, &got);
+                  ut_ErrPrint_Register(receive, &got);
+                  ut_MsgPrintf("%s", longest.c_str());
+                  ut_ErrPrintf("%s%d", longest.c_str(), 12);
+                  ut_MsgPrint_Register(nullptr, &got);
+                  ut_ErrPrint_Register(nullptr, nullptr);
+                  ut_MsgPrintf("+%s", "back");
+              }));
     EXPECT_EQ("a%sb", testing::internal::GetCapturedStderr());
     EXPECT_EQ(longest + "|" + longest + "|", got);
 }

@@ -52,7 +52,10 @@ void say_disposition(int sig)
     struct sigaction now;
     sigaction(sig, nullptr, &now);
     const bool foreign = now.sa_sigaction == earlier || now.sa_sigaction == later;
-    say("%d %s%s%s%s", sig, now.sa_handler == SIG_DFL ? "default" : foreign ? "foreign" : "library",
+    say("%d %s%s%s%s", sig,
+        now.sa_handler == SIG_DFL ? "default"
+        : foreign                 ? "foreign"
+                                  : "library",
         now.sa_flags & SA_RESTART ? " restart" : "", now.sa_flags & SA_NODEFER ? " nodefer" : "",
         now.sa_flags & SA_ONSTACK ? " onstack" : "");
     for (int i = 1; i < NSIG && now.sa_handler != SIG_DFL; i++)
@@ -86,15 +89,19 @@ TEST(SignalHandlers, AreInstalledAsTheModeSays)
 {
     const std::string none, crash = "4 6 7 8 11 ", all = crash + "1 2 3 15 ";
     const std::pair<const char*, std::string> modes[] = {
-        {"no", none}, {"N", none}, {"crash", crash}, {"C", crash}, {"Safe", crash},
-        {"s", crash}, {"", all},   {"yes", all},     {"longer than its buffer", all}};
+        {"no", none}, {"N", none},     {"crash", crash},
+        {"C", crash}, {"Safe", crash}, {"s", crash},
+        {"", all},    {"yes", all},    {"longer than its buffer", all}};
     for (const auto& [mode, installed] : modes)
-        EXPECT_EQ(installed, in_fresh_child("ZT_INSTALL_SIG_HANDLERS", mode, [] {
-            ut_onsig_install_signal_handlers(TRUE);
-            for (int sig : handled)
-                if (unix_current_handler(sig) != nullptr)
-                    say("%d ", sig);
-        }).said) << mode;
+        EXPECT_EQ(installed, in_fresh_child("ZT_INSTALL_SIG_HANDLERS", mode,
+                                            [] {
+                                                ut_onsig_install_signal_handlers(TRUE);
+                                                for (int sig : handled)
+                                                    if (unix_current_handler(sig) != nullptr)
+                                                        say("%d ", sig);
+                                            })
+                                 .said)
+            << mode;
 }
 
 TEST(SignalHandlers, PassTheSignalOnAndPutDispositionsBackWhole)
@@ -140,8 +147,8 @@ TEST(SignalHandlers, EndTheProcessOfATerminationSignalWithoutACore)
     };
     expect("-", "", no_core);
     expect("ZT_ALWAYS_GEN_CORE", "", "core 4096 of 8192\n");
-    const char* delays[][2] = {{"", "2"},      {"0", "0"},       {"7x", "7"}, {"-5", "0"},
-                               {"none", "0"}, {"3600", "3600"}, {"99999999999", "3600"}};
+    const char* delays[][2] = {
+        {"", "2"}, {"0", "0"}, {"7x", "7"}, {"-5", "0"}, {"none", "0"}, {"3600", "3600"}, {"99999999999", "3600"}};
     for (const auto& [value, seconds] : delays)
         expect("ZT_LINUX_COREDUMP_DELAY", value, std::string("sleep ") + seconds + "\n" + no_core);
 }

@@ -213,7 +213,8 @@ TEST(BitArray, FindsAndCountsByWords)
 
 TEST(List, LinksAndUnlinks)
 {
-    c_sysv_semaphore_set::MAX_NSEMS = 1;
+    const int64_t kept = c_sysv_semaphore_set::MAX_NSEMS;
+    c_sysv_semaphore_set::MAX_NSEMS = 1;  // so that making a set asks the kernel nothing
     c_sysv_semaphore_set a, b;
     c_sysv_semaphore_set_list list;
     a.unlink();
@@ -234,4 +235,5 @@ TEST(List, LinksAndUnlinks)
     list.clear();
     EXPECT_TRUE(list.is_empty());
     EXPECT_FALSE(b.is_linked());
+    c_sysv_semaphore_set::MAX_NSEMS = kept;
 }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -243,7 +244,7 @@ TEST_F(Threads, MutexIsRecursiveByOwner)
     OS_MutexFini(&mutex);
 }
 
-// Threads attach, walk, start and end while the main thread forks; every child uses the layer at once and shuts it down.
+// Threads attach, walk and detach while the main thread forks; every child uses the layer at once and shuts it down.
 TEST_F(Threads, LocksAreFreeInAForkedChild)
 {
     std::atomic<bool> stop{false};

@@ -143,13 +143,14 @@ void OS_End_Thread_Wakeup(p_os_thread waiter, void* parm)
     os_endthread();
 }
 
-a_bool OS_TerminateThread(p_os_thread thread) { return pthread_kill(thread->tid, SIGKILL) == 0; }
+a_bool OS_TerminateThread(p_os_thread thread) { return thread->tid != os_no_thread && pthread_kill(thread->tid, SIGKILL) == 0; }
 
 int OS_WaitOnThreadTermination(p_os_thread thread)
 {
     if (!os_in_table(thread))
         return 0;
-    const int joined = pthread_join(thread->tid, nullptr);
+    // In a forked child a thread of the parent has no id.
+    const int joined = thread->tid != os_no_thread ? pthread_join(thread->tid, nullptr) : 0;
     os_remove_from_table(thread);
     delete thread;
     return joined;

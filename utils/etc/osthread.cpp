@@ -12,8 +12,6 @@
 
 namespace {
 
-const a_thread_id no_thread_id = ~a_thread_id(0);
-
 p_os_thread ThreadTable = nullptr;
 a_mutex ThreadTableMutex;
 uint32 ThreadTableMutex_initialized = 0;  // OS_Init calls that no OS_Fini has matched yet
@@ -38,6 +36,11 @@ p_os_thread* find_link(p_os_thread thread)
     return link;
 }
 
+// Relaxed: the first start is over before other threads come; the later ones change it under the mutex.
+uint32 starts() { return __atomic_load_n(&ThreadTableMutex_initialized, __ATOMIC_RELAXED); }
+
+void set_starts(uint32 count) { __atomic_store_n(&ThreadTableMutex_initialized, count, __ATOMIC_RELAXED); }
+
 // Relaxed: a thread finds its own id there only if it stored it itself.
 a_thread_id owner_of(const a_mutex* mutex) { return __atomic_load_n(&mutex->owner, __ATOMIC_RELAXED); }
 
@@ -46,7 +49,7 @@ void set_owner(p_mutex mutex, a_thread_id owner) { __atomic_store_n(&mutex->owne
 }  // namespace
 
 an_os_thread::an_os_thread(a_bool attachable_parm)
-    : table_next(nullptr), next(nullptr), parm(nullptr), wait(), tid(no_thread_id), refCount(1), tls(nullptr),
+    : table_next(nullptr), next(nullptr), parm(nullptr), wait(), tid(os_no_thread), refCount(1), tls(nullptr),
       attachable(attachable_parm)
 {
     // Without memory the semaphore stays without a mutex, which add_current_thread looks for.
@@ -126,7 +129,10 @@ p_os_thread add_current_thread(a_bool attachable)
         return nullptr;
     }
     me->tid = pthread_self();
-    TLSMe.Set(me);
+    if (!TLSMe.Set(me)) {
+        delete me;
+        return nullptr;
+    }
     const a_table_lock lock;
     me->table_next = ThreadTable;
     set_link(ThreadTable, me);
@@ -199,13 +205,13 @@ void OS_ThreadWalk(an_os_walker walker, void* parm)
 
 void OS_Init(void)
 {
-    if (ThreadTableMutex_initialized != 0) {
+    if (starts() != 0) {
         const a_table_lock lock;
-        ThreadTableMutex_initialized++;
+        set_starts(starts() + 1);
         return;
     }
-    ThreadTableMutex_initialized = 1;
     OS_MutexInit(&ThreadTableMutex);
+    set_starts(1);
     add_current_thread(FALSE);
 }
 
@@ -213,12 +219,16 @@ void OS_Fini(void)
 {
     {
         const a_table_lock lock;
-        if (--ThreadTableMutex_initialized != 0)
+        set_starts(starts() - 1);
+        if (starts() != 0)
             return;
         remove_current_thread();
         while (ThreadTable != nullptr) {
             p_os_thread thread = ThreadTable;
             set_link(ThreadTable, thread->table_next);
+            // Nobody can wait for its end any more: its stack goes with it.
+            if (thread->attachable && thread->tid != os_no_thread)
+                pthread_detach(thread->tid);
             delete thread;
         }
     }
@@ -230,9 +240,12 @@ void OS_Fini(void)
 // Signal-safe.
 void os_thread_fork_child()
 {
-    if (ThreadTableMutex_initialized == 0)
+    if (starts() == 0)
         return;
     os_mutex_fork_child(&ThreadTableMutex);
-    for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next)
+    for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next) {
         ut_pthread_semaphore_fork_child(&thread->wait);
+        if (thread->tid != pthread_self())
+            thread->tid = os_no_thread;
+    }
 }

@@ -10,7 +10,7 @@
 template <typename T>
 class UTThreadLocalStorage {
 public:
-    UTThreadLocalStorage() { pthread_key_create(&_tls_key, nullptr); }
+    UTThreadLocalStorage() : _tls_key(fresh_key()) {}
     ~UTThreadLocalStorage() { pthread_key_delete(_tls_key); }
     UTThreadLocalStorage(const UTThreadLocalStorage&) = delete;
     UTThreadLocalStorage& operator=(const UTThreadLocalStorage&) = delete;
@@ -19,12 +19,21 @@ public:
     void Reinitialize()
     {
         pthread_key_delete(_tls_key);
-        pthread_key_create(&_tls_key, nullptr);
+        __atomic_store_n(&_tls_key, fresh_key(), __ATOMIC_RELAXED);
     }
-    T* Get() const { return static_cast<T*>(pthread_getspecific(_tls_key)); }
-    void Set(T* value) { pthread_setspecific(_tls_key, value); }
+    T* Get() const { return static_cast<T*>(pthread_getspecific(key())); }
+    bool Set(T* value) { return pthread_setspecific(key(), value) == 0; }  // false: there is no memory
 
 private:
+    // A number that no key has stands for one that cannot be had: every call with it fails, and none hits another's key.
+    static pthread_key_t fresh_key()
+    {
+        pthread_key_t key;
+        return pthread_key_create(&key, nullptr) == 0 ? key : ~pthread_key_t(0);
+    }
+    // Relaxed: it changes only at the last OS_Fini, when no other thread uses the layer.
+    pthread_key_t key() const { return __atomic_load_n(&_tls_key, __ATOMIC_RELAXED); }
+
     pthread_key_t _tls_key;
 };
 
@@ -35,7 +44,9 @@ void remove_current_thread();
 bool os_in_table(p_os_thread thread);
 void os_remove_from_table(p_os_thread thread);
 
-// Frees every lock of the layer in a forked child.
+inline constexpr a_thread_id os_no_thread = ~a_thread_id(0);  // the id of a thread that there is not (yet)
+
+// Frees every lock of the layer in a forked child, but those that the forking thread itself holds.
 void os_thread_fork_child();
 void os_mutex_fork_child(p_mutex mutex);
 

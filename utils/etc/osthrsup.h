@@ -2,7 +2,7 @@
 #ifndef ETC_OSTHRSUP_H
 #define ETC_OSTHRSUP_H
 
-#include "corvex/thread.h"
+#include "utils/etc/osthread.h"
 
 using an_os_start_routine = void* (*)(void* arglist);
 
@@ -16,8 +16,6 @@ a_thread_id os_beginthread_attachable(an_os_start_routine start_address, void* s
 a_thread_id os_beginthread(an_os_start_routine start_address, void* stack_bottom, unsigned int stack_size,
                            void* arglist, uint32* pErrorCode);
 [[noreturn]] void os_endthread();
-
-inline constexpr a_thread_id os_no_thread = ~a_thread_id(0);
 
 void Perform_Version_Check(uint32 version, int line);
 

@@ -9,7 +9,7 @@
 // The cleanup by signal takes no lock, allocates and frees nothing. It works on the registry, a table of the identifiers of
 // all open sets: each is removed from the kernel first and cleared from the table then, so whoever walks the table to its
 // end, even beside another walker, knows that all it found are gone. What the lists hold of removed sets is freed by the
-// next ordinary operation. A set that is just being made is not in the table yet: its maker blocks the handled signals
+// next ordinary operation. A set that is just being made is not in the table yet: its maker blocks all signals
 // and counts itself in `creators` from before semget until the set is registered; the cleanup forbids new ones and
 // waits for those that are on the way. They cannot be on the thread that the signal interrupted, so the wait ends soon; it is
 // bounded all the same. Nothing can deadlock: nobody waits for a lock; nothing can leak: every set is registered,
@@ -18,11 +18,13 @@
 // A forked child inherits list and registry; `fork_generation` tells its own sets from its parent's.
 #include "utils/unix/sysvsemo.h"
 
-#include <poll.h>
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <new>
 
@@ -109,7 +111,8 @@ uint32 find_slot(int32 ident)
 // Signal-safe.
 void clear_entry(uint32 slot, uint64 entry)
 {
-    if (__atomic_compare_exchange_n(&registry[slot], &entry, uint64(0), false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
+    if (entry != 0 &&
+        __atomic_compare_exchange_n(&registry[slot], &entry, uint64(0), false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
         __atomic_sub_fetch(&num_registered, 1, __ATOMIC_RELAXED);
 }
 
@@ -137,15 +140,15 @@ void remove_registered_sets()
 
 // ---- making kernel sets ----
 
-// The handled signals are blocked and the cleanup waits while one of these exists. Sequentially consistent with the
+// All signals are blocked and the cleanup waits while one of these exists. Sequentially consistent with the
 // cleanup's announcement: either it sees this creator, or the creator sees it.
 class a_creation {
 public:
     a_creation()
     {
-        sigset_t handled;
-        ut_onsig_handled_signals(&handled);
-        pthread_sigmask(SIG_BLOCK, &handled, &kept);
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &kept);
         __atomic_add_fetch(&creators, 1, __ATOMIC_SEQ_CST);
     }
     ~a_creation()
@@ -178,27 +181,48 @@ int candidate_size()
 
 // ---- the list ----
 
-c_sysv_sema_set_list* sysv_sema_list_p = nullptr;  // null before start-up, after shut-down, and while a cleanup runs
-c_sysv_sema_set_list* the_list = nullptr;          // the same, but for cleanups
+c_sysv_sema_set_list* sysv_sema_list_p = nullptr;  // null before start-up and after shut-down
+int32 users = 0;                                   // threads inside open or close
 void* sysv_onsig_handle = nullptr;
-
-class a_list_lock {
-public:
-    explicit a_list_lock(c_sysv_sema_set_list* of) : list(of) { list->mutex_get(); }
-    ~a_list_lock() { list->mutex_give(); }
-    a_list_lock(const a_list_lock&) = delete;
-    a_list_lock& operator=(const a_list_lock&) = delete;
-
-private:
-    c_sysv_sema_set_list* list;
-};
 
 // Acquire: who sees the list sees it constructed.
 // Signal-safe.
-c_sysv_sema_set_list* current_list() { return __atomic_load_n(&sysv_sema_list_p, __ATOMIC_ACQUIRE); }
+c_sysv_sema_set_list* list_of_process() { return __atomic_load_n(&sysv_sema_list_p, __ATOMIC_ACQUIRE); }
 
+// While a cleanup runs there is no list to open from or close in.
 // Signal-safe.
-void publish(c_sysv_sema_set_list* list) { __atomic_store_n(&sysv_sema_list_p, list, __ATOMIC_RELEASE); }
+c_sysv_sema_set_list* current_list()
+{
+    return __atomic_load_n(&cleaners, __ATOMIC_ACQUIRE) == 0 ? list_of_process() : nullptr;
+}
+
+// A thread inside open or close, for a scope; it holds the list's mutex unless there is no list. Counted before the list is
+// looked for, so that shut-down, which takes the list away first, sees every thread that may still have found it.
+class a_list_user {
+public:
+    a_list_user()
+    {
+        __atomic_add_fetch(&users, 1, __ATOMIC_SEQ_CST);
+        c_sysv_sema_set_list* found = current_list();
+        if (found == nullptr)
+            return;
+        found->mutex_get();
+        if (current_list() == found)
+            list = found;
+        else
+            found->mutex_give();
+    }
+    ~a_list_user()
+    {
+        if (list != nullptr)
+            list->mutex_give();
+        __atomic_sub_fetch(&users, 1, __ATOMIC_SEQ_CST);
+    }
+    a_list_user(const a_list_user&) = delete;
+    a_list_user& operator=(const a_list_user&) = delete;
+
+    c_sysv_sema_set_list* list = nullptr;
+};
 
 a_bool sysv_set_semval(a_sysv_semaphore* s, int value)
 {
@@ -207,11 +231,13 @@ a_bool sysv_set_semval(a_sysv_semaphore* s, int value)
     return semctl(s->ident, s->offset, SETVAL, arg) != -1;
 }
 
+// Waits, bounded, until a count has come down to zero. By a plain system call: poll is a cancellation point, and a thread must
+// not vanish in the middle of the cleanup.
 // Signal-safe.
-void wait_for_creators()
+void wait_for_none(const int32& count)
 {
-    for (int i = 0; i < max_waits && __atomic_load_n(&creators, __ATOMIC_SEQ_CST) > 0; i++)
-        poll(nullptr, 0, 1);
+    for (int i = 0; i < max_waits && __atomic_load_n(&count, __ATOMIC_SEQ_CST) > 0; i++)
+        syscall(SYS_poll, nullptr, 0, 1);
 }
 
 }  // namespace
@@ -303,12 +329,16 @@ a_bool c_bit_array::set_bit(uint32 bit_number, a_bool to_true)
 
 void c_bit_array::set_all()
 {
+    if (_num_elem == 0)
+        return;
     memset(_bitarray, 0xFF, _num_elem * sizeof(uint32));
     _first_clear = _num_elem;
 }
 
 void c_bit_array::clear_all()
 {
+    if (_num_elem == 0)
+        return;
     memset(_bitarray, 0, _num_elem * sizeof(uint32));
     _first_clear = 0;
 }
@@ -330,6 +360,8 @@ void c_sysv_semaphore_set::get_max_semaphore_set_size()
 {
     const int candidate = candidate_size();
     const a_creation creation;
+    if (!creation.allowed())
+        return;
     int probe = new_kernel_set(candidate);
     if (probe == 0) {
         remove_kernel_set(probe);
@@ -340,30 +372,30 @@ void c_sysv_semaphore_set::get_max_semaphore_set_size()
     MAX_NSEMS = probe > 0 ? candidate : 1;
 }
 
+// The map comes first: a set is complete when it is registered, since a fork may find it there at any moment.
 a_bool c_sysv_semaphore_set::open()
 {
-    {
-        const a_creation creation;
-        if (!creation.allowed())
+    if (MAX_NSEMS == 0)
+        return FALSE;
+    if (MAX_NSEMS != 1) {
+        _bitarray = new (std::nothrow) c_bit_array(uint32(MAX_NSEMS), TRUE);
+        if (_bitarray == nullptr || _bitarray->get_size() == 0)
             return FALSE;
-        _ident = new_kernel_set(MAX_NSEMS);
-        if (_ident <= 0) {
-            remove_kernel_set(_ident);
-            _ident = new_kernel_set(MAX_NSEMS);
-        }
-        if (_ident == 0 || (_ident > 0 && !register_set(_ident, _forks, this)))
-            remove_kernel_set(_ident);
-        if (_ident <= 0 || find_slot(_ident) == num_slots) {
-            _ident = 0;
-            return FALSE;
-        }
     }
-    if (MAX_NSEMS == 1)
+    const a_creation creation;
+    if (!creation.allowed())
+        return FALSE;
+    _ident = new_kernel_set(MAX_NSEMS);
+    if (_ident <= 0) {
+        remove_kernel_set(_ident);
+        _ident = new_kernel_set(MAX_NSEMS);
+    }
+    if (_ident > 0 && register_set(_ident, _forks, this))
         return TRUE;
-    _bitarray = new (std::nothrow) c_bit_array(uint32(MAX_NSEMS), TRUE);
-    if (_bitarray == nullptr || _bitarray->get_size() == 0)
-        close();
-    return _ident > 0;
+    if (_ident >= 0)
+        remove_kernel_set(_ident);
+    _ident = 0;
+    return FALSE;
 }
 
 a_bool c_sysv_semaphore_set::allocate_semaphore(a_sysv_semaphore* s)
@@ -371,6 +403,8 @@ a_bool c_sysv_semaphore_set::allocate_semaphore(a_sysv_semaphore* s)
     if (_ident == 0 || is_full() || is_foreign())
         return FALSE;
     const int offset = MAX_NSEMS == 1 ? 0 : _bitarray->get_first(FALSE);
+    if (offset < 0)
+        return FALSE;  // more members were given back than handed out
     if (MAX_NSEMS != 1)
         _bitarray->set(uint32(offset));
     *s = {_ident, offset};
@@ -386,6 +420,12 @@ a_bool c_sysv_semaphore_set::deallocate_semaphore(a_sysv_semaphore* s)
         _bitarray->clear(uint32(s->offset));
     _num_used--;
     return TRUE;
+}
+
+void c_sysv_semaphore_set::recount()
+{
+    if (_bitarray != nullptr)
+        _num_used = _bitarray->count_bits(TRUE);
 }
 
 // A parent's set is only forgotten.
@@ -406,20 +446,24 @@ void c_sysv_semaphore_set::close()
 
 // ---- c_sysv_sema_set_list ----
 
-// A fork may have cut another thread's change of the list in two: the child links all sets anew.
+// A fork may have cut another thread's change of the list or of a set in two: the child links and counts all anew.
 void c_sysv_sema_set_list::relink_after_fork()
 {
+    int32 registered = 0;
     list.next = list.prev = &list;
     for (uint32 slot = 0; slot < used_slots; slot++) {
         if (entry_at(slot) == 0)
             continue;
+        registered++;
         c_sysv_semaphore_set* set = registered_sets[slot];
         set->next = set->prev = set;
+        set->recount();
         if (set->is_full())
             append(set);
         else
             insert(set);
     }
+    __atomic_store_n(&num_registered, registered, __ATOMIC_RELAXED);
 }
 
 // Frees what is left of sets that a cleanup by signal has removed from the kernel.
@@ -506,40 +550,40 @@ void c_sysv_sema_set_list::close_all_entries()
 
 void sysv_list_init_semaphore()
 {
-    if (current_list() != nullptr)
+    if (list_of_process() != nullptr)
         return;
-    the_list = new c_sysv_sema_set_list;
-    publish(the_list);
+    __atomic_store_n(&sysv_sema_list_p, new c_sysv_sema_set_list, __ATOMIC_RELEASE);
     sysv_onsig_handle = ut_onsig_call_add(cleanup_priority, sysv_sig_handler, nullptr);
 }
 
+// The callback stays until all sets are closed: a signal in between finds the rest of them in the registry. Threads may still
+// be inside open or close: they find no list, and the list waits for them, or is left to them when they do not leave.
 void sysv_list_fini_semaphore()
 {
-    c_sysv_sema_set_list* list = current_list();
+    c_sysv_sema_set_list* list = list_of_process();
     if (list == nullptr)
         return;
+    list->mutex_get();
+    __atomic_store_n(&sysv_sema_list_p, nullptr, __ATOMIC_SEQ_CST);
+    list->close_all_entries();
+    list->mutex_give();
     ut_onsig_call_del(sysv_onsig_handle, sysv_sig_handler);
     sysv_onsig_handle = nullptr;
-    {
-        const a_list_lock lock(list);
-        publish(nullptr);
-        the_list = nullptr;
-        list->close_all_entries();
-    }
-    delete list;
+    wait_for_none(users);
+    if (__atomic_load_n(&users, __ATOMIC_SEQ_CST) == 0)
+        delete list;
 }
 
-// The list's mutex is free, nobody makes or removes sets, and the parent's sets are told from the child's.
+// The list's mutex is free, nobody makes, uses or removes sets, and the parent's sets are told from the child's.
 // Signal-safe.
 void sysv_list_fork_child()
 {
     __atomic_add_fetch(&fork_generation, 1u, __ATOMIC_RELAXED);
     __atomic_store_n(&creators, 0, __ATOMIC_RELAXED);
     __atomic_store_n(&cleaners, 0, __ATOMIC_RELAXED);
-    if (the_list == nullptr)
-        return;
-    the_list->fork_child();
-    publish(the_list);
+    __atomic_store_n(&users, 0, __ATOMIC_RELAXED);
+    if (list_of_process() != nullptr)
+        list_of_process()->fork_child();
 }
 
 // The cleanup by signal, see the head of this file.
@@ -548,24 +592,20 @@ void sysv_sig_handler(int, void*, a_bool, a_bool, a_bool cleanup, void*, void*)
 {
     if (!cleanup)
         return;
-    c_sysv_sema_set_list* list = __atomic_exchange_n(&sysv_sema_list_p, nullptr, __ATOMIC_ACQ_REL);
+    const int kept = errno;
     __atomic_add_fetch(&cleaners, 1, __ATOMIC_SEQ_CST);
-    wait_for_creators();
+    wait_for_none(creators);
     remove_registered_sets();
     __atomic_add_fetch(&cleanups, 1u, __ATOMIC_RELEASE);
     __atomic_sub_fetch(&cleaners, 1, __ATOMIC_SEQ_CST);
-    if (list != nullptr)
-        publish(list);
+    errno = kept;
 }
 
 a_bool sysv_open_semaphore(a_sysv_semaphore* s, int initial_value)
 {
-    c_sysv_sema_set_list* list = current_list();
-    if (list == nullptr || ut_onsig_will_do_cleanup())
-        return FALSE;
     {
-        const a_list_lock lock(list);
-        if (!list->allocate_semaphore(s))
+        const a_list_user user;
+        if (user.list == nullptr || ut_onsig_will_do_cleanup() || !user.list->allocate_semaphore(s))
             return FALSE;
     }
     if (sysv_set_semval(s, initial_value))
@@ -576,16 +616,16 @@ a_bool sysv_open_semaphore(a_sysv_semaphore* s, int initial_value)
 
 void sysv_close_semaphore(a_sysv_semaphore* s)
 {
-    c_sysv_sema_set_list* list = current_list();
-    if (list == nullptr || s == nullptr || s->ident <= 0)
+    if (s == nullptr || s->ident <= 0)
         return;
-    const a_list_lock lock(list);
-    list->deallocate_semaphore(s);
+    const a_list_user user;
+    if (user.list != nullptr)
+        user.list->deallocate_semaphore(s);
 }
 
 // Relaxed: the answer may be old at once.
 // Signal-safe.
 a_bool sysv_list_is_empty(void)
 {
-    return current_list() != nullptr && __atomic_load_n(&num_registered, __ATOMIC_RELAXED) == 0;
+    return list_of_process() != nullptr && __atomic_load_n(&num_registered, __ATOMIC_RELAXED) == 0;
 }

@@ -51,6 +51,7 @@ public:
     a_bool is_empty() const { return _num_used == 0; }
     a_bool is_foreign() const;  // the parent's, in a forked child
     void close();
+    void recount();                // the members in use, from the map
     void forget() { _ident = 0; }  // the cleanup by signal has removed the kernel set
     int32 ident() const { return _ident; }
 

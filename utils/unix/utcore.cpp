@@ -8,10 +8,11 @@
 #include "utils/unix/utcore.h"
 
 #include <errno.h>
-#include <poll.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -154,18 +155,25 @@ void enter_abort()
         abort_by_default();
 }
 
-// Of two threads that end the process the second leaves it to the first, whose callbacks must come to their end; not for
-// ever, since the first may be stuck.
+// Whether another thread's handler is ending the process.
 // Signal-safe.
-void leave_it_to_the_first()
+bool another_ends(int32 me)
 {
-    int32 first = 0;
+    const int32 first = __atomic_load_n(&ending_thread, __ATOMIC_ACQUIRE);
+    return first != 0 && first != me;
+}
+
+// Of two threads whose signals may end the process the second leaves it to the first, whose callbacks must come to their
+// end; not for ever, since the first may be stuck. By a plain system call: poll is a cancellation point.
+// Signal-safe.
+void leave_it_to_the_first(bool ends)
+{
+    int32 none = 0;
     const int32 me = gettid();
-    if (__atomic_compare_exchange_n(&ending_thread, &first, me, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE) ||
-        first == me)
-        return;
-    for (int i = 0; i < max_pauses; i++)
-        poll(nullptr, 0, pause_ms);
+    if (ends)
+        __atomic_compare_exchange_n(&ending_thread, &none, me, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+    for (int i = 0; i < max_pauses && another_ends(me); i++)
+        syscall(SYS_poll, nullptr, 0, pause_ms);
 }
 
 // Signal-safe.
@@ -179,13 +187,17 @@ void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context)
     if (sig == SIGABRT)
         enter_abort();
     const a_bool chained = reached_through_another(sig);
+    // A thread that is cancelled must not vanish here: the process would live on half cleaned up.
+    int cancel_state;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
+    leave_it_to_the_first(cleanup);
     if (cleanup) {
-        leave_it_to_the_first();
         // Sequentially consistent: see the making of kernel sets, which looks at it.
         __atomic_store_n(&will_do_cleanup, 1, __ATOMIC_SEQ_CST);
     }
     ut_onsig_call_now(sig, chained, chaining, cleanup, siginfo, context);
     if (chaining) {
+        pthread_setcancelstate(cancel_state, nullptr);
         earlier(sig, siginfo, context);
         if (sig == SIGABRT)
             __atomic_store_n(&aborting_thread, 0, __ATOMIC_RELAXED);
@@ -239,14 +251,6 @@ void ut_onsig_remove_signal_handlers()
         return;
     for (a_handled_signal& row : handled)
         remove(row);
-}
-
-// Signal-safe.
-void ut_onsig_handled_signals(sigset_t* set)
-{
-    sigemptyset(set);
-    for (const a_handled_signal& row : handled)
-        sigaddset(set, row.signal);
 }
 
 // The child is a process of its own, with other thread ids, and nobody ends it yet.

@@ -2,15 +2,12 @@
 #ifndef UNIX_UTCORE_H
 #define UNIX_UTCORE_H
 
-#include <signal.h>
-
 #include "corvex/onsig.h"
 
 void ut_onsig_init();
 void ut_onsig_fini();
 void ut_onsig_remove_signal_handlers();
 void ut_onsig_fork_child();
-void ut_onsig_handled_signals(sigset_t* set);  // the nine signals that the library may handle
 
 // Puts back what was in place before every handler that is still the library's, also those of a crash-only
 // installation, which a removal leaves: nothing may point into the library once it has left the process.

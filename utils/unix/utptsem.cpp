@@ -34,7 +34,7 @@ private:
     pthread_mutex_t* mutex;
 };
 
-// Relaxed: read under the mutex.
+// Relaxed: read under the mutex, or looked at again.
 bool is_set(const a_ut_pthread_semaphore* sem) { return __atomic_load_n(&sem->set, __ATOMIC_RELAXED) != 0; }
 
 // Clears the flag under the mutex, seeing what the last signaller stored before its look.
@@ -58,6 +58,7 @@ struct timespec deadline_in(unsigned int timeout_in_ms)
 a_bool ut_pthread_open_semaphore(a_ut_pthread_semaphore* sem, unsigned int initial_value)
 {
     sem->set = initial_value != 0;
+    sem->mutex.p_mutex = nullptr;
     const int no_cv = ut_safe_pthread_cond_init(&sem->cv, nullptr);
     if (no_cv != 0)
         return a_bool(no_cv);
@@ -76,8 +77,10 @@ void ut_pthread_close_semaphore(a_ut_pthread_semaphore* sem)
 
 a_bool ut_pthread_signal_semaphore(a_ut_pthread_semaphore* sem)
 {
+    // A look without a locked instruction first: what it takes for unset by mistake goes the long way and loses nothing.
     a_bool signalled = TRUE;
-    if (__atomic_compare_exchange_n(&sem->set, &signalled, TRUE, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
+    if (is_set(sem) &&
+        __atomic_compare_exchange_n(&sem->set, &signalled, TRUE, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
         return TRUE;
     const a_sem_lock lock(sem);
     if (!is_set(sem)) {

@@ -148,10 +148,26 @@ static void with_heap_lock(const char* name)
     }
     __atomic_store_n(&heap_lock, 0, __ATOMIC_RELEASE);
 }
-extern "C" void* malloc(size_t size) { with_heap_lock("malloc"); return __libc_malloc(size); }
-extern "C" void* calloc(size_t n, size_t size) { with_heap_lock("calloc"); return __libc_calloc(n, size); }
-extern "C" void* realloc(void* block, size_t size) { with_heap_lock("realloc"); return __libc_realloc(block, size); }
-extern "C" void free(void* block) { with_heap_lock("free"); __libc_free(block); }
+extern "C" void* malloc(size_t size)
+{
+    with_heap_lock("malloc");
+    return __libc_malloc(size);
+}
+extern "C" void* calloc(size_t n, size_t size)
+{
+    with_heap_lock("calloc");
+    return __libc_calloc(n, size);
+}
+extern "C" void* realloc(void* block, size_t size)
+{
+    with_heap_lock("realloc");
+    return __libc_realloc(block, size);
+}
+extern "C" void free(void* block)
+{
+    with_heap_lock("free");
+    __libc_free(block);
+}
 
 extern "C" int gettimeofday(struct timeval* tv, void*) noexcept
 {
@@ -213,7 +229,8 @@ int main(int argc, char**)
     use_handler(SA_ONSTACK);
     errno = 4242;
     raise(SIGUSR1);
-    printf("errno %s, dumps %d, stack %s\n", errno == 4242 ? "kept" : "changed", dumps, deepest > 0 && deepest < 8192 ? "small" : "large");
+    printf("errno %s, dumps %d, stack %s\n", errno == 4242 ? "kept" : "changed", dumps,
+           deepest > 0 && deepest < 8192 ? "small" : "large");
     if (deepest >= 8192)
         printf("%zu\n", deepest);
     return 0;

@@ -5,10 +5,7 @@
 
 static int evaluated = 0;
 
-static long once(void)
-{
-    return ++evaluated;
-}
+static long once(void) { return ++evaluated; }
 
 int main(void)
 {

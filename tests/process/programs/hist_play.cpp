@@ -38,10 +38,7 @@ std::deque<std::string> texts;
 
 void play(const std::string& line);
 
-const char* text(const std::string& s)
-{
-    return s == "-" ? nullptr : texts.emplace_back(s).c_str();
-}
+const char* text(const std::string& s) { return s == "-" ? nullptr : texts.emplace_back(s).c_str(); }
 
 a_ut_hist_id id_of(const std::string& name)
 {
@@ -67,9 +64,10 @@ void add(int cl, const an_arg_list& args)
             p[pn++] = reinterpret_cast<void*>(std::stoull(args[i], nullptr, 0));
         }
     }
-    a_ut_hist_loc* loc = args[1] == "-" ? nullptr : &locs.emplace(args[1], a_ut_hist_loc UT_HIST_LOC_INIT).first->second;
-    ut_hist_add(file, line, loc, a_ut_hist_cl(cl), id_of(args[2]), text(args[3]), forced != -99 ? forced : pn, p[0], p[1],
-                p[2], p[3], p[4], p[5], p[6], p[7]);
+    a_ut_hist_loc* loc =
+        args[1] == "-" ? nullptr : &locs.emplace(args[1], a_ut_hist_loc UT_HIST_LOC_INIT).first->second;
+    ut_hist_add(file, line, loc, a_ut_hist_cl(cl), id_of(args[2]), text(args[3]), forced != -99 ? forced : pn, p[0],
+                p[1], p[2], p[3], p[4], p[5], p[6], p[7]);
 }
 
 // A thread that plays commands one by one while the script waits.
@@ -97,7 +95,8 @@ struct a_player {
         command.empty() ? thread.join() : void(sem_wait(&done));
     }
 };
-std::map<std::string, a_player>& players = *new std::map<std::string, a_player>;  // never destroyed: forked children exit
+std::map<std::string, a_player>& players =
+    *new std::map<std::string, a_player>;  // never destroyed: forked children exit
 
 std::string rest(const an_arg_list& args, size_t from)
 {
@@ -150,13 +149,14 @@ void add_at_page_end(const an_arg_list& args)
 {
     constexpr size_t page = 4096;
     const size_t len = std::stoul(args[1]);
-    char* pages = static_cast<char*>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    char* pages =
+        static_cast<char*>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     mprotect(pages + page, page, PROT_NONE);
     char* at = pages + page - len - 1;
     for (size_t i = 0; i < len; i++)
         at[i] = char('a' + i % 26);
-    ut_hist_add(at, 1, nullptr, UT_HIST_CL_EV, UT_HIST_ID_TEXT(at), at, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                nullptr, nullptr);
+    ut_hist_add(at, 1, nullptr, UT_HIST_CL_EV, UT_HIST_ID_TEXT(at), at, 0, nullptr, nullptr, nullptr, nullptr, nullptr,
+                nullptr, nullptr, nullptr);
 }
 
 void dump_to_file(const an_arg_list& args)
@@ -187,14 +187,37 @@ const std::map<std::string, void (*)(const an_arg_list& args)> commands = {
      [](const an_arg_list& args) {
          printf("%s %d %u %u\n", args[1].c_str(), locs[args[1]].q, locs[args[1]].n, locs[args[1]].num);
      }},
-    {"repeat", [](const an_arg_list& args) { for (int i = std::stoi(args[1]); i > 0; i--) play(rest(args, 2)); }},
+    {"repeat",
+     [](const an_arg_list& args) {
+         for (int i = std::stoi(args[1]); i > 0; i--)
+             play(rest(args, 2));
+     }},
     {"clock", [](const an_arg_list& args) { now.tv_sec = std::stol(args[1]); }},
-    {"tick", [](const an_arg_list& args) { now.tv_usec += std::stol(args[1]); now.tv_sec += now.tv_usec / 1000000; now.tv_usec %= 1000000; }},
-    {"trap", [](const an_arg_list& args) { trap_after = std::stoi(args[1]); trap = rest(args, 2); }},
+    {"tick",
+     [](const an_arg_list& args) {
+         now.tv_usec += std::stol(args[1]);
+         now.tv_sec += now.tv_usec / 1000000;
+         now.tv_usec %= 1000000;
+     }},
+    {"trap",
+     [](const an_arg_list& args) {
+         trap_after = std::stoi(args[1]);
+         trap = rest(args, 2);
+     }},
     {"slot", [](const an_arg_list& args) { slot = std::stoul(args[1]); }},
     {"on", [](const an_arg_list& args) { players[args[1]].hand(rest(args, 2)); }},
-    {"stop", [](const an_arg_list& args) { players[args[1]].hand(""); players.erase(args[1]); }},
-    {"mask", [](const an_arg_list& args) { sigset_t set; sigemptyset(&set); sigaddset(&set, std::stoi(args[1])); pthread_sigmask(SIG_BLOCK, &set, nullptr); }},
+    {"stop",
+     [](const an_arg_list& args) {
+         players[args[1]].hand("");
+         players.erase(args[1]);
+     }},
+    {"mask",
+     [](const an_arg_list& args) {
+         sigset_t set;
+         sigemptyset(&set);
+         sigaddset(&set, std::stoi(args[1]));
+         pthread_sigmask(SIG_BLOCK, &set, nullptr);
+     }},
     {"env", [](const an_arg_list& args) { setenv(args[1].c_str(), args[2].c_str(), 1); }},
     {"init", [](const an_arg_list&) { ut_hist_init(); }},
     {"fini", [](const an_arg_list&) { ut_hist_fini(); }},
@@ -238,7 +261,8 @@ extern "C" int gettimeofday(struct timeval* tv, void*) noexcept
 }
 
 // ThreadSanitizer calls this one and pthread_self too, before it can run code of its own making.
-extern "C" __attribute__((no_sanitize("thread"))) int pthread_sigmask(int how, const sigset_t* set, sigset_t* old) noexcept
+extern "C" __attribute__((no_sanitize("thread"))) int pthread_sigmask(int how, const sigset_t* set,
+                                                                      sigset_t* old) noexcept
 {
     if (trap_after > 0)
         spring_trap();
@@ -246,18 +270,12 @@ extern "C" __attribute__((no_sanitize("thread"))) int pthread_sigmask(int how, c
 }
 
 // Unless option x is given, the queues' locks stay at exit.
-extern "C" const char* __lsan_default_suppressions()
-{
-    return "leak:ut_safe_pthread_mutex_alloc_now\n";
-}
+extern "C" const char* __lsan_default_suppressions() { return "leak:ut_safe_pthread_mutex_alloc_now\n"; }
 extern "C" int __lsan_is_turned_off()  // in a child it cannot look at the stacks of the parent's threads
 {
     return in_child ? 1 : 0;
 }
-extern "C" const char* __lsan_default_options()
-{
-    return "print_suppressions=0";
-}
+extern "C" const char* __lsan_default_options() { return "print_suppressions=0"; }
 
 extern "C" __attribute__((no_sanitize("thread"))) pthread_t pthread_self() noexcept
 {

@@ -10,10 +10,7 @@ namespace {
 long live = 0;     // blocks given out
 long fail_in = 0;  // the allocation that fails from now on; 0: none
 
-bool fails()
-{
-    return fail_in > 0 && --fail_in == 0;
-}
+bool fails() { return fail_in > 0 && --fail_in == 0; }
 
 void live_on(a_ut_hist_id id)
 {

@@ -35,9 +35,10 @@ void record(uint32 thread, uint32 k, a_ut_hist_id id)
                 reinterpret_cast<void*>(a_ptrint(thread + 1)), nullptr, nullptr, nullptr, nullptr, nullptr);
     if (k % 16 == 0) {
         char block[100];
-        const int len = snprintf(block, sizeof block, "%u=%.*s", k, int(k % 64), std::string(64, char('a' + k % 26)).c_str());
-        ut_hist_add("data", 1, nullptr, UT_HIST_CL_DATA, id, " data", 2, block, reinterpret_cast<void*>(a_ptrint(len)), nullptr,
-                    nullptr, nullptr, nullptr, nullptr, nullptr);
+        const int len =
+            snprintf(block, sizeof block, "%u=%.*s", k, int(k % 64), std::string(64, char('a' + k % 26)).c_str());
+        ut_hist_add("data", 1, nullptr, UT_HIST_CL_DATA, id, " data", 2, block, reinterpret_cast<void*>(a_ptrint(len)),
+                    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
     }
 }
 
@@ -45,8 +46,8 @@ void record(uint32 thread, uint32 k, a_ut_hist_id id)
 void on_usr2(int)
 {
     const uint32 k = ++handled;
-    ut_hist_add(files[k % 4], k % 9973, nullptr, k % 2 != 0 ? UT_HIST_CL_BEG : UT_HIST_CL_END, UT_HIST_ID_SIGHANDLER, texts[k % 4], 3,
-                reinterpret_cast<void*>(a_ptrint(k)), reinterpret_cast<void*>(a_ptrint(k ^ 0x5A5A)),
+    ut_hist_add(files[k % 4], k % 9973, nullptr, k % 2 != 0 ? UT_HIST_CL_BEG : UT_HIST_CL_END, UT_HIST_ID_SIGHANDLER,
+                texts[k % 4], 3, reinterpret_cast<void*>(a_ptrint(k)), reinterpret_cast<void*>(a_ptrint(k ^ 0x5A5A)),
                 reinterpret_cast<void*>(a_ptrint(7)), nullptr, nullptr, nullptr, nullptr, nullptr);
 }
 
