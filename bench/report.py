@@ -54,6 +54,21 @@ ROWS = [
     ("one event, cold, 99.9 %", "floor", "latency/cold#history_p999", "latency/cold#floor_p999", None),
     ("timer's own cost, subtracted above", "one event, warm", "latency/warm#timer", "latency/warm#history_p50", None),
     ("safe mutex, lock and unlock", "pthread", "mutex/safe", "mutex/pthread", (AT_MOST, 1.1)),
+    ("recursive mutex, lock and unlock", "pthread's", "recursive/layer", "recursive/pthread", (AT_MOST, 1.1)),
+    ("recursive mutex, lock and unlock", "std::recursive_mutex", "recursive/layer", "recursive/std", None),
+    ("recursive mutex, entered again", "pthread's", "reentry/layer", "reentry/pthread", (AT_MOST, 1.0)),
+    ("recursive mutex, entered again", "std::recursive_mutex", "reentry/layer", "reentry/std", None),
+    ("semaphore, signal and wait", "condition variable by hand", "semaphore/layer", "semaphore/hand", (AT_MOST, 1.1)),
+    ("semaphore, signal when set", "full fence", "semaphore/set", "semaphore/fence", (AT_MOST, 1.2)),
+    ("two parked threads wake each other", "condition variable by hand", "park/two/layer", "park/two/hand",
+     (AT_MOST, 1.0)),
+    ("thread, start and join", "pthread_create and a handshake by hand", "start/two/layer", "start/two/hand",
+     (AT_MOST, 1.1)),
+    ("SysV semaphore, open and close, 1 other open", "semctl(SETVAL)", "sysv/open_close/1", "sysv/setval",
+     (AT_MOST, 1.3)),
+    ("SysV semaphore, open and close, 31999 others open", "semctl(SETVAL)", "sysv/open_close/31999", "sysv/setval",
+     (AT_MOST, 1.3)),
+    ("SysV semaphore, open and close", "a kernel set of its own", "sysv/open_close/1000", "sysv/semget", None),
     ("dump, a row", "digits by hand", "dump/history", "dump/digits", (AT_MOST, 1.5)),
     ("fprintf, a row", "dump, a row", "dump/fprintf", "dump/history", (AT_LEAST, 3.0)),
 ]
@@ -132,7 +147,7 @@ def run_benchmarks(program, env):
             continue
         name = re.split("/(?:iterations|min_time|repeats|real_time)", run["run_name"])[0]
         # Time that a neighbour on the machine took away does not count, but threads can only be timed by the wall.
-        values.setdefault(name, []).append(run["real_time" if run["threads"] > 1 else "cpu_time"])
+        values.setdefault(name, []).append(run["real_time" if "/two/" in name else "cpu_time"])
         for counter in ("timer", "history_p50", "history_p999", "floor_p50", "floor_p999"):
             if counter in run:
                 values.setdefault(f"{name}#{counter}", []).append(run[counter])

@@ -4,6 +4,8 @@
  * sends queries for a few seconds, mistakes among them. It also owns the signals: the workers block those
  * that end the process, so that the events that their handler records have one writer, this thread.
  *
+ * The workers are threads of the library, parked and woken by it, and SQLite locks by the library's mutexes.
+ *
  * The history reaches the disk in three ways: on SIGUSR1 while the server runs, at exit by the library
  * itself, and from save_history when a signal is about to end the process. */
 #include <chrono>
@@ -14,14 +16,14 @@
 #include <optional>
 #include <random>
 #include <string>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include "connection.h"
 #include "corvex/hist.h"
 #include "corvex/onsig.h"
+#include "corvex/thread.h"
 #include "options.h"
+#include "sqlite_mutexes.h"
 #include "worker.h"
 
 namespace {
@@ -215,13 +217,10 @@ void serve(a_server& server, const a_options& options, c_progress& progress)
 // ---- the program
 // -----------------------------------------------------------------------------------------------
 
-std::vector<std::jthread> start_workers(a_server& server, long count)
+c_workers start_workers(a_server& server, long count)
 {
     c_ending_signals_blocked blocked;
-    std::vector<std::jthread> workers;
-    for (long number = 1; number <= count; number++)
-        workers.emplace_back([&server, number] { work(server, number); });
-    return workers;
+    return c_workers(server, count);
 }
 
 void remove_old_database(const std::string& database)
@@ -250,12 +249,11 @@ bool load_and_serve(const a_options& options)
     if (!prepare(server, options))
         return false;
     c_progress progress(server, true);
-    std::vector<std::jthread> workers = start_workers(server, options.workers);
-    bool loaded = load_files(server, options, progress);
+    c_workers workers = start_workers(server, options.workers);
+    bool loaded = workers.all_started() && load_files(server, options, progress);
     if (loaded)
         serve(server, options, progress);
-    server.queue.close();
-    return loaded;  // the destructor joins the workers
+    return loaded;  // the destructor ends the workers
 }
 
 /* The seconds that one load into a fresh database takes; negative when it failed. */
@@ -265,13 +263,19 @@ double time_load(const a_options& options, long& rows)
     if (!prepare(server, options))
         return -1;
     c_progress progress(server, false);
-    std::vector<std::jthread> workers = start_workers(server, options.workers);
-    bool loaded = load_files(server, options, progress);
+    c_workers workers = start_workers(server, options.workers);
+    bool loaded = workers.all_started() && load_files(server, options, progress);
     double seconds = progress.seconds();
-    server.queue.close();
     rows = server.rows.load(std::memory_order_relaxed);
     return loaded ? seconds : -1;
 }
+
+/* While it lives, the process has the library's thread layer, and this thread a descriptor in it. */
+class c_thread_layer {
+public:
+    c_thread_layer() { OS_Init(); }
+    ~c_thread_layer() { OS_Fini(); }
+};
 
 /* Loads several times and prints the shortest time: the others were disturbed by something else. */
 bool time_loads(const a_options& options)
@@ -299,6 +303,12 @@ int main(int argc, char** argv)
     handle_signals();
     register_statement_kinds();
     phase = ut_hist_id_alloc(__FILE__, __LINE__, "phase");
+    c_thread_layer threads;
+    c_sqlite_on_library_mutexes sqlite;
+    if (!sqlite.is_ready()) {
+        std::fputs("cannot start SQLite on the library's mutexes\n", stderr);
+        return 1;
+    }
     bool done = options->loads > 0 ? time_loads(*options) : load_and_serve(*options);
     return done ? 0 : 1;
 }

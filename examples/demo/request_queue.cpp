@@ -1,46 +1,87 @@
-/* request_queue.cpp: see the header. Each condition has its own condition variable, so no wake-up is wasted.
- */
+/* request_queue.cpp: see the header. Threads are woken outside the mutex: a descriptor outlives its wake-up, since
+ * the listener ends the workers, and itself after them. */
 #include "request_queue.h"
 
 #include <utility>
 
-void c_request_queue::push(a_request request)
+namespace {
+
+void wake(p_os_thread thread, void* value)
 {
-    std::unique_lock lock(mutex);
-    not_full.wait(lock, [this] { return waiting.size() < capacity; });
-    waiting.push_back(std::move(request));
-    unfinished++;
-    not_empty.notify_one();
+    if (thread)
+        OS_Wakeup(thread, value);
 }
 
-std::optional<a_request> c_request_queue::pop()
+}  // namespace
+
+void c_request_queue::park_listener(std::unique_lock<std::mutex>& lock, p_os_thread& slot)
+{
+    slot = OS_Me();
+    lock.unlock();
+    OS_Wait();
+    lock.lock();
+}
+
+void c_request_queue::push(a_request request)
+{
+    auto handed_over = std::make_unique<a_request>(std::move(request));
+    std::unique_lock lock(mutex);
+    while (waiting.size() >= capacity)
+        park_listener(lock, waits_for_room);
+    unfinished++;
+    p_os_thread worker = parked_workers;
+    if (!worker) {
+        waiting.push_back(std::move(handed_over));
+        return;
+    }
+    parked_workers = std::exchange(worker->next, nullptr);
+    lock.unlock();
+    OS_Wakeup(worker, handed_over.release());
+}
+
+std::unique_ptr<a_request> c_request_queue::pop()
 {
     std::unique_lock lock(mutex);
-    not_empty.wait(lock, [this] { return !waiting.empty() || closed; });
-    if (waiting.empty())
-        return std::nullopt;
-    a_request request = std::move(waiting.front());
-    waiting.pop_front();
-    not_full.notify_one();
-    return request;
+    if (!waiting.empty()) {
+        std::unique_ptr<a_request> request = std::move(waiting.front());
+        waiting.pop_front();
+        p_os_thread listener = std::exchange(waits_for_room, nullptr);
+        lock.unlock();
+        wake(listener, nullptr);
+        return request;
+    }
+    if (closed)
+        return nullptr;
+    p_os_thread me = OS_Me();
+    me->next = std::exchange(parked_workers, me);
+    lock.unlock();
+    return std::unique_ptr<a_request>(static_cast<a_request*>(OS_WaitEx(me)));
 }
 
 void c_request_queue::finished()
 {
-    std::lock_guard lock(mutex);
-    if (--unfinished == 0)
-        idle.notify_all();
+    std::unique_lock lock(mutex);
+    p_os_thread listener = --unfinished == 0 ? std::exchange(waits_for_idle, nullptr) : nullptr;
+    lock.unlock();
+    wake(listener, nullptr);
 }
 
 void c_request_queue::wait_until_idle()
 {
     std::unique_lock lock(mutex);
-    idle.wait(lock, [this] { return unfinished == 0; });
+    while (unfinished != 0)
+        park_listener(lock, waits_for_idle);
 }
 
 void c_request_queue::close()
 {
-    std::lock_guard lock(mutex);
+    std::unique_lock lock(mutex);
     closed = true;
-    not_empty.notify_all();
+    p_os_thread worker = std::exchange(parked_workers, nullptr);
+    lock.unlock();
+    while (worker) {
+        p_os_thread next = std::exchange(worker->next, nullptr);
+        OS_Wakeup(worker, nullptr);
+        worker = next;
+    }
 }

@@ -3,6 +3,7 @@
 #include "worker.h"
 
 #include <cstdio>
+#include <memory>
 
 #include "connection.h"
 
@@ -129,16 +130,44 @@ bool answer(a_server& server, c_connection& connection, const a_request& request
     return false;
 }
 
-}  // namespace
-
+/* Body of a worker: runs until the queue is closed. */
 void work(a_server& server, long number)
 {
     c_connection connection(server.database, number, server.traced);
     if (!connection.is_open())
         std::fprintf(stderr, "worker %ld cannot open %s\n", number, server.database.c_str());
-    while (std::optional<a_request> request = server.queue.pop()) {
+    while (std::unique_ptr<a_request> request = server.queue.pop()) {
         bool done = connection.is_open() && answer(server, connection, *request);
         (done ? server.answers : server.failures).fetch_add(1, std::memory_order_relaxed);
         server.queue.finished();
     }
+}
+
+}  // namespace
+
+void c_workers::run(void* start)
+{
+    auto& of = *static_cast<a_start*>(start);
+    work(of.server, of.number);
+}
+
+c_workers::c_workers(a_server& server, long number) : served(server)
+{
+    while (started && static_cast<long>(starts.size()) < number) {
+        a_start& start = starts.emplace_back(a_start{server, static_cast<long>(starts.size()) + 1});
+        std::string name = "worker " + std::to_string(start.number);
+        p_os_thread thread = OS_Begin_Thread_Attachable(run, nullptr, 0, &start, name.c_str(), TRUE);
+        started = thread != nullptr;
+        if (started)
+            threads.push_back(thread);
+        else
+            std::fprintf(stderr, "cannot start %s\n", name.c_str());
+    }
+}
+
+c_workers::~c_workers()
+{
+    served.queue.close();
+    for (p_os_thread thread : threads)
+        OS_WaitOnThreadTermination(thread);
 }
