@@ -143,7 +143,10 @@ void OS_End_Thread_Wakeup(p_os_thread waiter, void* parm)
     os_endthread();
 }
 
-a_bool OS_TerminateThread(p_os_thread thread) { return thread->tid != os_no_thread && pthread_kill(thread->tid, SIGKILL) == 0; }
+a_bool OS_TerminateThread(p_os_thread thread)
+{
+    return thread->tid != os_no_thread && pthread_kill(thread->tid, SIGKILL) == 0;
+}
 
 int OS_WaitOnThreadTermination(p_os_thread thread)
 {
