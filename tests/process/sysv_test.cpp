@@ -23,6 +23,8 @@ int kernel_sets()
 // Set CORVEX_TORTURE_ROUNDS for more rounds by hand.
 TEST(SysvTorture, EndsBySigabrtAndLeavesNoSetWhateverTheMoment)
 {
+    if (std::string(CORVEX_SANITIZE) == "thread")
+        return;  // its runtime lets crash signals in while it holds locks of its own, and then hangs
     const char* wanted = getenv("CORVEX_TORTURE_ROUNDS");
     const int rounds = wanted != nullptr ? atoi(wanted) : sanitized ? 40 : 150;
     unshare(CLONE_NEWIPC);  // without the right to, the machine's own sets must stand still
