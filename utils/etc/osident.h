@@ -2,6 +2,6 @@
 #ifndef ETC_OSIDENT_H
 #define ETC_OSIDENT_H
 
-void os_ident_fork_child();  // the temporary-file cleaner mutex is free
+void os_ident_fork_child();  // the temporary-file cleaner mutex is free, unless the forking thread holds it
 
 #endif

@@ -15,7 +15,8 @@
 // bounded all the same. Nothing can deadlock: nobody waits for a lock; nothing can leak: every set is registered,
 // or not there, whenever a signal can come.
 //
-// A forked child inherits list and registry; `fork_generation` tells its own sets from its parent's.
+// A forked child inherits list and registry; `fork_generation` tells its own sets from its parent's. A signal that comes in
+// the child before its fork handlers have run still finds it taken for its parent, and removes the parent's sets.
 #include "utils/unix/sysvsemo.h"
 
 #include <errno.h>
