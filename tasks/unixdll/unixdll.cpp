@@ -41,8 +41,9 @@ void FiniTheInternalStuff_corvex()
     ut_safe_pthread_mutex_crit_fini();
 }
 
-// Makes every lock of the library free in a forked child, but recursive ones that the forking thread itself holds: nothing is locked before a fork, since crash handlers fork,
-// so any lock may have been held by a thread that the child does not have.
+// Makes every lock of the library free in a forked child, but recursive ones that the forking thread itself holds:
+// nothing is locked before a fork, since crash handlers fork, so any lock may have been held by a thread that the child
+// does not have.
 // Signal-safe.
 void FreeLocksInChild_corvex()
 {

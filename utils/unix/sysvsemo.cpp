@@ -1,22 +1,23 @@
 // sysvsemo.cpp: hands out single System V semaphores and removes every kernel set that it created.
 //
 // Kernel limits shape it: a set has at most 32000 members, creating a full one costs a thousand times what a set of one
-// does, and identifier 0, the first of a fresh namespace, reads as none: a set that came back as 0 is removed and asked for
-// again.
+// does, and identifier 0, the first of a fresh namespace, reads as none: a set that came back as 0 is removed and asked
+// for again.
 //
 // Lock: the list's mutex, a leaf. It guards the list, the sets and the registry's slots.
 //
-// The cleanup by signal takes no lock, allocates and frees nothing. It works on the registry, a table of the identifiers of
-// all open sets: each is removed from the kernel first and cleared from the table then, so whoever walks the table to its
-// end, even beside another walker, knows that all it found are gone. What the lists hold of removed sets is freed by the
-// next ordinary operation. A set that is just being made is not in the table yet: its maker blocks all signals
-// and counts itself in `creators` from before semget until the set is registered; the cleanup forbids new ones and
-// waits for those that are on the way. They cannot be on the thread that the signal interrupted, so the wait ends soon; it is
-// bounded all the same. Nothing can deadlock: nobody waits for a lock; nothing can leak: every set is registered,
-// or not there, whenever a signal can come.
+// The cleanup by signal takes no lock, allocates and frees nothing. It works on the registry, a table of the
+// identifiers of all open sets: each is removed from the kernel first and cleared from the table then, so whoever walks
+// the table to its end, even beside another walker, knows that all it found are gone. What the lists hold of removed
+// sets is freed by the next ordinary operation. A set that is just being made is not in the table yet: its maker blocks
+// all signals and counts itself in `creators` from before semget until the set is registered; the cleanup forbids new
+// ones and waits for those that are on the way. They cannot be on the thread that the signal interrupted, so the wait
+// ends soon; it is bounded all the same. Nothing can deadlock: nobody waits for a lock; nothing can leak: every set is
+// registered, or not there, whenever a signal can come.
 //
-// A forked child inherits list and registry; `fork_generation` tells its own sets from its parent's. A signal that comes in
-// the child before its fork handlers have run still finds it taken for its parent, and removes the parent's sets.
+// A forked child inherits list and registry; `fork_generation` tells its own sets from its parent's. A signal that
+// comes in the child before its fork handlers have run still finds it taken for its parent, and removes the parent's
+// sets.
 #include "utils/unix/sysvsemo.h"
 
 #include <errno.h>
@@ -141,8 +142,8 @@ void remove_registered_sets()
 
 // ---- making kernel sets ----
 
-// All signals are blocked and the cleanup waits while one of these exists. Sequentially consistent with the
-// cleanup's announcement: either it sees this creator, or the creator sees it.
+// All signals are blocked and the cleanup waits while one of these exists. Sequentially consistent with the cleanup's
+// announcement: either it sees this creator, or the creator sees it.
 class a_creation {
 public:
     a_creation()
@@ -197,8 +198,9 @@ c_sysv_sema_set_list* current_list()
     return __atomic_load_n(&cleaners, __ATOMIC_ACQUIRE) == 0 ? list_of_process() : nullptr;
 }
 
-// A thread inside open or close, for a scope; it holds the list's mutex unless there is no list. Counted before the list is
-// looked for, so that shut-down, which takes the list away first, sees every thread that may still have found it.
+// A thread inside open or close, for a scope; it holds the list's mutex unless there is no list. Counted before the
+// list is looked for, so that shut-down, which takes the list away first, sees every thread that may still have found
+// it.
 class a_list_user {
 public:
     a_list_user()
@@ -232,8 +234,8 @@ a_bool sysv_set_semval(a_sysv_semaphore* s, int value)
     return semctl(s->ident, s->offset, SETVAL, arg) != -1;
 }
 
-// Waits, bounded, until a count has come down to zero. By a plain system call: poll is a cancellation point, and a thread must
-// not vanish in the middle of the cleanup.
+// Waits, bounded, until a count has come down to zero. By a plain system call: poll is a cancellation point, and a
+// thread must not vanish in the middle of the cleanup.
 // Signal-safe.
 void wait_for_none(const int32& count)
 {
@@ -557,8 +559,9 @@ void sysv_list_init_semaphore()
     sysv_onsig_handle = ut_onsig_call_add(cleanup_priority, sysv_sig_handler, nullptr);
 }
 
-// The callback stays until all sets are closed: a signal in between finds the rest of them in the registry. Threads may still
-// be inside open or close: they find no list, and the list waits for them, or is left to them when they do not leave.
+// The callback stays until all sets are closed: a signal in between finds the rest of them in the registry. Threads may
+// still be inside open or close: they find no list, and the list waits for them, or is left to them when they do not
+// leave.
 void sysv_list_fini_semaphore()
 {
     c_sysv_sema_set_list* list = list_of_process();
