@@ -27,8 +27,8 @@ typedef a_ut_pthread_semaphore a_semaphore;
 CORVEX_LAYOUT(sizeof(a_ut_pthread_semaphore) == 24 && offsetof(a_ut_pthread_semaphore, mutex) == 8 &&
               offsetof(a_ut_pthread_semaphore, set) == 16);
 
-/* Opens sem, signalled when initial_value is not 0. Returns 0 for success (not TRUE), or ENOMEM, with nothing kept, when
- * the pools have no memory. The memory stays the caller's. */
+/* Opens sem, signalled when initial_value is not 0. Returns 0 for success (not TRUE), or ENOMEM, with nothing kept,
+ * when the pools have no memory. The memory stays the caller's. */
 CORVEX_API a_bool ut_pthread_open_semaphore(a_ut_pthread_semaphore* sem, unsigned int initial_value);
 
 /* Closes sem, which no thread uses any more. */
@@ -40,8 +40,9 @@ CORVEX_API a_bool ut_pthread_signal_semaphore(a_ut_pthread_semaphore* sem);
 /* Waits for a signal and consumes it. Returns TRUE. */
 CORVEX_API a_bool ut_pthread_waiton_semaphore(a_ut_pthread_semaphore* sem);
 
-/* The same for at most timeout_in_ms milliseconds of the real-time clock; setting that clock moves the end. Returns TRUE
- * when a signal was consumed, FALSE when the time ran out: a signal that came just then stays for the next wait. */
+/* The same for at most timeout_in_ms milliseconds of the real-time clock; setting that clock moves the end. Returns
+ * TRUE when a signal was consumed, FALSE when the time ran out: a signal that came just then stays for the next
+ * wait. */
 CORVEX_API a_bool ut_pthread_waiton_semaphore_timed(a_ut_pthread_semaphore* sem, unsigned int timeout_in_ms);
 
 /* Whether a signal waits to be consumed; it may have changed when the call returns. */

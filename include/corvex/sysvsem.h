@@ -1,16 +1,16 @@
 /* sysvsem.h: single System V semaphores out of kernel sets that the library creates and removes, for C11 and C++20.
  *
  * A handle names one member of one set. The caller operates on it with the kernel's own calls (semop, semctl); the
- * library hands members out, sets their first value, takes them back, and removes a set from the kernel with its last
- * member, at shut-down, and when the process dies on a signal that the library handles and no earlier
- * handler gets (onsig.h).
+ * library hands members out, sets their first value, takes them back, and removes a set from the kernel with its
+ * last member, at shut-down, and when the process dies on a signal that the library handles and no earlier handler
+ * gets (onsig.h).
  *
- * TBX_MAX_NSEMS, read once, sets how many members a set has; the default is the kernel's limit. A size that the kernel
- * refuses makes sets of one.
+ * TBX_MAX_NSEMS, read once, sets how many members a set has; the default is the kernel's limit. A size that the
+ * kernel refuses makes sets of one.
  *
  * In a forked child the parent's sets stay the parent's: the child hands out members of sets of its own only, and
- * its death by a signal removes no other; its exit removes nothing, so it closes its own first. UnixForkProtection_Reset makes
- * it the owner of all. */
+ * its death by a signal removes no other; its exit removes nothing, so it closes its own first.
+ * UnixForkProtection_Reset makes it the owner of all. */
 #ifndef CORVEX_SYSVSEM_H
 #define CORVEX_SYSVSEM_H
 
@@ -24,18 +24,20 @@ typedef struct a_sysv_semaphore {
 } a_sysv_semaphore;
 CORVEX_LAYOUT(sizeof(a_sysv_semaphore) == 8 && offsetof(a_sysv_semaphore, offset) == 4);
 
-/* Makes s name a fresh member whose value is initial_value. FALSE, with s unchanged, when the library is not started, when
- * memory or kernel sets are short, and once the library's signal handler has begun to end the process; FALSE, with s naming
- * the member that was given back already, when the kernel refuses the value (below 0 or above its limit, 32767). Thread-safe.
- * Not signal-safe: it locks. */
+/* Makes s name a fresh member whose value is initial_value. FALSE, with s unchanged, when the library is not
+ * started, when memory or kernel sets are short, and once the library's signal handler has begun to end the process;
+ * FALSE, with s naming the member that was given back already, when the kernel refuses the value (below 0 or above
+ * its limit, 32767) or somebody else has removed the set; that set's handles are stale then, and the next open makes
+ * a new set. Thread-safe. Not signal-safe: it locks. */
 CORVEX_API a_bool sysv_open_semaphore(a_sysv_semaphore* s, int initial_value);
 
-/* Gives the member back; s is not changed. Ignored for null, for an ident of 0 or below and for a set that no longer exists.
- * Close each handle once: a second close counts as one of another member and may remove the set under its users.
- * Thread-safe. Not signal-safe. */
+/* Gives the member back; s is not changed. Ignored for null, for an ident of 0 or below and for a set that no longer
+ * exists. Close each handle once: a second close counts as one of another member and may remove the set under its
+ * users. Thread-safe. Not signal-safe. */
 CORVEX_API void sysv_close_semaphore(a_sysv_semaphore* s);
 
-/* TRUE while the library is started and no set is open. Thread-safe and signal-safe; the answer may be old at once. */
+/* TRUE while the library is started, no cleanup runs and no set is open. Thread-safe and signal-safe; the answer may
+ * be old at once. */
 CORVEX_API a_bool sysv_list_is_empty(void);
 
 CORVEX_C_END

@@ -58,9 +58,14 @@ void FreeLocksInChild_corvex()
 
 // What must hold from the first to the last moment in the process: a child's locks are free, and no signal handler
 // points into the library once it is gone, whatever the stop sequence left installed or a forked child never stopped.
+// Fork handlers run in the order of their registration: the child is marked as one before its locks are freed.
 class an_outermost_corvex {
 public:
-    an_outermost_corvex() { pthread_atfork(nullptr, nullptr, FreeLocksInChild_corvex); }
+    an_outermost_corvex()
+    {
+        UnixForkProtection_Init();
+        pthread_atfork(nullptr, nullptr, FreeLocksInChild_corvex);
+    }
     ~an_outermost_corvex()
     {
         ut_hist_unload();

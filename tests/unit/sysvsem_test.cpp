@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -156,8 +157,32 @@ TEST(SysvSemaphores, ForkedChildLeavesItsParentsSetsAlone)
         EXPECT_EQ(status, 0);
         EXPECT_EQ(own_sets(before), 1);
         EXPECT_EQ(semctl(parents.ident, parents.offset, GETVAL), 1);
+        const long unmarked = syscall(SYS_fork);  // as a child is before its fork handlers have run
+        if (unmarked == 0) {
+            ut_onsig_call_now(SIGTERM, FALSE, FALSE, TRUE, nullptr, nullptr);
+            _exit(0);
+        }
+        waitpid(pid_t(unmarked), &status, 0);
+        EXPECT_EQ(own_sets(before), 1);
         sysv_close_semaphore(&parents);
         EXPECT_EQ(own_sets(before), 0);
+    });
+}
+
+TEST(SysvSemaphores, ASetThatSomebodyElseRemovedIsReplaced)
+{
+    in_child("4", [] {
+        const int before = kernel_sets();
+        a_sysv_semaphore lost = open_one(), refused = {0, 0};
+        semctl(lost.ident, 0, IPC_RMID);
+        EXPECT_FALSE(sysv_open_semaphore(&refused, 1)) << "its set is gone";
+        a_sysv_semaphore fresh = open_one();
+        EXPECT_EQ(semctl(fresh.ident, fresh.offset, GETVAL), 1);
+        sysv_close_semaphore(&lost);
+        EXPECT_EQ(own_sets(before), 1);
+        sysv_close_semaphore(&fresh);
+        EXPECT_EQ(own_sets(before), 0);
+        EXPECT_TRUE(sysv_list_is_empty());
     });
 }
 

@@ -15,9 +15,9 @@
 // ends soon; it is bounded all the same. Nothing can deadlock: nobody waits for a lock; nothing can leak: every set is
 // registered, or not there, whenever a signal can come.
 //
-// A forked child inherits list and registry; `fork_generation` tells its own sets from its parent's. A signal that
-// comes in the child before its fork handlers have run still finds it taken for its parent, and removes the parent's
-// sets.
+// A forked child inherits list and registry; `fork_generation` tells its own sets from its parent's. Before its fork
+// handlers have run, and in a child that shares its parent's memory (vfork), `home_pid` is not its own: there the
+// cleanup removes nothing.
 #include "utils/unix/sysvsemo.h"
 
 #include <errno.h>
@@ -68,6 +68,7 @@ uint32 used_slots = 0;  // no entry from this slot on
 int32 num_registered = 0;
 
 uint32 fork_generation = 0;  // forks behind this process
+pid_t home_pid = 0;          // the process for which all this holds; a forked child's only once it is marked as one
 int32 creators = 0;          // threads that are making a kernel set
 int32 cleaners = 0;          // threads that are inside the cleanup
 uint32 cleanups = 0;         // cleanups that have ended
@@ -232,6 +233,13 @@ a_bool sysv_set_semval(a_sysv_semaphore* s, int value)
     semun arg;
     arg.val = value;
     return semctl(s->ident, s->offset, SETVAL, arg) != -1;
+}
+
+void forget_lost_set(int32 ident)
+{
+    const a_list_user user;
+    if (user.list != nullptr)
+        user.list->forget_lost_set(ident);
 }
 
 // Waits, bounded, until a count has come down to zero. By a plain system call: poll is a cancellation point, and a
@@ -469,6 +477,19 @@ void c_sysv_sema_set_list::relink_after_fork()
     __atomic_store_n(&num_registered, registered, __ATOMIC_RELAXED);
 }
 
+// Somebody else has removed the set from the kernel: without it the next open makes a new one.
+void c_sysv_sema_set_list::forget_lost_set(int32 ident)
+{
+    catch_up();
+    const uint32 slot = find_slot(ident);
+    if (slot == num_slots)
+        return;
+    c_sysv_semaphore_set* set = registered_sets[slot];
+    clear_entry(slot, entry_at(slot));
+    set->forget();
+    delete set;
+}
+
 // Frees what is left of sets that a cleanup by signal has removed from the kernel.
 void c_sysv_sema_set_list::drop_removed_sets()
 {
@@ -555,6 +576,7 @@ void sysv_list_init_semaphore()
 {
     if (list_of_process() != nullptr)
         return;
+    __atomic_store_n(&home_pid, getpid(), __ATOMIC_RELEASE);
     __atomic_store_n(&sysv_sema_list_p, new c_sysv_sema_set_list, __ATOMIC_RELEASE);
     sysv_onsig_handle = ut_onsig_call_add(cleanup_priority, sysv_sig_handler, nullptr);
 }
@@ -578,7 +600,8 @@ void sysv_list_fini_semaphore()
         delete list;
 }
 
-// The list's mutex is free, nobody makes, uses or removes sets, and the parent's sets are told from the child's.
+// The list's mutex is free, nobody makes, uses or removes sets, and the parent's sets are told from the child's. The
+// process number comes last: with it the cleanup trusts the rest.
 // Signal-safe.
 void sysv_list_fork_child()
 {
@@ -588,13 +611,14 @@ void sysv_list_fork_child()
     __atomic_store_n(&users, 0, __ATOMIC_RELAXED);
     if (list_of_process() != nullptr)
         list_of_process()->fork_child();
+    __atomic_store_n(&home_pid, getpid(), __ATOMIC_RELEASE);
 }
 
 // The cleanup by signal, see the head of this file.
 // Signal-safe.
 void sysv_sig_handler(int, void*, a_bool, a_bool, a_bool cleanup, void*, void*)
 {
-    if (!cleanup)
+    if (!cleanup || __atomic_load_n(&home_pid, __ATOMIC_ACQUIRE) != getpid())
         return;
     const int kept = errno;
     __atomic_add_fetch(&cleaners, 1, __ATOMIC_SEQ_CST);
@@ -614,7 +638,10 @@ a_bool sysv_open_semaphore(a_sysv_semaphore* s, int initial_value)
     }
     if (sysv_set_semval(s, initial_value))
         return TRUE;
-    sysv_close_semaphore(s);
+    if (errno == EINVAL || errno == EIDRM)
+        forget_lost_set(s->ident);
+    else
+        sysv_close_semaphore(s);
     return FALSE;
 }
 
@@ -631,5 +658,5 @@ void sysv_close_semaphore(a_sysv_semaphore* s)
 // Signal-safe.
 a_bool sysv_list_is_empty(void)
 {
-    return list_of_process() != nullptr && __atomic_load_n(&num_registered, __ATOMIC_RELAXED) == 0;
+    return current_list() != nullptr && __atomic_load_n(&num_registered, __ATOMIC_RELAXED) == 0;
 }

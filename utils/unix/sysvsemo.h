@@ -52,7 +52,7 @@ public:
     a_bool is_foreign() const;  // the parent's, in a forked child
     void close();
     void recount();                // the members in use, from the map
-    void forget() { _ident = 0; }  // the cleanup by signal has removed the kernel set
+    void forget() { _ident = 0; }  // the kernel set is gone already
     int32 ident() const { return _ident; }
 
     static int64_t MAX_NSEMS;  // members of every set of the process; 0 until the first set is constructed
@@ -89,6 +89,7 @@ class c_sysv_sema_set_list : public c_sysv_semaphore_set_list {
 public:
     a_bool allocate_semaphore(a_sysv_semaphore* s);
     a_bool deallocate_semaphore(a_sysv_semaphore* s);
+    void forget_lost_set(int32 ident);
     void close_all_entries();
     void mutex_get() { _mutex.get(); }
     void mutex_give() { _mutex.give(); }

@@ -19,7 +19,11 @@ long live_sets = 0;
 long zeros = 0;  // sets that are still to come back as 0
 bool zero_lives = false;
 
-bool fails() { return fail_in > 0 && --fail_in == 0; }
+bool fails()
+{
+    errno = ENOMEM;
+    return fail_in > 0 && --fail_in == 0;
+}
 
 void check(bool good, const char* what, long k)
 {
