@@ -4,7 +4,8 @@
  * sends queries for a few seconds, mistakes among them. It also owns the signals: the workers block those
  * that end the process, so that the events that their handler records have one writer, this thread.
  *
- * The workers are threads of the library, parked and woken by it, and SQLite locks by the library's mutexes.
+ * The workers are threads of the library, parked and woken by it, and SQLite locks by the library's mutexes. A second
+ * process, the auditor, writes to the same database; both take turns by a System V semaphore of the library.
  *
  * The history reaches the disk in three ways: on SIGUSR1 while the server runs, at exit by the library
  * itself, and from save_history when a signal is about to end the process. */
@@ -18,6 +19,7 @@
 #include <string>
 #include <unistd.h>
 
+#include "auditor.h"
 #include "connection.h"
 #include "corvex/hist.h"
 #include "corvex/onsig.h"
@@ -131,6 +133,7 @@ bool make_tables(const a_server& server)
            connection.run("CREATE TABLE character (code INTEGER PRIMARY KEY, name TEXT, category TEXT,"
                           " visits INTEGER DEFAULT 0)") &&
            connection.run("CREATE TABLE range (source TEXT, first INTEGER, last INTEGER, value TEXT)") &&
+           connection.run("CREATE TABLE audit (characters INTEGER, visits INTEGER)") &&
            connection.run("CREATE INDEX range_by_source ON range (source, first)");
 }
 
@@ -232,6 +235,10 @@ void remove_old_database(const std::string& database)
 /* A fresh database in a server that no worker uses yet. */
 bool prepare(a_server& server, const a_options& options)
 {
+    if (!server.turn.is_open()) {
+        std::fputs("cannot open a System V semaphore\n", stderr);
+        return false;
+    }
     server.database = options.directory + "/unicode.db";
     server.traced = options.traced;
     remove_old_database(server.database);
@@ -242,18 +249,31 @@ bool prepare(a_server& server, const a_options& options)
     return made;
 }
 
-/* The whole run: load, then serve. */
-bool load_and_serve(const a_options& options)
+/* Load, then serve; the workers end with it. */
+bool work(a_server& server, const a_options& options)
 {
-    a_server server;
-    if (!prepare(server, options))
-        return false;
     c_progress progress(server, true);
     c_workers workers = start_workers(server, options.workers);
     bool loaded = workers.all_started() && load_files(server, options, progress);
     if (loaded)
         serve(server, options, progress);
-    return loaded;  // the destructor ends the workers
+    return loaded;
+}
+
+/* The whole run, beside the audit process. */
+bool load_and_serve(const a_options& options)
+{
+    a_server server;
+    if (!prepare(server, options))
+        return false;
+    c_auditor auditor(server.database, server.turn);
+    std::printf("  semaphore in kernel set %d, shared with process %d, the auditor\n", server.turn.kernel_set(),
+                static_cast<int>(auditor.process()));
+    bool worked = work(server, options);
+    bool audited = auditor.finish();
+    if (!audited)
+        std::fputs("the audit process failed\n", stderr);
+    return worked && audited;
 }
 
 /* The seconds that one load into a fresh database takes; negative when it failed. */

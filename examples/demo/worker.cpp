@@ -5,35 +5,9 @@
 #include <cstdio>
 #include <memory>
 
-#include "connection.h"
+#include "transaction.h"
 
 namespace {
-
-/* A transaction that writes, rolled back unless it is committed. */
-class c_transaction {
-public:
-    c_transaction(a_server& server, c_connection& on) : alone(server.writing), connection(on)
-    {
-        open = connection.run("BEGIN IMMEDIATE");
-    }
-    ~c_transaction()
-    {
-        if (open)
-            connection.run("ROLLBACK");
-    }
-    bool commit()
-    {
-        if (!open || !connection.run("COMMIT"))
-            return false;
-        open = false;
-        return true;
-    }
-
-private:
-    std::lock_guard<std::mutex> alone;
-    c_connection& connection;
-    bool open;
-};
 
 bool add_character(c_connection& connection, const a_character& character)
 {
@@ -67,7 +41,7 @@ bool add_line(c_connection& connection, const a_source& source, std::string_view
 
 bool load(a_server& server, c_connection& connection, const a_request& request)
 {
-    c_transaction transaction(server, connection);
+    c_transaction transaction(server.turn, connection);
     long rows = 0;
     for (const std::string& line : request.lines)
         rows += add_line(connection, *request.source, line);
@@ -96,14 +70,14 @@ bool report(c_connection& connection)
 
 bool visit(a_server& server, c_connection& connection, const a_request& request)
 {
-    c_transaction transaction(server, connection);
+    c_transaction transaction(server.turn, connection);
     return c_query(connection, "UPDATE character SET visits = visits + 1 WHERE code = ?").bind(request.code).run() &&
            transaction.commit();
 }
 
 bool add_again(a_server& server, c_connection& connection, const a_request& request)
 {
-    c_transaction transaction(server, connection);
+    c_transaction transaction(server.turn, connection);
     return add_character(connection, {request.code, "ADDED TWICE", "So"}) && transaction.commit();
 }
 

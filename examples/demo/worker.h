@@ -4,21 +4,19 @@
 
 #include <atomic>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "corvex/thread.h"
 #include "request_queue.h"
+#include "write_turn.h"
 
 /* What all workers share. Owned by the main thread, outlives them. */
 struct a_server {
     std::string database;
     bool traced = true;
     c_request_queue queue;
-    /* Held over a transaction that writes. SQLite allows one writer at a time and lets the others poll; a
-     * mutex wakes the next one at once. */
-    std::mutex writing;
+    c_write_turn turn;
     /* Counters for the progress lines; relaxed, they order nothing. */
     std::atomic<long> rows = 0;
     std::atomic<long> answers = 0;
