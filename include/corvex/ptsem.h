@@ -1,8 +1,8 @@
 /* ptsem.h: a binary, auto-resetting semaphore on a pooled mutex and condition variable, for C11 and C++20.
  *
  * Signalling sets a flag, however often; a wait that returns clears it. Whatever a thread stored before it signalled is
- * seen by the thread whose wait returns next, also when the flag was set already: the two change the flag word by
- * atomic read-modify-writes, so one of them sees the other.
+ * seen by the thread whose wait returns next, also when the flag was set already: each of the two has a full barrier
+ * between its own store and its look at the other's.
  *
  * A signal broadcasts while it holds the mutex. The report that the C library's condition variable may lose wake-ups
  * (glibc bug 25847) is about single wake-ups stolen by a thread that began to wait later; a broadcast leaves no older

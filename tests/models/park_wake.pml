@@ -1,9 +1,10 @@
 /* park_wake.pml: two quick wake-ups against one sleeper, on memory where a load may pass an earlier store.
  *
  * Each thread's store of `parm` or `set` first stands in a buffer of its own; a process drains the buffers at any time. A
- * read-modify-write drains its thread's buffer first. The condition variable may wake the sleeper without a signal. The
- * sleeper must come to the last value, else it stands for ever: an invalid end state. With -DPLAIN the signaller's look and the clearing are a plain load and a plain store:
- * then the last value can be lost, and the checker says so. */
+ * locked instruction, and so the taking and giving of a mutex, drains its thread's buffer first. The condition variable
+ * may wake the sleeper without a signal. The sleeper must come to the last value, else it stands for ever: an invalid end
+ * state. With -DPLAIN_LOOK the signaller looks by a plain load alone, with -DEARLY_READ the sleeper reads the value
+ * before it gives the mutex back: then the last value can be lost, and the checker says so. */
 #define NONE 255
 
 byte parm = 0, set = 0;          /* memory */
@@ -29,10 +30,12 @@ end:
 inline wakeup(value)
 {
     atomic { drain_waker(); waker_buf = value }
-#ifdef PLAIN
-    atomic { found = set }
-#else
-    atomic { drain_waker(); found = set }
+    found = set;
+#ifndef PLAIN_LOOK
+    if
+    :: found == 1 -> atomic { drain_waker(); found = set }  /* the compare-and-swap */
+    :: else
+    fi;
 #endif
     if
     :: found == 1
@@ -70,13 +73,13 @@ active proctype sleeper()
             fi;
             lock()
         od;
-#ifdef PLAIN
         sleeper_buf = 0;
-        seen = parm;
-#else
-        atomic { drain_sleeper(); set = 0 }
+#ifdef EARLY_READ
         seen = parm;
 #endif
-        atomic { drain_sleeper(); mutex = false }
+        atomic { drain_sleeper(); mutex = false };
+#ifndef EARLY_READ
+        seen = parm
+#endif
     od
 }
