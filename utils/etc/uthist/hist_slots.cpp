@@ -8,7 +8,9 @@
 #include <errno.h>
 #include <unistd.h>
 
-constinit __attribute__((tls_model("initial-exec"))) thread_local uint32 hist_my_slot = 0;
+#include <atomic>
+
+constinit __attribute__((tls_model("initial-exec"))) thread_local a_slot hist_my_slot = {nullptr, 0};
 
 namespace {
 
@@ -69,8 +71,17 @@ bool claim_lowest(uint32 tid, uint32& slot)
     return false;
 }
 
+// The number comes first: a handler that finds the thread finds its number.
 // Signal-safe.
-uint32 claim()
+void take(a_slot slot)
+{
+    hist_my_slot.t = slot.t;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    hist_my_slot.thread = slot.thread;
+}
+
+// Signal-safe.
+a_slot claim()
 {
     const uint32 tid = uint32(gettid());
     uint32 slot;
@@ -78,31 +89,31 @@ uint32 claim()
         sweep();
         if (!claim_lowest(tid, slot)) {
             events_until_sweep = sweep_interval;
-            return hist_max_threads;
+            return hist_slot(hist_max_threads);
         }
     }
-    if (hist_my_slot != 0) {
-        if (hist_my_slot - 1 != slot)
+    if (hist_my_slot.thread != nullptr) {
+        if (hist_my_slot.t != slot)
             change_owner(slot, owner_of(slot), 0);
-        return hist_my_slot - 1;
+        return hist_my_slot;
     }
     hist_reset_thread(hist.threads[slot]);
-    hist_my_slot = slot + 1;
-    return slot;
+    take(hist_slot(slot));
+    return hist_my_slot;
 }
 
 }  // namespace
 
-// The calling thread's new slot, or 256 while 256 live threads hold one. Keeps errno.
+// The calling thread's new slot, number 256 while 256 live threads hold one. Keeps errno.
 // Signal-safe.
-uint32 hist_claim_slot()
+a_slot hist_claim_slot()
 {
     if (events_until_sweep != 0) {
         events_until_sweep--;
-        return hist_max_threads;
+        return hist_slot(hist_max_threads);
     }
     const int kept = errno;
-    const uint32 slot = claim();
+    const a_slot slot = claim();
     errno = kept;
     return slot;
 }
@@ -111,8 +122,7 @@ uint32 hist_claim_slot()
 // Signal-safe.
 void hist_slots_fork_child()
 {
-    const uint32 mine = hist_my_slot;
     events_until_sweep = 0;
     for (uint32 slot = 0; slot < hist_max_threads; slot++)
-        change_owner(slot, owner_of(slot), slot + 1 == mine ? uint32(gettid()) : 0);
+        change_owner(slot, owner_of(slot), &hist.threads[slot] == hist_my_slot.thread ? uint32(gettid()) : 0);
 }

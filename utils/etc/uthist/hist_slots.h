@@ -19,21 +19,29 @@
 
 inline constexpr uint32 thread_slot_mask = 0x3FF;
 
-// The calling thread's dense slot plus 1; 0 while it has none. initial-exec: the first touch of a lazily allocated
-// thread-local variable would allocate, which a signal handler may not.
-extern constinit __attribute__((tls_model("initial-exec"))) thread_local uint32 hist_my_slot;
+// A slot's number and what it holds; no thread where the number is above 255.
+struct a_slot {
+    a_ut_hist_thread* thread;
+    uint32 t;
+};
 
-uint32 hist_claim_slot();
+// The calling thread's dense slot; no thread while it has none. Both, since an event needs both at once. initial-exec: the
+// first touch of a lazily allocated thread-local variable would allocate, which a signal handler may not.
+extern constinit __attribute__((tls_model("initial-exec"))) thread_local a_slot hist_my_slot;
+
+a_slot hist_claim_slot();
 void hist_slots_fork_child();
 
-// The calling thread's slot; above 255 when it has none.
 // Signal-safe.
-inline uint32 hist_thread_slot()
+inline a_slot hist_slot(uint32 t) { return {t < hist_max_threads ? &hist.threads[t] : nullptr, t}; }
+
+// Signal-safe.
+inline a_slot hist_thread_slot()
 {
     if (hist_cfg.dense_slots == 0)
-        return uint32(a_ptrint(pthread_self())) & thread_slot_mask;
-    const uint32 mine = hist_my_slot;
-    return __builtin_expect(mine != 0, 1) ? mine - 1 : hist_claim_slot();
+        return hist_slot(uint32(a_ptrint(pthread_self())) & thread_slot_mask);
+    const a_slot mine = hist_my_slot;
+    return __builtin_expect(mine.thread != nullptr, 1) ? mine : hist_claim_slot();
 }
 
 #endif
