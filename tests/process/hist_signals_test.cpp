@@ -51,6 +51,16 @@ TEST(HistFork, ChildrenRecordAndDumpAtOnce)
     EXPECT_EQ(result.out + result.err, "failed 0\n");
 }
 
+TEST(HistFork, HandlersMayForkAtAnyLockAndThreadsMayBeCancelledInADump)
+{
+    // The sanitizers take locks of their own in the stand-in for pthread_mutex_lock.
+    if (sanitized)
+        return;
+    const a_run result = run("hist_interrupted", {"UT_HIST=n50k300l=x.log,r-", "UT_HIST_THREAD_SLOT=dense"});
+    EXPECT_TRUE(result.exited_well()) << result.status;
+    EXPECT_EQ(result.out, "forked at every lock, 0 hung\ndumps go on\n");
+}
+
 TEST(HistShortage, LeavesTheHistoryOffAndNothingBehind)
 {
     // The sanitizers' own malloc takes the stand-in's place.

@@ -62,11 +62,20 @@ void ut_safe_pthread_cond_alloc_now(uint32 num)
     num_to_grab = batch;
 }
 
+// The condition of a forked child may count waiting threads that only the parent has: to destroy it would wait for them
+// for ever, and its next owner's signals might be spent on them.
+void forget_waiters(pthread_cond_t* cond)
+{
+    if (forked)
+        pthread_cond_init(cond, nullptr);
+}
+
 void ut_safe_pthread_cond_clean_now()
 {
     while (next_free_utpt_cond != nullptr) {
         p_free_utpt_cond entry = next_free_utpt_cond;
         set_head(entry->next);
+        forget_waiters(&entry->cond);
         pthread_cond_destroy(&entry->cond);
         free(entry);
     }
@@ -110,10 +119,7 @@ int ut_safe_pthread_cond_destroy(a_ut_safe_pthread_cond_t* _cv)
         return 0;
     a_utpt_mutex* section = ut_safe_pthread_cond_enter();
     num_in_use--;
-    // The condition of a forked child may count waiting threads that only the parent has: to destroy it would wait for
-    // them for ever, and its next owner's signals might be spent on them.
-    if (forked)
-        pthread_cond_init(_cv->p_cond, nullptr);
+    forget_waiters(_cv->p_cond);
     push(reinterpret_cast<p_free_utpt_cond>(_cv->p_cond));
     if (num_in_use == 0)
         ut_safe_pthread_cond_clean_now();
@@ -145,8 +151,9 @@ void ut_safe_pthread_cond_crit_init()
 
 void ut_safe_pthread_cond_crit_fini()
 {
-    delete critical_mutex_p;
-    critical_mutex_p = nullptr;
+    a_utpt_mutex* section = critical_mutex_p;
+    critical_mutex_p = nullptr;  // first: a process that another thread forks meanwhile must not find it
+    delete section;
 }
 
 // Signal-safe.

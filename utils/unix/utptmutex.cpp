@@ -151,8 +151,9 @@ void ut_safe_pthread_mutex_crit_init()
 
 void ut_safe_pthread_mutex_crit_fini()
 {
-    delete critical_mutex_p;
-    critical_mutex_p = nullptr;
+    a_utpt_mutex* section = critical_mutex_p;
+    critical_mutex_p = nullptr;  // first: a process that another thread forks meanwhile must not find it
+    delete section;
 }
 
 // Signal-safe.

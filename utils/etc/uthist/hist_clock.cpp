@@ -10,6 +10,7 @@
 namespace {
 
 constexpr int64_t day = 24 * 60 * 60;
+constexpr int64_t days_to_1970 = 719162;          // from the first of January of year 1
 constexpr int64_t table_past = 400 * day;         // a clock that is set back a year still finds its offset
 constexpr int64_t table_future = 10 * 366 * day;  // a server that never dumps outside a handler for ten years
 constexpr int64_t table_renewal = 366 * day;      // renewed when less than this is left
@@ -30,12 +31,18 @@ struct a_zone_table {
 a_zone_table zones[2];
 uint32 published;
 
+// How far local time is ahead. From the fields, not from tm_gmtoff, which leaves out what a zone with leap seconds
+// counts.
 // Not signal-safe: localtime_r locks.
 int64_t offset_at(int64_t seconds)
 {
     const time_t t = time_t(seconds);
     struct tm local;
-    return localtime_r(&t, &local) != nullptr ? local.tm_gmtoff : 0;
+    if (localtime_r(&t, &local) == nullptr)
+        return 0;
+    const int64_t past = local.tm_year + 1900 - 1;  // years
+    const int64_t days = past * 365 + past / 4 - past / 100 + past / 400 - days_to_1970 + local.tm_yday;
+    return days * day + local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec - seconds;
 }
 
 // The first second in (before, after] that has the offset of `after`.

@@ -174,13 +174,17 @@ constexpr a_listed_setting listed_at_end[] = {
 
 // ---- help ----
 
+constexpr size_t max_line = 2 * env_buf_size;  // holds every line; a longer value of UT_HIST_THREAD_SLOT is cut off
+
+// A line and its end in one piece, as the stream may be unbuffered and shared with other processes.
 __attribute__((format(printf, 1, 2))) void line(const char* format, ...)
 {
+    char text[max_line];
     va_list args;
     va_start(args, format);
-    vfprintf(hist_cfg.ut_hist_dump_err_file, format, args);
+    vsnprintf(text, sizeof text, format, args);
     va_end(args);
-    fputs(hist_cfg.ut_hist_eol, hist_cfg.ut_hist_dump_err_file);
+    fprintf(hist_cfg.ut_hist_dump_err_file, "%s%s", text, hist_cfg.ut_hist_eol);
 }
 
 // The defaults shown are the built-in ones, whatever the settings are now.

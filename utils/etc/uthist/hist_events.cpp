@@ -65,9 +65,14 @@ void load_texts(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, a_h
         return;
     }
     copy_texts(reinterpret_cast<uint64*>(at.texts), r.file, hist_cfg.text_stride);
-    row.file = at.texts;
-    row.id = at.texts + hist_cfg.id_text_at;
-    row.ev = at.texts + hist_cfg.ev_text_at;
+    char* const file = at.texts;
+    char* const id = at.texts + hist_cfg.id_text_at;
+    char* const ev = at.texts + hist_cfg.ev_text_at;
+    // Of two threads that write one unlocked queue against its rule, one may have stored over the other's NUL.
+    file[hist_cfg.hist_max_file_len] = id[hist_cfg.hist_max_id_len] = ev[hist_cfg.hist_max_ev_len] = '\0';
+    row.file = file;
+    row.id = id;
+    row.ev = ev;
 }
 
 // What find_widths needs of a record.

@@ -16,7 +16,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <sched.h>
+#include <pthread.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "corvex/onsig.h"
@@ -31,8 +32,6 @@ namespace {
 // The errout stream's descriptor, for the handler; and whether the handler opened it, so that it has no stream yet.
 int errout_fd = STDERR_FILENO;
 int32 errout_without_stream = 0;
-
-int32 dump_owner = 0;  // the thread whose dump runs
 
 struct sigaction hist_signal_oldhandler;  // the whole disposition of SIGUSR1 before the history's own
 
@@ -158,6 +157,7 @@ void dump_to_fd(a_ut_hist_dump& f, int fd)
     f.out.to_fd(fd);
     put_tables(f);
     close(fd);
+    f.out.to_fd(-1);  // a dump that a fork in a handler cut in two must not go on into a descriptor with a new meaning
     report(f, " done");
 }
 
@@ -180,7 +180,6 @@ void dump_to_errout(a_ut_hist_dump& f)
 // Signal-safe.
 void dump_by_descriptor()
 {
-    __atomic_store_n(&dump_owner, int32(gettid()), __ATOMIC_RELAXED);
     hist.dump->begin_errout = begin_errout_fd;
     ut_hist_dump_to_log_i(*hist.dump);
 }
@@ -188,17 +187,31 @@ void dump_by_descriptor()
 // Moves the dump from one state to another if it is in that one. Acquire and release: the next dump finds the buffers
 // as the last one left them.
 // Signal-safe.
-bool move_dump(int32 from, int32 to)
+bool move_dump(uint64 from, uint64 to)
 {
     return __atomic_compare_exchange_n(&hist.dump_state, &from, to, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
 }
 
-// Whether the signal interrupted the dump that runs, in a process that is about to end: it will never go on.
+// Relaxed: who acts on it moves the state by compare-and-swap, or owns it.
 // Signal-safe.
-bool interrupted_for_good()
-{
-    return ut_onsig_will_do_cleanup() && __atomic_load_n(&dump_owner, __ATOMIC_RELAXED) == gettid();
-}
+uint64 dump_state() { return __atomic_load_n(&hist.dump_state, __ATOMIC_RELAXED); }
+
+// Signal-safe.
+bool runs_for(uint32 owner) { return uint32(dump_state() >> 32) == owner; }
+
+// A thread that is cancelled must not vanish in the middle of a dump: dumps and locks would be lost to all others.
+class an_uncancelled_scope {
+public:
+    // Signal-safe.
+    an_uncancelled_scope() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &kept); }
+    // Signal-safe.
+    ~an_uncancelled_scope() { pthread_setcancelstate(kept, nullptr); }
+    an_uncancelled_scope(const an_uncancelled_scope&) = delete;
+    an_uncancelled_scope& operator=(const an_uncancelled_scope&) = delete;
+
+private:
+    int kept;
+};
 
 // Signal-safe.
 bool running() { return __atomic_load_n(&hist.hist_initialized, __ATOMIC_ACQUIRE); }
@@ -270,30 +283,33 @@ FILE* hist_begin_message()
 
 // ---- dumps ----
 
-// Makes the caller the one whose dump runs, waiting for another thread's. Its own thread's runs only when a handler
-// that interrupted it ends the process by exit; it will never go on.
+// Makes the caller the one whose dump runs, waiting for another thread's, up to so many milliseconds; false when that
+// runs still. Its own thread's runs only when a handler that interrupted it ends the process by exit; it will never go on.
 // Not signal-safe: it waits.
-void hist_dump_claim()
+bool hist_dump_claim(int max_wait)
 {
-    while (!move_dump(DUMP_IDLE, DUMP_RUNNING)) {
-        if (__atomic_load_n(&dump_owner, __ATOMIC_RELAXED) == gettid())
-            return;
-        sched_yield();
+    const struct timespec millisecond = {0, 1000000};
+    const uint32 me = uint32(gettid());
+    for (int i = 0; !move_dump(pack_dump(DUMP_IDLE), pack_dump(DUMP_RUNNING, me)); i++) {
+        if (runs_for(me))
+            return true;
+        if (i == max_wait)
+            return false;
+        nanosleep(&millisecond, nullptr);
     }
-    __atomic_store_n(&dump_owner, int32(gettid()), __ATOMIC_RELAXED);
+    return true;
 }
 
 // Ends the caller's dump, after the dumps that were asked for by signal meanwhile.
 // Signal-safe.
 void hist_dump_release()
 {
-    __atomic_store_n(&dump_owner, 0, __ATOMIC_RELAXED);
-    while (!move_dump(DUMP_RUNNING, DUMP_IDLE)) {
-        if (!move_dump(DUMP_WANTED, DUMP_RUNNING))
+    const uint32 me = uint32(gettid());
+    while (!move_dump(pack_dump(DUMP_RUNNING, me), pack_dump(DUMP_IDLE))) {
+        if (!move_dump(pack_dump(DUMP_WANTED, me), pack_dump(DUMP_RUNNING, me)))
             return;  // a fork in a handler has ended it for the child
         if (running())
             dump_by_descriptor();
-        __atomic_store_n(&dump_owner, 0, __ATOMIC_RELAXED);
     }
 }
 
@@ -312,11 +328,12 @@ void ut_hist_dump_to_log_i(a_ut_hist_dump& f)
 // Not signal-safe: it locks.
 void ut_hist_dump_to_file(FILE* f)
 {
+    const an_uncancelled_scope uncancelled;
     const a_hist_user user;
     if (!user.has_store())
         return;
     const a_hist_lock_all lock;
-    hist_dump_claim();
+    hist_dump_claim(hist_no_limit);
     hist_zone_refresh();
     hist.dump->out.to_file(f);
     put_tables(*hist.dump);
@@ -326,19 +343,23 @@ void ut_hist_dump_to_file(FILE* f)
 // Not signal-safe: it locks.
 void ut_hist_dump_to_log(void)
 {
+    const an_uncancelled_scope uncancelled;
     const a_hist_user user;
     if (!user.has_store())
         return;
     UT_HIST_EV(UT_HIST_ID_NONE, "PROGRAM DUMP");
     const a_hist_lock_all lock;
-    hist_dump_to_log_unlocked();
+    hist_dump_to_log_unlocked(hist_no_limit);
 }
 
-// A dump outside the handler by a caller that holds all queue locks or that nobody records beside.
+// A dump outside the handler by a caller that holds all queue locks or that nobody records beside; none when another
+// thread's dump does not end in time.
 // Not signal-safe: it waits and prints.
-void hist_dump_to_log_unlocked()
+void hist_dump_to_log_unlocked(int max_wait)
 {
-    hist_dump_claim();
+    const an_uncancelled_scope uncancelled;
+    if (!hist_dump_claim(max_wait))
+        return;
     hist_zone_refresh();
     hist.dump->begin_errout = begin_errout_stream;
     ut_hist_dump_to_log_i(*hist.dump);
@@ -353,17 +374,21 @@ void hist_dump_to_log_unlocked()
 void ut_hist_signal_handler(int)
 {
     const int kept = errno;
+    const an_uncancelled_scope uncancelled;
+    const uint32 me = uint32(gettid());
     while (running()) {
-        if (move_dump(DUMP_IDLE, DUMP_RUNNING)) {
+        if (move_dump(pack_dump(DUMP_IDLE), pack_dump(DUMP_RUNNING, me))) {
             dump_by_descriptor();
             hist_dump_release();
             break;
         }
-        if (interrupted_for_good()) {
-            dump_by_descriptor();
+        const uint64 now = dump_state();
+        if (uint32(now >> 32) == me && ut_onsig_will_do_cleanup()) {
+            dump_by_descriptor();  // the dump that the process's end interrupted will never go on
             break;
         }
-        if (move_dump(DUMP_RUNNING, DUMP_WANTED) || __atomic_load_n(&hist.dump_state, __ATOMIC_RELAXED) == DUMP_WANTED)
+        if (uint32(now) == DUMP_WANTED ||
+            (uint32(now) == DUMP_RUNNING && move_dump(now, pack_dump(DUMP_WANTED, uint32(now >> 32)))))
             break;
     }
     errno = kept;

@@ -8,9 +8,10 @@ void Open_Errout();
 void Close_Errout();
 FILE* hist_begin_message();
 
-void hist_dump_claim();
+inline constexpr int hist_no_limit = -1;
+bool hist_dump_claim(int max_wait);
 void hist_dump_release();
-void hist_dump_to_log_unlocked();
+void hist_dump_to_log_unlocked(int max_wait);
 void ut_hist_dump_to_log_i(a_ut_hist_dump& f);
 
 void ut_hist_add_signal_handler();

@@ -88,8 +88,8 @@ a_slot claim()
     if (!adopt(tid, slot)) {
         sweep();
         if (!claim_lowest(tid, slot)) {
-            events_until_sweep = sweep_interval;
-            return hist_slot(hist_max_threads);
+            events_until_sweep = hist_my_slot.thread == nullptr ? sweep_interval : 0;
+            return hist_my_slot.thread == nullptr ? hist_slot(hist_max_threads) : hist_my_slot;
         }
     }
     if (hist_my_slot.thread != nullptr) {

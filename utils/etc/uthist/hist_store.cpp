@@ -128,19 +128,28 @@ void alloc_ids()
         ut_free(ids);
 }
 
+// Takes a pointer out of the store before what it names is freed: a process that another thread forks meanwhile must not
+// find it there.
+// Signal-safe.
+template <class T>
+T* take_out(T*& from)
+{
+    return __atomic_exchange_n(&from, nullptr, __ATOMIC_RELAXED);
+}
+
 // Not signal-safe: it frees.
 void free_ids()
 {
-    if (hist.hist_ids == nullptr)
+    a_ut_hist_id_data* ids = take_out(hist.hist_ids);
+    if (ids == nullptr)
         return;
     for (int32 i = 0; i < hist.hist_num_ids; i++) {
-        for (a_ut_hist_timer_list& list : hist.hist_ids[i].by_key)
+        for (a_ut_hist_timer_list& list : ids[i].by_key)
             ut_safe_pthread_mutex_destroy(&list.mutex);
-        ut_free(hist.hist_ids[i].file);
-        ut_free(hist.hist_ids[i].desc);
+        ut_free(ids[i].file);
+        ut_free(ids[i].desc);
     }
-    ut_free(hist.hist_ids);
-    hist.hist_ids = nullptr;
+    ut_free(ids);
     ut_safe_pthread_mutex_destroy(&hist.hist_ids_mutex);
 }
 
@@ -171,16 +180,15 @@ bool hist_store_alloc()
 void hist_store_free(bool destroy_queue_locks)
 {
     free_ids();
-    if (hist.hist_evs != nullptr)
+    a_ut_hist_event_list* queues = take_out(hist.hist_evs);
+    if (queues != nullptr)
         for (int32 q = 0; q < hist_cfg.hist_num_q; q++)
-            free_queue(hist.hist_evs[q], destroy_queue_locks);
-    ut_free(hist.evs_block);
-    hist.evs_block = nullptr;
-    hist.hist_evs = nullptr;
-    if (hist.dump != nullptr)
-        ut_free(hist.dump->data);
-    ut_free(hist.dump);
-    hist.dump = nullptr;
+            free_queue(queues[q], destroy_queue_locks);
+    ut_free(take_out(hist.evs_block));
+    a_ut_hist_dump* dump = take_out(hist.dump);
+    if (dump != nullptr)
+        ut_free(dump->data);
+    ut_free(dump);
 }
 
 // A thread that has recorded nothing yet: no last marker, inside no queue. Relaxed: only the slot's own thread looks.
@@ -221,16 +229,18 @@ uint32 hist_elapsed(const struct timeval& from, const struct timeval& to)
 }
 
 // Not signal-safe: it locks.
-a_hist_lock_all::a_hist_lock_all() : forks(__atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED))
+a_hist_lock_all::a_hist_lock_all()
 {
-    for (int32 q = 0; q < hist_cfg.hist_num_q; q++)
+    for (int32 q = 0; q < hist_cfg.hist_num_q; q++) {
         ut_safe_pthread_mutex_lock(&hist.hist_evs[q].mutex);
+        forks[q] = __atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED);
+    }
 }
 
 // Not signal-safe: it unlocks.
 a_hist_lock_all::~a_hist_lock_all()
 {
     for (int32 q = 0; q < hist_cfg.hist_num_q; q++)
-        if (forks == __atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED))
+        if (forks[q] == __atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED))
             ut_safe_pthread_mutex_unlock(&hist.hist_evs[q].mutex);
 }

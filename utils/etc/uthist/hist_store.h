@@ -81,6 +81,9 @@ struct a_ring_pos {
 inline constexpr uint64 pack_ring(a_ring_pos at) { return uint64(at.laps) << 32 | at.next; }
 inline constexpr a_ring_pos unpack_ring(uint64 word) { return {uint32(word >> 32), uint32(word)}; }
 
+// A ring that has wrapped stays wrapped when the count of its laps does: it goes on at a number with the same words.
+inline constexpr uint32 next_lap(uint32 laps) { return laps == UINT32_MAX ? 0x80000000 : laps + 1; }
+
 // Sequence words of a record written in a lap.
 inline constexpr uint32 seq_writing(uint32 laps) { return 2 * laps + 1; }
 inline constexpr uint32 seq_whole(uint32 laps) { return 2 * laps + 2; }
@@ -136,8 +139,10 @@ struct alignas(cache_line) a_ut_hist_thread {
 };
 
 // A dump runs from `running` to `idle`. A SIGUSR1 that finds one running leaves `wanted`, and the dump that runs writes
-// another when it is done. `closed`: there is no store.
-enum a_dump_state : int32 { DUMP_CLOSED = 0, DUMP_IDLE = 1, DUMP_RUNNING = 2, DUMP_WANTED = 3 };
+// another when it is done. `closed`: there is no store. The state shares one word with the id of the thread whose dump
+// runs (0: none), so that no handler finds the one without the other.
+enum a_dump_state : uint32 { DUMP_CLOSED = 0, DUMP_IDLE = 1, DUMP_RUNNING = 2, DUMP_WANTED = 3 };
+inline constexpr uint64 pack_dump(a_dump_state state, uint32 owner = 0) { return uint64(owner) << 32 | state; }
 
 struct alignas(cache_line) a_ut_hist_store {
     // Read by every event, written by start-up and shut-down.
@@ -151,9 +156,9 @@ struct alignas(cache_line) a_ut_hist_store {
     a_ut_hist_dump* dump;  // owned; the buffers of the one dump that may run
     void* evs_block;       // owned; the allocation behind hist_evs
     a_critical_sect hist_ids_mutex;
-    int32 dump_state;
-    int32 users;   // threads inside a dump or a registration, see a_hist_user
-    bool closing;  // shut-down is about to free the store
+    uint64 dump_state;  // a_dump_state and its owner, packed
+    int32 users;        // threads inside a dump or a registration, see a_hist_user
+    bool closing;       // shut-down is about to free the store
 
     // Written by every event of every thread: a line of its own.
     alignas(cache_line) uint32 hist_count;
@@ -181,7 +186,8 @@ bool hist_store_alloc();
 void hist_store_free(bool destroy_queue_locks);
 
 // One mutex of the history for a scope; a null one is left alone. A fork in a signal handler that interrupted the
-// holder frees the mutex in the child, so there the holder must not unlock it a second time.
+// holder frees the mutex in the child, so there the holder must not unlock it a second time. The count is read once the
+// mutex is held: a fork before that leaves it to the child to lock, and so to unlock.
 class a_hist_lock {
 public:
     // Not signal-safe: it locks.
@@ -189,8 +195,8 @@ public:
     {
         if (mutex == nullptr)
             return;
-        forks = __atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED);
         pthread_mutex_lock(mutex->p_mutex);
+        forks = __atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED);
     }
     // Not signal-safe: it unlocks.
     ~a_hist_lock()
@@ -207,18 +213,29 @@ private:
 };
 
 // A thread that dumps or registers an id, for a scope. Sequentially consistent with shut-down, which first sets `closing`
-// and then waits for the users: either it sees this one, or this one sees that it closes.
+// and then waits for the users: either it sees this one, or this one sees that it closes. A child that was forked in a
+// handler has forgotten its users.
 class a_hist_user {
 public:
     // Signal-safe.
-    a_hist_user() { __atomic_add_fetch(&hist.users, 1, __ATOMIC_SEQ_CST); }
+    a_hist_user() : forks(__atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED))
+    {
+        __atomic_add_fetch(&hist.users, 1, __ATOMIC_SEQ_CST);
+    }
     // Signal-safe.
-    ~a_hist_user() { __atomic_sub_fetch(&hist.users, 1, __ATOMIC_SEQ_CST); }
+    ~a_hist_user()
+    {
+        if (forks == __atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED))
+            __atomic_sub_fetch(&hist.users, 1, __ATOMIC_SEQ_CST);
+    }
     a_hist_user(const a_hist_user&) = delete;
     a_hist_user& operator=(const a_hist_user&) = delete;
 
     // Signal-safe.
     bool has_store() const { return !__atomic_load_n(&hist.closing, __ATOMIC_SEQ_CST) && hist.hist_evs != nullptr; }
+
+private:
+    uint32 forks;
 };
 
 // All queues' mutexes for a scope, taken and given back in ascending order.
@@ -230,7 +247,7 @@ public:
     a_hist_lock_all& operator=(const a_hist_lock_all&) = delete;
 
 private:
-    uint32 forks;
+    uint32 forks[hist_max_queues];  // of each as in a_hist_lock
 };
 
 #endif

@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr int max_waits = 1000;  // for recorders, a millisecond each
+constexpr int max_waits = 1000;  // for recorders and for dumps, a millisecond each
 
 // Not signal-safe: it prints.
 void say_fini(const char* text)
@@ -53,16 +53,20 @@ void wait_for_users()
         nanosleep(&millisecond, nullptr);
 }
 
-// Frees the store unless option x- keeps it.
+// Frees the store unless option x- keeps it. False while another thread is inside a dump that does not end: all that it
+// uses stays then, the errout stream too.
 // Not signal-safe: it frees.
-void clean_up()
+bool clean_up()
 {
-    if (hist_cfg.ut_hist_exit_cleanup <= 0)
-        return;
-    wait_for_users();
-    hist_dump_claim();
-    __atomic_store_n(&hist.dump_state, DUMP_CLOSED, __ATOMIC_RELEASE);
-    hist_store_free(hist_cfg.ut_hist_exit_cleanup > 1);
+    const bool frees = hist_cfg.ut_hist_exit_cleanup > 0;
+    if (frees)
+        wait_for_users();
+    if (!hist_dump_claim(max_waits))
+        return false;
+    __atomic_store_n(&hist.dump_state, pack_dump(frees ? DUMP_CLOSED : DUMP_IDLE), __ATOMIC_RELEASE);
+    if (frees)
+        hist_store_free(hist_cfg.ut_hist_exit_cleanup > 1);
+    return true;
 }
 
 // Frees one lock in the child, whoever of the parent held it.
@@ -83,7 +87,7 @@ void ut_hist_init(void)
         return;
     }
     hist.closing = false;
-    __atomic_store_n(&hist.dump_state, DUMP_IDLE, __ATOMIC_RELEASE);
+    __atomic_store_n(&hist.dump_state, pack_dump(DUMP_IDLE), __ATOMIC_RELEASE);
     if (hist_cfg.ut_hist_dump_on_sig == 1)
         hist_install_signal_handler_once();
     // Release: who sees the history running sees its store.
@@ -107,8 +111,9 @@ void ut_hist_fini(void)
         ut_hist_del_signal_handler();
     }
     if (hist_cfg.ut_hist_dump_on_fini != 0)
-        hist_dump_to_log_unlocked();
-    clean_up();
+        hist_dump_to_log_unlocked(max_waits);
+    if (!clean_up())
+        return;
     say_fini("done");
     Close_Errout();
 }
@@ -126,8 +131,8 @@ void ut_hist_fork_child()
             __atomic_store_n(&recursing, 0, __ATOMIC_RELAXED);
     if (hist.hist_evs == nullptr)
         return;
-    if (hist.dump_state != DUMP_CLOSED)
-        __atomic_store_n(&hist.dump_state, DUMP_IDLE, __ATOMIC_RELEASE);
+    if (hist.dump_state != pack_dump(DUMP_CLOSED))
+        __atomic_store_n(&hist.dump_state, pack_dump(DUMP_IDLE), __ATOMIC_RELEASE);
     for (int32 q = 0; q < hist_cfg.hist_num_q; q++)
         free_lock(hist.hist_evs[q].mutex);
     if (hist.hist_ids == nullptr)

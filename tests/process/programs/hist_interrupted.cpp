@@ -1,0 +1,94 @@
+// hist_interrupted.cpp: a signal handler forks at the moment of each queue's and the registry's lock, or a thread is
+// cancelled inside its dump; the history must go on, in the child and in the other threads.
+#include <dlfcn.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "corvex/corvex.h"
+
+namespace {
+
+int locks_until_fork = 0;
+volatile pid_t child = -1;
+FILE* nowhere;
+
+void fork_here(int) { child = fork(); }
+
+void use_history()
+{
+    UT_HIST_EV(UT_HIST_ID_NONE, "event");
+    ut_hist_id_alloc(nullptr, 1, "id");
+    ut_hist_dump_to_file(nowhere);
+}
+
+// A handler forks before the n-th lock of these operations; the child then returns into the interrupted one.
+int fork_before_lock(int n)
+{
+    alarm(30);
+    child = -1;
+    locks_until_fork = n;
+    use_history();
+    locks_until_fork = 0;
+    if (child < 0)
+        return -1;
+    if (child == 0) {
+        use_history();
+        use_history();
+        _exit(0);
+    }
+    int status;
+    waitpid(child, &status, 0);
+    return status;
+}
+
+void* compute(void* running)
+{
+    __atomic_store_n(static_cast<bool*>(running), true, __ATOMIC_RELEASE);
+    for (;;)
+        if (locks_until_fork == 77)  // never: only a handler gets to a cancellation point
+            pthread_testcancel();
+}
+
+// The thread has its cancellation pending when it dumps, by signal.
+void cancel_in_dump()
+{
+    bool running = false;
+    pthread_t thread;
+    pthread_create(&thread, nullptr, compute, &running);
+    while (!__atomic_load_n(&running, __ATOMIC_ACQUIRE))
+        usleep(100);
+    pthread_cancel(thread);
+    pthread_kill(thread, SIGUSR1);
+    usleep(200000);
+    use_history();
+    ut_hist_dump_to_log();
+}
+
+}  // namespace
+
+extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
+{
+    static const auto real = reinterpret_cast<int (*)(pthread_mutex_t*)>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+    if (locks_until_fork > 0 && --locks_until_fork == 0)
+        raise(SIGUSR2);
+    return real(mutex);
+}
+
+int main()
+{
+    nowhere = fopen("/dev/null", "w");
+    signal(SIGUSR2, fork_here);
+    int points = 0, hung = 0;
+    for (int status; (status = fork_before_lock(points + 1)) != -1; points++)
+        hung += status != 0;
+    printf("%s, %d hung\n", points > 3 ? "forked at every lock" : "not forked", hung);
+    fflush(stdout);
+    cancel_in_dump();
+    printf("dumps go on\n");
+    fflush(stdout);
+    return 0;
+}
