@@ -23,12 +23,23 @@ string(TIMESTAMP stamp "%Y-%m-%d %H:%M:%S" UTC)
 
 string(CONCAT ident "libcorvex16_r.so.1/${major}.${minor}.${patch}/P/x86_64/${kernel}/${BUILD_NUMBER}/OPT/${stamp}")
 set(text "// Made by cmake/version_record.cmake.\n")
-foreach(pair IN ITEMS "MAJOR|${major}" "MINOR|${minor}" "PATCH|${patch}" "BUILD|${BUILD_NUMBER}" "DATE|${date}"
-        "TIME|${time}" "HOST|${host}" "UNAME|${uname}" "IDENT|${ident}"
-        "COPYRIGHT|The libcorvex16_r developers\\nAll rights reserved.\\nRuntime support for server processes.")
-    string(REPLACE "|" ";" pair "${pair}")
-    list(GET pair 0 key)
-    list(GET pair 1 value)
-    string(APPEND text "#define VERSION_RECORD_${key} \"${value}\"\n")
-endforeach()
+
+# Whatever the machine calls itself must come through as the C text that it is.
+function(record key value)
+    string(REPLACE "\\" "\\\\" value "${value}")
+    string(REPLACE "\"" "\\\"" value "${value}")
+    string(REPLACE "\n" "\\n" value "${value}")
+    set(text "${text}#define VERSION_RECORD_${key} \"${value}\"\n" PARENT_SCOPE)
+endfunction()
+
+record(MAJOR "${major}")
+record(MINOR "${minor}")
+record(PATCH "${patch}")
+record(BUILD "${BUILD_NUMBER}")
+record(DATE "${date}")
+record(TIME "${time}")
+record(HOST "${host}")
+record(UNAME "${uname}")
+record(IDENT "${ident}")
+record(COPYRIGHT "The libcorvex16_r developers\nAll rights reserved.\nRuntime support for server processes.")
 file(CONFIGURE OUTPUT "${OUTPUT}" CONTENT "${text}" @ONLY)

@@ -1,20 +1,25 @@
 /* onsig.h: what happens when a fatal or terminating signal arrives, for C11 and C++20.
  *
- * ut_onsig_install_signal_handlers installs the library's handler for SIGILL, SIGABRT, SIGBUS, SIGFPE,
- * SIGSEGV (crash) and SIGHUP, SIGINT, SIGQUIT, SIGTERM (termination). On such a signal it runs the registered
- * callbacks in ascending priority. When another handler had been in place before, that one is called next and
- * the process goes on as it decides; otherwise the library takes its handlers away, suppresses the core dump
- * of a termination signal and aborts the process: it ends by SIGABRT, whatever the signal was. After an installation
- * for crash signals only, the handler for SIGABRT is still there then, and the callbacks run once more for it.
+ * ut_onsig_install_signal_handlers installs the library's handler for SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV
+ * (crash) and SIGHUP, SIGINT, SIGQUIT, SIGTERM (termination). On such a signal it runs the registered callbacks in
+ * ascending priority. When another handler had been in place before, that one is called next and the process goes on
+ * as it decides; otherwise the library takes its handlers away, suppresses the core dump of a termination signal and
+ * aborts the process: it ends by SIGABRT, whatever the signal was. After an installation for crash signals only, the
+ * handler for SIGABRT is still there then, and the callbacks run once more for it.
  *
- * Callbacks run in signal context and must be async-signal-safe. To have the event history written, unblock SIGUSR1
- * and raise it in one (when it has a handler: its default action ends the process). A dump that another thread is
- * writing at that moment is not waited for and is cut off by the abort.
+ * Callbacks run in signal context and must be async-signal-safe. A callback returns, or ends the process; then
+ * those of higher priority do not run, among them the one of priority 1000 that removes the library's kernel
+ * semaphores. While one thread's signal ends the process, signals of other threads wait for its end, up to ten
+ * seconds. To have the event history written, unblock SIGUSR1 and raise it in one (when it has a handler: its
+ * default action ends the process). A dump that another thread is writing at that moment is not waited for and is
+ * cut off by the abort.
  *
- * Environment, read when handlers are installed or run: ZT_INSTALL_SIG_HANDLERS (n...: none, c... or s...:
- * the five crash signals only), ZT_ALWAYS_GEN_CORE (set: the core limit is left alone),
- * ZT_LINUX_COREDUMP_DELAY (seconds to sleep before the abort: leading decimal digits, 0 to 3600, 2 when
- * empty). */
+ * In a child between fork and its fork handlers, and in one of vfork or _Fork, nothing of this happens: an earlier
+ * handler gets the signal, or its default action ends the child.
+ *
+ * Environment, read when handlers are installed or run: ZT_INSTALL_SIG_HANDLERS (n...: none, c... or s...: the
+ * five crash signals only), ZT_ALWAYS_GEN_CORE (set: the core limit is left alone), ZT_LINUX_COREDUMP_DELAY (seconds
+ * to sleep before the abort: leading decimal digits, 0 to 3600, 2 when empty). */
 #ifndef CORVEX_ONSIG_H
 #define CORVEX_ONSIG_H
 
@@ -50,7 +55,8 @@ CORVEX_API int ut_onsig_will_do_cleanup(void);
 
 /* Installs the handlers as ZT_INSTALL_SIG_HANDLERS says; does nothing while a full set is installed.
  * called_during_lib_init: true for a call from a library's own start-up, which then only counts after this
- * library's. Handlers are installed with SA_ONSTACK too when the calling thread has an alternate signal
+ * library's. A handler that the program put on top of an earlier crash-only installation stays on top. Handlers are
+ * installed with SA_ONSTACK too when the calling thread has an alternate signal
  * stack, so give it one first to survive a stack overflow. Not thread-safe, not signal-safe. */
 CORVEX_API void ut_onsig_install_signal_handlers(a_bool called_during_lib_init);
 

@@ -15,6 +15,7 @@
 #include "utils/etc/osthread.h"
 #include "utils/etc/uthist/uthist.h"
 #include "utils/unix/sysvsemo.h"
+#include "utils/unix/unixfork.h"
 #include "utils/unix/utcore.h"
 #include "utils/unix/utptmutex.h"
 
@@ -54,6 +55,7 @@ void FreeLocksInChild_corvex()
     os_ident_fork_child();
     sysv_list_fork_child();
     ut_hist_fork_child();
+    unix_make_home_process();
 }
 
 // What must hold from the first to the last moment in the process: a child's locks are free, and no signal handler
@@ -63,6 +65,7 @@ class an_outermost_corvex {
 public:
     an_outermost_corvex()
     {
+        unix_make_home_process();
         UnixForkProtection_Init();
         pthread_atfork(nullptr, nullptr, FreeLocksInChild_corvex);
     }

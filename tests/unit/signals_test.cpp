@@ -175,6 +175,42 @@ __attribute__((noinline)) int overflow(volatile char* above)
     return frame[0] == 1 ? 0 : overflow(frame) + frame[0];
 }
 
+void fork_and_abort(int, void*, a_bool, a_bool, a_bool, void*, void*)
+{
+    const pid_t child = fork();
+    if (child == 0)
+        abort();
+    waitpid(child, nullptr, 0);
+}
+
+TEST(SignalHandlers, EndForkingCallbacksAndSpareTheParentOfAVforkedChild)
+{
+    const a_child forking = in_fresh_child("-", "", [] {
+        ut_onsig_call_add(1, fork_and_abort, nullptr);
+        ut_onsig_install_signal_handlers(FALSE);
+        raise(SIGSEGV);
+    });
+    EXPECT_EQ(forking.said, "chain 11 cleanup will 1\nchain 6 cleanup will 1\n")
+        << "one core of a copy, not a chain of them";
+    EXPECT_EQ(forking.status, SIGABRT);
+    const a_child parent = in_fresh_child("-", "", [] {
+        handle(SIGHUP, earlier);
+        ut_onsig_install_signal_handlers(FALSE);
+        const pid_t child = vfork();
+        if (child == 0) {
+            raise(SIGHUP);
+            raise(SIGINT);
+            _exit(0);
+        }
+        int status;
+        waitpid(child, &status, 0);
+        say("died of %d, will %d\n", status, ut_onsig_will_do_cleanup());
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(parent.said, "earlier 1\ndied of 2, will 0\nchain 15 cleanup will 1\n");
+    EXPECT_EQ(parent.status, SIGABRT);
+}
+
 TEST(SignalHandlers, UseTheAlternateStackOfTheInstallingThread)
 {
     const a_child child = in_fresh_child("-", "", [] {

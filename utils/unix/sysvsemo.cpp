@@ -15,12 +15,12 @@
 // ends soon; it is bounded all the same. Nothing can deadlock: nobody waits for a lock; nothing can leak: every set is
 // registered, or not there, whenever a signal can come.
 //
-// A forked child inherits list and registry; `fork_generation` tells its own sets from its parent's. Before its fork
-// handlers have run, and in a child that shares its parent's memory (vfork), `home_pid` is not its own: there the
-// cleanup removes nothing.
+// A forked child inherits list and registry; `fork_generation` tells its own sets from its parent's. All are its parent's
+// until its fork handlers have run (unixfork.h).
 #include "utils/unix/sysvsemo.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ipc.h>
@@ -31,7 +31,7 @@
 #include <new>
 
 #include "corvex/forkprotection.h"
-#include "utils/unix/unixsigs.h"
+#include "utils/unix/unixfork.h"
 #include "utils/unix/utcore.h"
 #include "utils/unix/utonsig.h"
 
@@ -42,7 +42,7 @@ namespace {
 constexpr uint32 bits_per_word = 32;
 constexpr int set_flags = IPC_CREAT | 0777;
 constexpr int cleanup_priority = 1000;  // of the cleanup in the on-signal chain
-constexpr uint32 num_slots = 32768;     // as many sets as the kernel numbers
+constexpr uint32 num_slots = 32768;     // as many sets as the kernel numbers, unless it was booted to number more
 constexpr int max_waits = 5000;         // for creators, a millisecond each
 
 // The kernel's own name for the fourth argument of semctl.
@@ -68,7 +68,6 @@ uint32 used_slots = 0;  // no entry from this slot on
 int32 num_registered = 0;
 
 uint32 fork_generation = 0;  // forks behind this process
-pid_t home_pid = 0;          // the process for which all this holds; a forked child's only once it is marked as one
 int32 creators = 0;          // threads that are making a kernel set
 int32 cleaners = 0;          // threads that are inside the cleanup
 uint32 cleanups = 0;         // cleanups that have ended
@@ -80,25 +79,6 @@ constexpr uint32 slot_of(int32 ident, uint32 displacement) { return (uint32(iden
 // Acquire: who sees an entry sees its set.
 // Signal-safe.
 uint64 entry_at(uint32 slot) { return __atomic_load_n(&registry[slot], __ATOMIC_ACQUIRE); }
-
-// False when the table is full.
-// Not signal-safe: under the list's mutex.
-bool register_set(int32 ident, uint32 forks, c_sysv_semaphore_set* set)
-{
-    for (uint32 displacement = 0; displacement < num_slots; displacement++) {
-        const uint32 slot = slot_of(ident, displacement);
-        if (entry_at(slot) != 0)
-            continue;
-        registered_sets[slot] = set;
-        max_displacement = displacement > max_displacement ? displacement : max_displacement;
-        if (slot >= used_slots)
-            __atomic_store_n(&used_slots, slot + 1, __ATOMIC_RELEASE);
-        __atomic_add_fetch(&num_registered, 1, __ATOMIC_RELAXED);
-        __atomic_store_n(&registry[slot], entry_of(forks, ident), __ATOMIC_RELEASE);
-        return true;
-    }
-    return false;
-}
 
 // The slot of a set, num_slots when it has none.
 // Signal-safe.
@@ -119,9 +99,54 @@ void clear_entry(uint32 slot, uint64 entry)
         __atomic_sub_fetch(&num_registered, 1, __ATOMIC_RELAXED);
 }
 
+// Drops a set that the kernel does not have any more.
+// Not signal-safe: under the list's mutex.
+void forget_set(uint32 slot)
+{
+    c_sysv_semaphore_set* set = registered_sets[slot];
+    clear_entry(slot, entry_at(slot));
+    set->forget();
+    delete set;
+}
+
+// Signal-safe.
+bool is_gone(int32 ident)
+{
+    struct semid_ds unused;
+    semun arg;
+    arg.buf = &unused;
+    return semctl(ident, 0, IPC_STAT, arg) == -1 && (errno == EINVAL || errno == EIDRM);
+}
+
+// False when the table is full. The kernel gives numbers out again, and a home slot with them: what a forked child's
+// parent has removed, or somebody else, still stands here and gives way.
+// Not signal-safe: under the list's mutex.
+bool register_set(int32 ident, uint32 forks, c_sysv_semaphore_set* set)
+{
+    if (find_slot(ident) != num_slots)
+        forget_set(find_slot(ident));
+    for (uint32 displacement = 0; displacement < num_slots; displacement++) {
+        const uint32 slot = slot_of(ident, displacement);
+        if (entry_at(slot) != 0 && is_gone(ident_of(entry_at(slot))))
+            forget_set(slot);
+        if (entry_at(slot) != 0)
+            continue;
+        registered_sets[slot] = set;
+        max_displacement = displacement > max_displacement ? displacement : max_displacement;
+        if (slot >= used_slots)
+            __atomic_store_n(&used_slots, slot + 1, __ATOMIC_RELEASE);
+        __atomic_add_fetch(&num_registered, 1, __ATOMIC_RELAXED);
+        __atomic_store_n(&registry[slot], entry_of(forks, ident), __ATOMIC_RELEASE);
+        return true;
+    }
+    return false;
+}
+
 // Signal-safe.
 bool is_foreign(uint32 forks)
 {
+    if (!unix_is_home_process())
+        return true;
     return UnixForkProtection_IsChild() && forks != __atomic_load_n(&fork_generation, __ATOMIC_RELAXED);
 }
 
@@ -141,31 +166,58 @@ void remove_registered_sets()
     }
 }
 
+// A thread that is counted, for a scope. A child that was forked by a handler within has forgotten it. Sequentially
+// consistent with those who look at the count.
+class a_counted {
+public:
+    // Signal-safe.
+    explicit a_counted(int32& of) : count(of), forks(__atomic_load_n(&fork_generation, __ATOMIC_RELAXED))
+    {
+        __atomic_add_fetch(&count, 1, __ATOMIC_SEQ_CST);
+    }
+    // Signal-safe.
+    ~a_counted()
+    {
+        if (forks == __atomic_load_n(&fork_generation, __ATOMIC_RELAXED))
+            __atomic_sub_fetch(&count, 1, __ATOMIC_SEQ_CST);
+    }
+    a_counted(const a_counted&) = delete;
+    a_counted& operator=(const a_counted&) = delete;
+
+private:
+    int32& count;
+    uint32 forks;
+};
+
 // ---- making kernel sets ----
 
-// All signals are blocked and the cleanup waits while one of these exists. Sequentially consistent with the cleanup's
-// announcement: either it sees this creator, or the creator sees it.
-class a_creation {
+// All signals are blocked while one of these exists.
+class a_signal_free_scope {
 public:
-    a_creation()
+    a_signal_free_scope()
     {
         sigset_t all;
         sigfillset(&all);
         pthread_sigmask(SIG_SETMASK, &all, &kept);
-        __atomic_add_fetch(&creators, 1, __ATOMIC_SEQ_CST);
     }
-    ~a_creation()
-    {
-        __atomic_sub_fetch(&creators, 1, __ATOMIC_SEQ_CST);
-        pthread_sigmask(SIG_SETMASK, &kept, nullptr);
-    }
-    a_creation(const a_creation&) = delete;
-    a_creation& operator=(const a_creation&) = delete;
+    ~a_signal_free_scope() { pthread_sigmask(SIG_SETMASK, &kept, nullptr); }
+    a_signal_free_scope(const a_signal_free_scope&) = delete;
+    a_signal_free_scope& operator=(const a_signal_free_scope&) = delete;
+
+private:
+    sigset_t kept;
+};
+
+// The cleanup waits while one of these exists: either it sees this creator, or the creator sees it.
+class a_creation {
+public:
+    a_creation() : counted(creators) {}
 
     bool allowed() const { return __atomic_load_n(&cleaners, __ATOMIC_SEQ_CST) == 0 && !ut_onsig_will_do_cleanup(); }
 
 private:
-    sigset_t kept;
+    a_signal_free_scope signal_free;
+    a_counted counted;
 };
 
 int new_kernel_set(int64_t members) { return semget(IPC_PRIVATE, int(members), set_flags); }
@@ -204,9 +256,8 @@ c_sysv_sema_set_list* current_list()
 // it.
 class a_list_user {
 public:
-    a_list_user()
+    a_list_user() : counted(users)
     {
-        __atomic_add_fetch(&users, 1, __ATOMIC_SEQ_CST);
         c_sysv_sema_set_list* found = current_list();
         if (found == nullptr)
             return;
@@ -220,12 +271,14 @@ public:
     {
         if (list != nullptr)
             list->mutex_give();
-        __atomic_sub_fetch(&users, 1, __ATOMIC_SEQ_CST);
     }
     a_list_user(const a_list_user&) = delete;
     a_list_user& operator=(const a_list_user&) = delete;
 
     c_sysv_sema_set_list* list = nullptr;
+
+private:
+    a_counted counted;
 };
 
 a_bool sysv_set_semval(a_sysv_semaphore* s, int value)
@@ -482,12 +535,8 @@ void c_sysv_sema_set_list::forget_lost_set(int32 ident)
 {
     catch_up();
     const uint32 slot = find_slot(ident);
-    if (slot == num_slots)
-        return;
-    c_sysv_semaphore_set* set = registered_sets[slot];
-    clear_entry(slot, entry_at(slot));
-    set->forget();
-    delete set;
+    if (slot != num_slots)
+        forget_set(slot);
 }
 
 // Frees what is left of sets that a cleanup by signal has removed from the kernel.
@@ -576,7 +625,6 @@ void sysv_list_init_semaphore()
 {
     if (list_of_process() != nullptr)
         return;
-    __atomic_store_n(&home_pid, getpid(), __ATOMIC_RELEASE);
     __atomic_store_n(&sysv_sema_list_p, new c_sysv_sema_set_list, __ATOMIC_RELEASE);
     sysv_onsig_handle = ut_onsig_call_add(cleanup_priority, sysv_sig_handler, nullptr);
 }
@@ -600,8 +648,7 @@ void sysv_list_fini_semaphore()
         delete list;
 }
 
-// The list's mutex is free, nobody makes, uses or removes sets, and the parent's sets are told from the child's. The
-// process number comes last: with it the cleanup trusts the rest.
+// The list's mutex is free, nobody makes, uses or removes sets, and the parent's sets are told from the child's.
 // Signal-safe.
 void sysv_list_fork_child()
 {
@@ -611,21 +658,19 @@ void sysv_list_fork_child()
     __atomic_store_n(&users, 0, __ATOMIC_RELAXED);
     if (list_of_process() != nullptr)
         list_of_process()->fork_child();
-    __atomic_store_n(&home_pid, getpid(), __ATOMIC_RELEASE);
 }
 
 // The cleanup by signal, see the head of this file.
 // Signal-safe.
 void sysv_sig_handler(int, void*, a_bool, a_bool, a_bool cleanup, void*, void*)
 {
-    if (!cleanup || __atomic_load_n(&home_pid, __ATOMIC_ACQUIRE) != getpid())
+    if (!cleanup || !unix_is_home_process())
         return;
     const int kept = errno;
-    __atomic_add_fetch(&cleaners, 1, __ATOMIC_SEQ_CST);
+    const a_counted cleaner(cleaners);
     wait_for_none(creators);
     remove_registered_sets();
     __atomic_add_fetch(&cleanups, 1u, __ATOMIC_RELEASE);
-    __atomic_sub_fetch(&cleaners, 1, __ATOMIC_SEQ_CST);
     errno = kept;
 }
 

@@ -1,7 +1,10 @@
 // unixfork.cpp: marks a process created by fork. The handlers are tied to the library: the system drops them
 // when it is unloaded. The mark is one word, changed right after a fork (where only one thread exists) and by
 // a reset.
+#include "utils/unix/unixfork.h"
+
 #include <pthread.h>
+#include <unistd.h>
 
 #include "corvex/forkprotection.h"
 
@@ -9,6 +12,7 @@ namespace {
 
 int initialization_count = 0;
 a_bool in_child_process = FALSE;
+pid_t home_pid = 0;
 
 // Signal-safe.
 void atfork_prepare() {}
@@ -36,3 +40,10 @@ a_bool UnixForkProtection_IsChild() { return __atomic_load_n(&in_child_process, 
 
 // Signal-safe.
 void UnixForkProtection_Reset() { __atomic_store_n(&in_child_process, FALSE, __ATOMIC_RELAXED); }
+
+// Acquire: who finds the process at home finds all that its fork handlers did before.
+// Signal-safe.
+bool unix_is_home_process() { return __atomic_load_n(&home_pid, __ATOMIC_ACQUIRE) == getpid(); }
+
+// Signal-safe.
+void unix_make_home_process() { __atomic_store_n(&home_pid, getpid(), __ATOMIC_RELEASE); }

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "utils/etc/utenv.h"
+#include "utils/unix/unixfork.h"
 #include "utils/unix/unixsigs.h"
 #include "utils/unix/utonsig.h"
 
@@ -46,9 +47,12 @@ a_handled_signal handled[] = {
 a_bool sig_handlers_installed = FALSE;
 a_bool install_sig_handlers_at_lib_init = FALSE;
 a_bool linux_kill_other_threads = FALSE;
-int aborting = 0;           // 1 once the handler has aborted the process
-int32 ending_thread = 0;    // the thread whose handler ends the process; 0 while none does
-int32 aborting_thread = 0;  // the thread that is inside the handler for SIGABRT; 0 while none is
+int aborting = 0;         // 1 once the handler has aborted the process
+int32 ending_thread = 0;  // the thread whose handler ends the process; 0 while none does
+
+// Whether this thread is inside the handler for SIGABRT and runs callbacks. A child that one of them forks is, too: when
+// it aborts, no callback forks again. initial-exec: no first touch allocates.
+constinit __attribute__((tls_model("initial-exec"))) thread_local bool in_abort = false;
 
 void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context);
 
@@ -62,24 +66,34 @@ a_handled_signal* find_handled(int sig)
     return nullptr;
 }
 
-// The ignore disposition counts as none: after a removal the signal has its default action. A handler put on top of the
-// library's stays there: it may pass signals on to the library's, and being saved as the earlier one it would get them
-// back without end.
+// The ignore disposition counts as none: after a removal the signal has its default action.
 // Signal-safe.
-void install(a_handled_signal& row)
+void keep_earlier(a_handled_signal& row, const struct sigaction& earlier)
 {
-    const a_signal_handler_func in_force = unix_current_handler(row.signal);
-    if (row.installed && in_force != nullptr && in_force != ut_onsig_sig_handler)
-        return;
-    struct sigaction previous;
-    if (!unix_handle_signal_keeping(row.signal, ut_onsig_sig_handler, &previous))
-        return;
-    const a_signal_handler_func handler = unix_saved_handler(&previous);
+    const a_signal_handler_func handler = unix_saved_handler(&earlier);
     if (handler == nullptr)
         row.oldhandler = {};
     else if (handler != ut_onsig_sig_handler)
-        row.oldhandler = previous;
-    row.installed = true;
+        row.oldhandler = earlier;
+}
+
+// A handler put on top of the
+// library's stays there: it may pass signals on to the library's, and being saved as the earlier one it would get them
+// back without end. The earlier disposition is kept before the library's is in force: a signal may come at once.
+// Signal-safe.
+void install(a_handled_signal& row)
+{
+    struct sigaction previous;
+    if (sigaction(row.signal, nullptr, &previous) != 0)
+        return;
+    const a_signal_handler_func in_force = unix_saved_handler(&previous);
+    if (row.installed && in_force != nullptr && in_force != ut_onsig_sig_handler)
+        return;
+    const struct sigaction kept = row.oldhandler;
+    keep_earlier(row, previous);
+    row.installed = unix_handle_signal_keeping(row.signal, ut_onsig_sig_handler, &previous) || row.installed;
+    if (!row.installed)
+        row.oldhandler = kept;
 }
 
 // Signal-safe.
@@ -142,17 +156,32 @@ void delay_abort()
 {
     if (__atomic_exchange_n(&aborting, 1, __ATOMIC_RELAXED) != 0)
         abort_by_default();
-    __atomic_store_n(&aborting_thread, 0, __ATOMIC_RELAXED);
+    in_abort = false;
     abort();
 }
 
-// A callback or an earlier handler that aborts inside the handler for SIGABRT ends the process there.
+// A callback that aborts inside the handler for SIGABRT ends the process there.
 // Signal-safe.
 void enter_abort()
 {
-    const int32 me = gettid();
-    if (__atomic_exchange_n(&aborting_thread, me, __ATOMIC_RELAXED) == me)
+    if (in_abort)
         abort_by_default();
+    in_abort = true;
+}
+
+// In a process for which the library's state is not made up (unixfork.h) all of that is left alone: an earlier handler gets
+// the signal, or its default action ends the process.
+// Signal-safe.
+void pass_on(int sig, siginfo_t* siginfo, void* context, a_signal_handler_func earlier)
+{
+    if (earlier != nullptr) {
+        earlier(sig, siginfo, context);
+        return;
+    }
+    const struct sigaction default_action = {};
+    unix_restore_signal(sig, &default_action);
+    unix_release_signal(sig);
+    raise(sig);
 }
 
 // Whether another thread's handler is ending the process.
@@ -184,6 +213,11 @@ void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context)
     const a_bool chaining = earlier != nullptr;
     const a_bool cleanup = !chaining;
     const int kept = errno;
+    if (!unix_is_home_process()) {
+        pass_on(sig, siginfo, context, earlier);
+        errno = kept;
+        return;
+    }
     if (sig == SIGABRT)
         enter_abort();
     const a_bool chained = reached_through_another(sig);
@@ -198,9 +232,9 @@ void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context)
     ut_onsig_call_now(sig, chained, chaining, cleanup, siginfo, context);
     if (chaining) {
         pthread_setcancelstate(cancel_state, nullptr);
-        earlier(sig, siginfo, context);
         if (sig == SIGABRT)
-            __atomic_store_n(&aborting_thread, 0, __ATOMIC_RELAXED);
+            in_abort = false;  // first: the earlier handler may leave by a jump
+        earlier(sig, siginfo, context);
         errno = kept;
         return;
     }
@@ -253,12 +287,12 @@ void ut_onsig_remove_signal_handlers()
         remove(row);
 }
 
-// The child is a process of its own, with other thread ids, and nobody ends it yet.
+// The child is a process of its own, and nobody ends it yet.
 // Signal-safe.
 void ut_onsig_fork_child()
 {
     __atomic_store_n(&ending_thread, 0, __ATOMIC_RELAXED);
-    __atomic_store_n(&aborting_thread, 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&aborting, 0, __ATOMIC_RELAXED);
 }
 
 // Signal-safe.

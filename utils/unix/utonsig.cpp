@@ -1,7 +1,7 @@
 // utonsig.cpp: the chain of prioritised on-signal callbacks: eight slots in static storage.
 //
 // A slot is free while func is null. It is claimed by a compare-and-swap of func from null, after which the
-// claimer stores priority and arg; it is freed by a store of null, which leaves both as they were. No locks,
+// claimer stores priority and arg; it is freed by one to null, which leaves both as they were. No locks,
 // no allocation: everything here is signal-safe. A chain that runs between a claim and its two stores calls
 // the new func with the slot's last priority and arg; registering before handlers are installed avoids that.
 #include "utils/unix/utonsig.h"
@@ -33,10 +33,10 @@ a_sig_handler_func func_of(const a_sig_handler& slot) { return __atomic_load_n(&
 int priority_of(const a_sig_handler& slot) { return __atomic_load_n(&slot.priority, __ATOMIC_RELAXED); }
 
 // Signal-safe.
-bool claim(a_sig_handler& slot, a_sig_handler_func func)
+bool change(a_sig_handler& slot, a_sig_handler_func from, a_sig_handler_func to)
 {
-    uint64 expected = 0;
-    return CSwap64(reinterpret_cast<uint64*>(&slot.func), &expected, uint64(reinterpret_cast<a_ptrint>(func))) != 0;
+    uint64 expected = uint64(reinterpret_cast<a_ptrint>(from));
+    return CSwap64(reinterpret_cast<uint64*>(&slot.func), &expected, uint64(reinterpret_cast<a_ptrint>(to))) != 0;
 }
 
 // The smallest priority above `last` among the registered ones; no_priority when there is none that runs. Each is read
@@ -61,7 +61,7 @@ int next_priority(int last)
 void* ut_onsig_call_add(int priority, a_sig_handler_func func, void* arg)
 {
     for (a_sig_handler& slot : sig_handlers)
-        if (claim(slot, func)) {
+        if (change(slot, nullptr, func)) {
             __atomic_store_n(&slot.priority, priority, __ATOMIC_RELAXED);
             __atomic_store_n(&slot.arg, arg, __ATOMIC_RELAXED);
             return &slot;
@@ -73,8 +73,8 @@ void* ut_onsig_call_add(int priority, a_sig_handler_func func, void* arg)
 void ut_onsig_call_del(void* void_p, a_sig_handler_func func)
 {
     a_sig_handler* slot = static_cast<a_sig_handler*>(void_p);
-    if (slot != nullptr && func_of(*slot) == func)
-        __atomic_store_n(&slot->func, nullptr, __ATOMIC_RELEASE);
+    if (slot != nullptr)
+        change(*slot, func, nullptr);
 }
 
 // Signal-safe.
