@@ -8,7 +8,8 @@
  * (glibc bug 25847) is about single wake-ups stolen by a thread that began to wait later; a broadcast leaves no older
  * waiter behind that could be missed, and who then finds the flag cleared waits again.
  *
- * All operations on an open semaphore are thread-safe; none is signal-safe: they lock. */
+ * All operations on an open semaphore are thread-safe; none is signal-safe: they lock. None is a cancellation point: a
+ * cancellation of a thread that waits takes effect after the wait. */
 #ifndef CORVEX_PTSEM_H
 #define CORVEX_PTSEM_H
 

@@ -9,10 +9,10 @@
  * In a forked child every lock of the layer is free, but those that the forking thread holds; it keeps its descriptor, and
  * those of the parent's other threads stay in the table until OS_Fini, for threads that there are not.
  *
- * Out of memory: a mutex that OS_MutexInit could not make must not be used (its `mutex` is null then), and neither may
- * OS_Wait on a thread whose descriptor OS_Me cannot make.
+ * Out of memory: a mutex that OS_MutexInit could not make must not be used (its `mutex` is null then).
  *
- * Nothing here is signal-safe. Nothing here calls OS_Init: use outside it is an error that is not checked. */
+ * Nothing here is signal-safe, nothing here is a cancellation point but OS_WaitOnThreadTermination. Nothing here calls
+ * OS_Init: use outside it is an error that is not checked, but for waiting (see OS_Wait) and for a started thread's end. */
 #ifndef CORVEX_THREAD_H
 #define CORVEX_THREAD_H
 
@@ -72,8 +72,8 @@ typedef void (*an_os_thread_start_address)(void* arg);
 CORVEX_API void OS_Init(void);
 
 /* Ends what one OS_Init began. The last one releases every descriptor, also those of threads that still run: they must not
- * use them, or the layer, any more. Not while one of them is parked in OS_Wait (the call may then never return) or, started
- * by the layer, is just ending. Attachable threads that nobody waited for are detached. */
+ * use them, or the layer, any more, until the next OS_Init. It waits for threads that are parked, which it wakes with null,
+ * and for those that it started and that are just ending. Attachable threads that nobody waited for are detached. */
 CORVEX_API void OS_Fini(void);
 
 /* The calling thread's descriptor, made when it has none; null when there is no memory. Thread-safe. */
@@ -86,7 +86,8 @@ CORVEX_API p_os_thread OS_Attach_Thread(void);
  * thread is attachable. Does nothing for a thread without a descriptor. Thread-safe. */
 CORVEX_API void OS_Detach_Thread(void);
 
-/* The descriptor's word of user data. Any thread, any descriptor; no lock: the word is written and read at once. */
+/* The descriptor's word of user data. Any thread, any descriptor; no lock: the word is written and read at once, and who
+ * reads a pointer there sees what its writer stored before. */
 CORVEX_API void OS_SetTLS(p_os_thread thread, void* value);
 CORVEX_API void* OS_GetTLS(p_os_thread thread);
 
@@ -139,8 +140,9 @@ CORVEX_API int OS_WaitOnThreadTermination(p_os_thread thread);
 /* ---- parking ---- */
 
 /* Parks the calling thread until it is woken; returns the value of the last wake-up. A wake-up that came before is not
- * lost: the call returns at once. Several before one wait count as one, with the last one's value. OS_WaitEx takes the
- * caller's own descriptor. */
+ * lost: the call returns at once. Several before one wait count as one, with the last one's value, which brings along all
+ * that its waker stored before. OS_WaitEx takes the caller's own descriptor. Null, too, when the last OS_Fini has been or
+ * comes meanwhile, and from OS_Wait when there is no descriptor for the thread: no memory, or the process is exiting. */
 CORVEX_API void* OS_Wait(void);
 CORVEX_API void* OS_WaitEx(p_os_thread me);
 

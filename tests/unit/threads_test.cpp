@@ -140,6 +140,87 @@ TEST_F(Threads, FiniReleasesDescriptorsOfThreadsThatStillRun)
     other.join();
 }
 
+TEST_F(Threads, FiniWakesParkedThreadsAndWaitsForEndingOnes)
+{
+    for (int round = 0; round < 100; round++) {
+        std::atomic<int> parked{0}, woken{0};
+        std::thread foreign([&] {
+            OS_Me();
+            parked++;
+            woken += OS_Wait() == nullptr;
+        });
+        const auto park = [&](void* of) {
+            static_cast<std::atomic<int>*>(of)[0]++;
+            OS_Wait();
+        };
+        static decltype(park)* body = nullptr;
+        body = &park;
+        for (int i = 0; i < 4; i++)
+            OS_Begin_Thread_Attachable([](void* of) { (*body)(of); }, nullptr, 0, &parked, nullptr, i % 2 == 0);
+        for (int i = 0; i < 3; i++)
+            OS_Begin_Thread_Attachable([](void*) { OS_End_Thread(); }, nullptr, 0, nullptr, nullptr, FALSE);
+        while (parked != 5)
+            usleep(10);
+        OS_Fini();
+        foreign.join();
+        EXPECT_EQ(woken, 1);
+        EXPECT_EQ(OS_Wait(), nullptr) << "nothing to wait on";
+        OS_Init();
+        EXPECT_EQ(table_size(), 1);
+    }
+}
+
+// Each kind of operation in a thread of its own, against all others.
+TEST_F(Threads, OperationsOfAllKindsRunSideBySide)
+{
+    static std::atomic<bool> stop;
+    stop = false;
+    p_os_thread main_thread = OS_Me();
+    long values[100] = {};
+    std::vector<std::thread> threads;
+    const auto repeat = [&](auto operation) {
+        threads.emplace_back([operation]() mutable {
+            OS_Attach_Thread();
+            while (!stop)
+                operation();
+            OS_Detach_Thread();
+        });
+    };
+    repeat([] {
+        OS_Init();
+        OS_Fini();
+    });
+    repeat([] {
+        OS_Attach_Thread();
+        OS_ThreadWalk([](p_os_thread thread, void*) { return OS_GetTLS(thread) ? OS_THREAD_STOP : OS_THREAD_CONTINUE; },
+                      nullptr);
+        OS_Detach_Thread();
+    });
+    repeat([] {
+        a_worker worker;
+        p_os_thread thread = start(worker, 0, "worker", TRUE);
+        finish(thread, &worker);
+        EXPECT_EQ(worker.got, &worker);
+        OS_Begin_Thread_Attachable([](void*) { OS_Attach_Thread(); }, nullptr, 0, nullptr, nullptr, FALSE);
+    });
+    repeat([&, i = 0L]() mutable {  // the value, and what it points to, reach the sleeper
+        long& value = values[i % 100];
+        __atomic_store_n(&value, ++i, __ATOMIC_RELAXED);
+        OS_SetTLS(main_thread, &value);
+        OS_Wakeup(main_thread, &value);
+    });
+    long last = 0;
+    for (int i = 0; i < 2000; i++) {
+        const long seen = __atomic_load_n(static_cast<long*>(OS_Wait()), __ATOMIC_RELAXED);
+        EXPECT_GE(seen, last) << "a stale value";
+        last = seen;
+    }
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_TRUE(wait_for_table(1));
+}
+
 TEST_F(Threads, StartRegistersNamesAndGivesTheStackAskedFor)
 {
     struct a_case {

@@ -20,7 +20,8 @@ namespace {
 constexpr uint32 interface_version = 0x10000b5d;
 constexpr int line_before_body = 514;  // what a mismatch is reported under
 constexpr int line_after_body = 516;
-constexpr size_t name_size = 16;  // the kernel's limit, the terminating NUL included
+constexpr size_t name_size = 16;         // the kernel's limit, the terminating NUL included
+constexpr size_t longest_character = 4;  // bytes in UTF-8
 
 struct os_helper_parms {
     p_os_thread parent;
@@ -38,8 +39,11 @@ void copy_name(char (&dst)[name_size], const char* name)
     size_t len = name != nullptr ? strnlen(name, name_size) : 0;
     if (len == name_size) {
         len = name_size - 1;
-        while (len > 0 && (uint8_t(name[len]) & 0xC0) == 0x80)  // a continuation byte would be cut off
-            len--;
+        size_t start = len;  // of the character that would be cut
+        while (start > len - longest_character && (uint8_t(name[start]) & 0xC0) == 0x80)
+            start--;
+        if ((uint8_t(name[start]) & 0xC0) != 0x80)
+            len = start;
     }
     memcpy(dst, name, len);
     dst[len] = '\0';
@@ -70,13 +74,29 @@ void begin_helper(void* _parms)
     if (me == nullptr)
         return;
     run_thread_body(func, parm);
-    remove_current_thread();
+    const an_os_stay stay;
+    if (stay.started)
+        remove_current_thread();
 }
 
 void* begin_routine(void* _parms)
 {
     begin_helper(_parms);
     return nullptr;
+}
+
+// Acquire: see OS_Wakeup.
+void* park(p_os_thread me)
+{
+    ut_pthread_waiton_semaphore(&me->wait);
+    return __atomic_load_n(&me->parm, __ATOMIC_ACQUIRE);
+}
+
+void detach_at_end()
+{
+    const an_os_stay stay;
+    if (stay.started)
+        OS_Detach_Thread();
 }
 
 // A thread that could not register has ended, or soon will: its stack is given back.
@@ -115,30 +135,35 @@ p_os_thread OS_Begin_Thread_Attachable(an_os_thread_start_address start_address,
     return block.child;
 }
 
-// Relaxed: the semaphore's read-modify-writes order the value on both sides.
 void* OS_WaitEx(p_os_thread me)
 {
-    ut_pthread_waiton_semaphore(&me->wait);
-    return __atomic_load_n(&me->parm, __ATOMIC_RELAXED);
+    const an_os_stay stay;
+    return stay.started ? park(me) : nullptr;
 }
 
-void* OS_Wait(void) { return OS_WaitEx(OS_Me()); }
+void* OS_Wait(void)
+{
+    const an_os_stay stay;
+    p_os_thread me = stay.started ? OS_Me() : nullptr;
+    return me != nullptr ? park(me) : nullptr;
+}
 
+// Release: the sleeper may find the value of a wake-up that has not signalled yet, and with it what it points to.
 void OS_Wakeup(p_os_thread thread, void* parm)
 {
-    __atomic_store_n(&thread->parm, parm, __ATOMIC_RELAXED);
+    __atomic_store_n(&thread->parm, parm, __ATOMIC_RELEASE);
     ut_pthread_signal_semaphore(&thread->wait);
 }
 
 void OS_End_Thread(void)
 {
-    OS_Detach_Thread();
+    detach_at_end();
     os_endthread();
 }
 
 void OS_End_Thread_Wakeup(p_os_thread waiter, void* parm)
 {
-    OS_Detach_Thread();
+    detach_at_end();
     OS_Wakeup(waiter, parm);
     os_endthread();
 }

@@ -17,6 +17,7 @@ char os_engname[engname_size];
 int os_engname_len = 0;
 a_bool os_running_as_engine = FALSE;
 a_mutex os_tmp_cleaner_mutex;
+pthread_mutex_t cleaner_mutex_reserve = PTHREAD_MUTEX_INITIALIZER;
 
 }  // namespace
 
@@ -51,9 +52,9 @@ void OS_SetRunningAsEngine(a_bool flag)
         return;
     os_running_as_engine = engine;
     if (engine)
-        OS_MutexInit(&os_tmp_cleaner_mutex);
+        os_mutex_init(&os_tmp_cleaner_mutex, cleaner_mutex_reserve);
     else
-        OS_MutexFini(&os_tmp_cleaner_mutex);
+        os_mutex_fini(&os_tmp_cleaner_mutex, cleaner_mutex_reserve);
 }
 
 void OS_GetTmpCleanerMutex(void)

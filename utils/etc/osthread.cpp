@@ -4,7 +4,18 @@
 // of starts; it is held only to link, unlink or walk, never across a join or a thread's body, and the pools' sections are
 // taken inside it. A descriptor is destroyed after it has left the table, outside the lock (but for OS_Fini). The table's
 // links are stored so that a process forked at any moment finds a sound list. Not signal-safe but for the fork step.
+//
+// The last OS_Fini releases descriptors under threads that may be parked on them, or that the layer has started and that
+// are just giving theirs up. Both are counted in `stays`, and OS_Fini wakes them and waits until they are gone:
+//
+//     thread                                OS_Fini
+//     count itself                          no start is left
+//     a start left? else keep off           somebody counted? then wait
+//
+// Both sides are sequentially consistent: either the thread keeps off, or OS_Fini waits for it.
 #include "utils/etc/osthread.h"
+
+#include <unistd.h>
 
 #include "utils/unix/utptmutex.h"
 #include "utils/unix/utptsem.h"
@@ -12,9 +23,13 @@
 
 namespace {
 
+constexpr unsigned pause_us = 50;  // between two looks at the threads that stay
+
 p_os_thread ThreadTable = nullptr;
 a_mutex ThreadTableMutex;
+pthread_mutex_t table_mutex_reserve = PTHREAD_MUTEX_INITIALIZER;
 uint32 ThreadTableMutex_initialized = 0;  // OS_Init calls that no OS_Fini has matched yet
+int32 stays = 0;                          // threads inside an_os_stay
 
 class a_table_lock {
 public:
@@ -36,10 +51,9 @@ p_os_thread* find_link(p_os_thread thread)
     return link;
 }
 
-// Relaxed: the first start is over before other threads come; the later ones change it under the mutex.
-uint32 starts() { return __atomic_load_n(&ThreadTableMutex_initialized, __ATOMIC_RELAXED); }
+uint32 starts() { return __atomic_load_n(&ThreadTableMutex_initialized, __ATOMIC_SEQ_CST); }
 
-void set_starts(uint32 count) { __atomic_store_n(&ThreadTableMutex_initialized, count, __ATOMIC_RELAXED); }
+void set_starts(uint32 count) { __atomic_store_n(&ThreadTableMutex_initialized, count, __ATOMIC_SEQ_CST); }
 
 // Relaxed: a thread finds its own id there only if it stored it itself.
 a_thread_id owner_of(const a_mutex* mutex) { return __atomic_load_n(&mutex->owner, __ATOMIC_RELAXED); }
@@ -110,11 +124,25 @@ void OS_MutexGive(p_mutex mutex)
     pthread_mutex_unlock(mutex->mutex.p_mutex);
 }
 
+void os_mutex_init(p_mutex mutex, pthread_mutex_t& reserve)
+{
+    OS_MutexInit(mutex);
+    if (mutex->mutex.p_mutex == nullptr)
+        mutex->mutex.p_mutex = &reserve;
+}
+
+void os_mutex_fini(p_mutex mutex, const pthread_mutex_t& reserve)
+{
+    if (mutex->mutex.p_mutex == &reserve)
+        mutex->mutex.p_mutex = nullptr;
+    OS_MutexFini(mutex);
+}
+
 // A mutex that the forking thread itself holds stays held: a walker may fork, and its walk goes on in the child.
 // Signal-safe.
 void os_mutex_fork_child(p_mutex mutex)
 {
-    if (owner_of(mutex) == pthread_self())
+    if (owner_of(mutex) == own_id())
         return;
     ut_safe_pthread_mutex_fork_child(&mutex->mutex);
     set_owner(mutex, 0);
@@ -194,10 +222,10 @@ void OS_Detach_Thread(void)
         remove_current_thread();
 }
 
-// Relaxed: the word orders nothing else.
-void OS_SetTLS(p_os_thread thread, void* value) { __atomic_store_n(&thread->tls, value, __ATOMIC_RELAXED); }
+// Release and acquire: who finds a pointer there finds what was stored behind it.
+void OS_SetTLS(p_os_thread thread, void* value) { __atomic_store_n(&thread->tls, value, __ATOMIC_RELEASE); }
 
-void* OS_GetTLS(p_os_thread thread) { return __atomic_load_n(&thread->tls, __ATOMIC_RELAXED); }
+void* OS_GetTLS(p_os_thread thread) { return __atomic_load_n(&thread->tls, __ATOMIC_ACQUIRE); }
 
 void OS_ThreadWalk(an_os_walker walker, void* parm)
 {
@@ -214,10 +242,45 @@ void OS_Init(void)
         set_starts(starts() + 1);
         return;
     }
-    OS_MutexInit(&ThreadTableMutex);
     set_starts(1);
+    os_mutex_init(&ThreadTableMutex, table_mutex_reserve);
     add_current_thread(FALSE);
 }
+
+an_os_stay::an_os_stay() : counted(stays), started(starts() != 0) {}
+
+namespace {
+
+// Wakes who is parked, until nobody stays: a thread may only now be on its way in. A wake-up that has come already keeps
+// its value.
+void send_everybody_away()
+{
+    while (__atomic_load_n(&stays, __ATOMIC_SEQ_CST) > 0) {
+        {
+            const a_table_lock lock;
+            for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next)
+                if (!ut_pthread_test_semaphore(&thread->wait))
+                    OS_Wakeup(thread, nullptr);
+        }
+        usleep(pause_us);
+    }
+}
+
+void release_table()
+{
+    const a_table_lock lock;
+    remove_current_thread();
+    while (ThreadTable != nullptr) {
+        p_os_thread thread = ThreadTable;
+        set_link(ThreadTable, thread->table_next);
+        // Nobody can wait for its end any more: its stack goes with it.
+        if (thread->attachable && thread->tid != os_no_thread)
+            pthread_detach(thread->tid);
+        delete thread;
+    }
+}
+
+}  // namespace
 
 void OS_Fini(void)
 {
@@ -226,17 +289,10 @@ void OS_Fini(void)
         set_starts(starts() - 1);
         if (starts() != 0)
             return;
-        remove_current_thread();
-        while (ThreadTable != nullptr) {
-            p_os_thread thread = ThreadTable;
-            set_link(ThreadTable, thread->table_next);
-            // Nobody can wait for its end any more: its stack goes with it.
-            if (thread->attachable && thread->tid != os_no_thread)
-                pthread_detach(thread->tid);
-            delete thread;
-        }
     }
-    OS_MutexFini(&ThreadTableMutex);
+    send_everybody_away();
+    release_table();
+    os_mutex_fini(&ThreadTableMutex, table_mutex_reserve);
     TLSMe.Reinitialize();
 }
 
@@ -244,8 +300,7 @@ void OS_Fini(void)
 // Signal-safe.
 void os_thread_fork_child()
 {
-    if (starts() == 0)
-        return;
+    __atomic_store_n(&stays, 0, __ATOMIC_RELAXED);
     os_mutex_fork_child(&ThreadTableMutex);
     for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next) {
         ut_pthread_semaphore_fork_child(&thread->wait);

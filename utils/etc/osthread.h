@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include "corvex/thread.h"
+#include "utils/unix/unixfork.h"
 
 // A thread-local pointer to a T. The key has no destructor routine: a thread that ends leaves its T alone.
 template <typename T>
@@ -45,6 +46,19 @@ bool os_in_table(p_os_thread thread);
 void os_remove_from_table(p_os_thread thread);
 
 inline constexpr a_thread_id os_no_thread = ~a_thread_id(0);  // the id of a thread that there is not (yet)
+
+// A scope in which a thread touches its descriptor without having just asked for it: parked on it, or giving it up at its
+// end. The last OS_Fini waits for all of them; while `started` is false the thread must keep off.
+struct an_os_stay {
+    an_os_stay();
+
+    const a_counted counted;
+    const bool started;
+};
+
+// A mutex of the layer itself, which must work also when there is no memory: then it is the reserve.
+void os_mutex_init(p_mutex mutex, pthread_mutex_t& reserve);
+void os_mutex_fini(p_mutex mutex, const pthread_mutex_t& reserve);
 
 // Frees every lock of the layer in a forked child, but those that the forking thread itself holds.
 void os_thread_fork_child();

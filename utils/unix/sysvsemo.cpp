@@ -15,8 +15,8 @@
 // ends soon; it is bounded all the same. Nothing can deadlock: nobody waits for a lock; nothing can leak: every set is
 // registered, or not there, whenever a signal can come.
 //
-// A forked child inherits list and registry; `fork_generation` tells its own sets from its parent's. All are its parent's
-// until its fork handlers have run (unixfork.h).
+// A forked child inherits list and registry; the number of forks behind it tells its own sets from its parent's. All are
+// its parent's until its fork handlers have run (unixfork.h).
 #include "utils/unix/sysvsemo.h"
 
 #include <errno.h>
@@ -67,12 +67,11 @@ uint32 max_displacement =
 uint32 used_slots = 0;  // no entry from this slot on
 int32 num_registered = 0;
 
-uint32 fork_generation = 0;  // forks behind this process
-int32 creators = 0;          // threads that are making a kernel set
-int32 cleaners = 0;          // threads that are inside the cleanup
-uint32 cleanups = 0;         // cleanups that have ended
-uint32 cleanups_seen = 0;    // those that the list has caught up with
-uint32 forks_seen = 0;       // the same for forks
+int32 creators = 0;        // threads that are making a kernel set
+int32 cleaners = 0;        // threads that are inside the cleanup
+uint32 cleanups = 0;       // cleanups that have ended
+uint32 cleanups_seen = 0;  // those that the list has caught up with
+uint32 forks_seen = 0;     // the same for forks
 
 constexpr uint32 slot_of(int32 ident, uint32 displacement) { return (uint32(ident) + displacement) % num_slots; }
 
@@ -147,7 +146,7 @@ bool is_foreign(uint32 forks)
 {
     if (!unix_is_home_process())
         return true;
-    return UnixForkProtection_IsChild() && forks != __atomic_load_n(&fork_generation, __ATOMIC_RELAXED);
+    return UnixForkProtection_IsChild() && forks != unix_fork_count();
 }
 
 // Signal-safe.
@@ -165,29 +164,6 @@ void remove_registered_sets()
         clear_entry(slot, entry);
     }
 }
-
-// A thread that is counted, for a scope. A child that was forked by a handler within has forgotten it. Sequentially
-// consistent with those who look at the count.
-class a_counted {
-public:
-    // Signal-safe.
-    explicit a_counted(int32& of) : count(of), forks(__atomic_load_n(&fork_generation, __ATOMIC_RELAXED))
-    {
-        __atomic_add_fetch(&count, 1, __ATOMIC_SEQ_CST);
-    }
-    // Signal-safe.
-    ~a_counted()
-    {
-        if (forks == __atomic_load_n(&fork_generation, __ATOMIC_RELAXED))
-            __atomic_sub_fetch(&count, 1, __ATOMIC_SEQ_CST);
-    }
-    a_counted(const a_counted&) = delete;
-    a_counted& operator=(const a_counted&) = delete;
-
-private:
-    int32& count;
-    uint32 forks;
-};
 
 // ---- making kernel sets ----
 
@@ -409,7 +385,7 @@ void c_bit_array::clear_all()
 
 // ---- c_sysv_semaphore_set ----
 
-c_sysv_semaphore_set::c_sysv_semaphore_set() : _ident(0), _num_used(0), _bitarray(nullptr), _forks(fork_generation)
+c_sysv_semaphore_set::c_sysv_semaphore_set() : _ident(0), _num_used(0), _bitarray(nullptr), _forks(unix_fork_count())
 {
     if (MAX_NSEMS == 0)
         get_max_semaphore_set_size();
@@ -555,8 +531,8 @@ void c_sysv_sema_set_list::drop_removed_sets()
 // Brings the list up to what forks and cleanups have done since the last operation.
 void c_sysv_sema_set_list::catch_up()
 {
-    if (forks_seen != fork_generation) {
-        forks_seen = fork_generation;
+    if (forks_seen != unix_fork_count()) {
+        forks_seen = unix_fork_count();
         relink_after_fork();
     }
     const uint32 ended = __atomic_load_n(&cleanups, __ATOMIC_ACQUIRE);
@@ -652,7 +628,6 @@ void sysv_list_fini_semaphore()
 // Signal-safe.
 void sysv_list_fork_child()
 {
-    __atomic_add_fetch(&fork_generation, 1u, __ATOMIC_RELAXED);
     __atomic_store_n(&creators, 0, __ATOMIC_RELAXED);
     __atomic_store_n(&cleaners, 0, __ATOMIC_RELAXED);
     __atomic_store_n(&users, 0, __ATOMIC_RELAXED);

@@ -63,7 +63,7 @@ private:
     int32 _ident;
     int64_t _num_used;
     c_bit_array* _bitarray;  // null while no set is open, and for sets of one
-    uint32 _forks;           // which process of a family opened it, see fork_generation
+    uint32 _forks;           // which process of a family opened it, as unix_fork_count counts them
 };
 
 class c_sysv_semaphore_set_list : public c_utils_list_base {

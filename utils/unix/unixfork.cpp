@@ -13,6 +13,7 @@ namespace {
 int initialization_count = 0;
 a_bool in_child_process = FALSE;
 pid_t home_pid = 0;
+uint32 forks = 0;
 
 // Signal-safe.
 void atfork_prepare() {}
@@ -21,7 +22,11 @@ void atfork_prepare() {}
 void atfork_parent() {}
 
 // Signal-safe.
-void atfork_child() { __atomic_store_n(&in_child_process, TRUE, __ATOMIC_RELAXED); }
+void atfork_child()
+{
+    __atomic_add_fetch(&forks, 1u, __ATOMIC_RELAXED);
+    __atomic_store_n(&in_child_process, TRUE, __ATOMIC_RELAXED);
+}
 
 }  // namespace
 
@@ -47,3 +52,7 @@ bool unix_is_home_process() { return __atomic_load_n(&home_pid, __ATOMIC_ACQUIRE
 
 // Signal-safe.
 void unix_make_home_process() { __atomic_store_n(&home_pid, getpid(), __ATOMIC_RELEASE); }
+
+// Relaxed: it changes only where there is one thread.
+// Signal-safe.
+uint32 unix_fork_count() { return __atomic_load_n(&forks, __ATOMIC_RELAXED); }

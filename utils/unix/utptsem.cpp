@@ -16,6 +16,7 @@
 #include <errno.h>
 #include <sys/time.h>
 
+#include "utils/unix/unixcancel.h"
 #include "utils/unix/utptmutex.h"
 
 namespace {
@@ -47,6 +48,14 @@ void consume(a_ut_pthread_semaphore* sem)
 #else
     __atomic_store_n(&sem->set, FALSE, __ATOMIC_RELAXED);
 #endif
+}
+
+// A thread that were cancelled in here would leave the mutex locked.
+void wait_until_set(a_ut_pthread_semaphore* sem)
+{
+    const an_uncancelled_scope uncancelled;
+    while (!is_set(sem))
+        ut_safe_pthread_cond_wait(&sem->cv, &sem->mutex);
 }
 
 struct timespec deadline_in(unsigned int timeout_in_ms)
@@ -102,8 +111,8 @@ a_bool ut_pthread_signal_semaphore(a_ut_pthread_semaphore* sem)
 a_bool ut_pthread_waiton_semaphore(a_ut_pthread_semaphore* sem)
 {
     const a_sem_lock lock(sem);
-    while (!is_set(sem))
-        ut_safe_pthread_cond_wait(&sem->cv, &sem->mutex);
+    if (!is_set(sem))
+        wait_until_set(sem);
     consume(sem);
     return TRUE;
 }
@@ -112,6 +121,7 @@ a_bool ut_pthread_waiton_semaphore_timed(a_ut_pthread_semaphore* sem, unsigned i
 {
     const struct timespec deadline = deadline_in(timeout_in_ms);
     const a_sem_lock lock(sem);
+    const an_uncancelled_scope uncancelled;
     int rc = 0;
     while (!is_set(sem) && rc != ETIMEDOUT)
         rc = ut_safe_pthread_cond_timedwait(&sem->cv, &sem->mutex, &deadline);

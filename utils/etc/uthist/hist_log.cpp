@@ -16,7 +16,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <pthread.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -25,6 +24,7 @@
 #include "utils/etc/uthist/hist_config.h"
 #include "utils/etc/uthist/hist_events.h"
 #include "utils/etc/uthist/hist_stats.h"
+#include "utils/unix/unixcancel.h"
 #include "utils/unix/unixsigs.h"
 
 namespace {
@@ -198,20 +198,6 @@ uint64 dump_state() { return __atomic_load_n(&hist.dump_state, __ATOMIC_RELAXED)
 
 // Signal-safe.
 bool runs_for(uint32 owner) { return uint32(dump_state() >> 32) == owner; }
-
-// A thread that is cancelled must not vanish in the middle of a dump: dumps and locks would be lost to all others.
-class an_uncancelled_scope {
-public:
-    // Signal-safe.
-    an_uncancelled_scope() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &kept); }
-    // Signal-safe.
-    ~an_uncancelled_scope() { pthread_setcancelstate(kept, nullptr); }
-    an_uncancelled_scope(const an_uncancelled_scope&) = delete;
-    an_uncancelled_scope& operator=(const an_uncancelled_scope&) = delete;
-
-private:
-    int kept;
-};
 
 // Signal-safe.
 bool running() { return __atomic_load_n(&hist.hist_initialized, __ATOMIC_ACQUIRE); }

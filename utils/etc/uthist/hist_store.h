@@ -29,6 +29,7 @@
 
 #include "corvex/hist.h"
 #include "corvex/ptmutex.h"
+#include "utils/unix/unixfork.h"
 
 struct a_ut_hist_dump;
 
@@ -152,7 +153,7 @@ struct alignas(cache_line) a_ut_hist_store {
     bool hist_initialized;
     bool hist_ok_to_dump;
     int32 sig_handler_installed;
-    uint32 fork_count;     // forks behind this process since load, see a_hist_lock
+    uint32 fork_count;     // unix_fork_count, on a line that every event reads
     a_ut_hist_dump* dump;  // owned; the buffers of the one dump that may run
     void* evs_block;       // owned; the allocation behind hist_evs
     a_critical_sect hist_ids_mutex;
@@ -212,30 +213,18 @@ private:
     uint32 forks = 0;
 };
 
-// A thread that dumps or registers an id, for a scope. Sequentially consistent with shut-down, which first sets `closing`
-// and then waits for the users: either it sees this one, or this one sees that it closes. A child that was forked in a
-// handler has forgotten its users.
+// A thread that dumps or registers an id, for a scope. Shut-down first sets `closing` and then waits for the users: either
+// it sees this one, or this one sees that it closes.
 class a_hist_user {
 public:
     // Signal-safe.
-    a_hist_user() : forks(__atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED))
-    {
-        __atomic_add_fetch(&hist.users, 1, __ATOMIC_SEQ_CST);
-    }
-    // Signal-safe.
-    ~a_hist_user()
-    {
-        if (forks == __atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED))
-            __atomic_sub_fetch(&hist.users, 1, __ATOMIC_SEQ_CST);
-    }
-    a_hist_user(const a_hist_user&) = delete;
-    a_hist_user& operator=(const a_hist_user&) = delete;
+    a_hist_user() : counted(hist.users) {}
 
     // Signal-safe.
     bool has_store() const { return !__atomic_load_n(&hist.closing, __ATOMIC_SEQ_CST) && hist.hist_evs != nullptr; }
 
 private:
-    uint32 forks;
+    a_counted counted;
 };
 
 // All queues' mutexes for a scope, taken and given back in ascending order.

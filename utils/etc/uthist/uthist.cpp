@@ -123,7 +123,7 @@ void ut_hist_fini(void)
 // Signal-safe.
 void ut_hist_fork_child()
 {
-    __atomic_add_fetch(&hist.fork_count, 1u, __ATOMIC_RELAXED);
+    __atomic_store_n(&hist.fork_count, unix_fork_count(), __ATOMIC_RELAXED);
     __atomic_store_n(&hist.users, 0, __ATOMIC_RELAXED);
     hist_slots_fork_child();
     for (a_ut_hist_thread& thread : hist.threads)

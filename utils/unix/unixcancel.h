@@ -1,0 +1,21 @@
+// unixcancel.h: keeps a thread from being cancelled where it holds what others need.
+#ifndef UNIX_UNIXCANCEL_H
+#define UNIX_UNIXCANCEL_H
+
+#include <pthread.h>
+
+// A cancellation that is pending, or comes, waits for the end of the scope.
+class an_uncancelled_scope {
+public:
+    // Signal-safe.
+    an_uncancelled_scope() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &kept); }
+    // Signal-safe.
+    ~an_uncancelled_scope() { pthread_setcancelstate(kept, nullptr); }
+    an_uncancelled_scope(const an_uncancelled_scope&) = delete;
+    an_uncancelled_scope& operator=(const an_uncancelled_scope&) = delete;
+
+private:
+    int kept;
+};
+
+#endif
