@@ -94,7 +94,8 @@ TEST(ForkedChild, StopsNothingAtItsExitUnlessReset)
     }
 }
 
-// One life of the library in this process: handlers are installed and a timed pair of events is recorded.
+// One life of the library in this process: handlers are installed, a timed pair of events is recorded, and a thread of the
+// library runs.
 void load_and_unload()
 {
     void* library = dlopen(LIBRARY_FILE, RTLD_NOW);
@@ -108,6 +109,15 @@ void load_and_unload()
     void* id = id_alloc("file.c", 1, "work");
     for (int cl : {3, 4})
         add("file.c", 2, nullptr, cl, id, "event", 0, 0, 0, 0, 0, 0, 0, 0, 0);
+    const auto call = [library](const char* name) { reinterpret_cast<void (*)()>(dlsym(library, name))(); };
+    using a_begin = void* (*)(void (*)(void*), void*, unsigned, void*, const char*, uint32_t);
+    call("OS_Init");
+    int ran = 0;
+    void* thread = reinterpret_cast<a_begin>(dlsym(library, "OS_Begin_Thread_Attachable"))(
+        [](void* done) { *static_cast<int*>(done) = 1; }, nullptr, 0, &ran, "loaded", 1);
+    reinterpret_cast<int (*)(void*)>(dlsym(library, "OS_WaitOnThreadTermination"))(thread);
+    EXPECT_EQ(ran, 1);
+    call("OS_Fini");
     dlclose(library);
 }
 

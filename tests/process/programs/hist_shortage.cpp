@@ -4,13 +4,9 @@
 #include <stdlib.h>
 
 #include "corvex/corvex.h"
+#include "failing_calls.h"
 
 namespace {
-
-long live = 0;     // blocks given out
-long fail_in = 0;  // the allocation that fails from now on; 0: none
-
-bool fails() { return fail_in > 0 && --fail_in == 0; }
 
 void live_on(a_ut_hist_id id)
 {
@@ -25,27 +21,6 @@ void live_on(a_ut_hist_id id)
 
 }  // namespace
 
-extern "C" void* __libc_malloc(size_t size);
-extern "C" void* __libc_calloc(size_t n, size_t size);
-extern "C" void __libc_free(void* block);
-extern "C" void* malloc(size_t size)
-{
-    void* block = fails() ? nullptr : __libc_malloc(size);
-    live += block != nullptr;
-    return block;
-}
-extern "C" void* calloc(size_t n, size_t size)
-{
-    void* block = fails() ? nullptr : __libc_calloc(n, size);
-    live += block != nullptr;
-    return block;
-}
-extern "C" void free(void* block)
-{
-    live -= block != nullptr;
-    __libc_free(block);
-}
-
 int main(int, char** argv)
 {
     setvbuf(stdout, nullptr, _IONBF, 0);
@@ -53,7 +28,7 @@ int main(int, char** argv)
     ut_hist_init();  // what the C library keeps for good it allocates now
     live_on(ut_hist_id_alloc("f.c", 1, "id"));
     ut_hist_fini();
-    const long before = live;
+    const long before = live_blocks;
     int off = 0, leaks = 0;
     for (long k = 1;; k++) {
         fail_in = k;
@@ -63,7 +38,7 @@ int main(int, char** argv)
         off += ut_hist_debug == 0;
         live_on(ut_hist_id_alloc("f.c", 1, "id"));
         ut_hist_fini();
-        leaks += live != before;
+        leaks += live_blocks != before;
         if (!missed)
             break;
     }
@@ -75,7 +50,7 @@ int main(int, char** argv)
         const bool missed = fail_in == 0;
         fail_in = 0;
         ut_hist_fini();
-        leaks += live != before;
+        leaks += live_blocks != before;
         if (!missed)
             break;
     }

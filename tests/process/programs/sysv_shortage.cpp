@@ -1,6 +1,5 @@
 // sysv_shortage.cpp: lets the k-th kernel call or allocation of an opening and closing fail, for every k, and the first sets
 // come back with identifier 0; afterwards no kernel set and no block may be left, and the library still works.
-#include <errno.h>
 #include <sched.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -10,20 +9,13 @@
 #include <unistd.h>
 
 #include "corvex/corvex.h"
+#include "failing_calls.h"
 
 namespace {
 
-long fail_in = 0;  // the call that fails from now on; 0: none
-long live_blocks = 0;
 long live_sets = 0;
 long zeros = 0;  // sets that are still to come back as 0
 bool zero_lives = false;
-
-bool fails()
-{
-    errno = ENOMEM;
-    return fail_in > 0 && --fail_in == 0;
-}
 
 void check(bool good, const char* what, long k)
 {
@@ -78,20 +70,6 @@ extern "C" int semctl(int id, int n, int command, ...) noexcept
     const int result = int(syscall(SYS_semctl, id, n, command, arg));
     live_sets -= command == IPC_RMID && result == 0;
     return result;
-}
-
-extern "C" void* __libc_malloc(size_t size);
-extern "C" void __libc_free(void* block);
-extern "C" void* malloc(size_t size)
-{
-    void* block = fails() ? nullptr : __libc_malloc(size);
-    live_blocks += block != nullptr;
-    return block;
-}
-extern "C" void free(void* block)
-{
-    live_blocks -= block != nullptr;
-    __libc_free(block);
 }
 
 int main()
