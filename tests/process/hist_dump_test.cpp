@@ -9,26 +9,7 @@ TEST(HistDump, ShowsAllColumnsDataBlocksAndStatistics)
          "end L Q rows 42", "tick 1000001", "mask 2", "mask 14", "ev - C begin 1 2 3 pn=2",
          "data - Q2 blob 0x100020 20 @/a/way/to/some/source/file.c:99999", "odd - - -", "slot 300", "ev - - lost",
          "slot 255", "null - an-id-longer-than-15 x @-:0", "setting 0", "dump"});
-    EXPECT_EQ(seen.log, R"(********** HISTORY DUMP BIGIN @ 2023/11/14 22:13:21 (res=0) **********
-    time..milli   duration  Q  Ev_Num Thr SigM Pr                Ev_ID        Event C  P1(hex)  P2(hex) Line File....
-........ ......
-22:13:20.000000   -.-       0       1   7       0                query       select >      0x1    0xabc    1 play.c
-22:13:20.000250   -.-       1       2   7       0           SigHandler from-handler -      ...      ...    1 play.c
-22:13:20.000250   0.000250  0       3   7       0                query         rows <     0x2a      ...    1 play.c
-22:13:21.000251   -.-       0       4   7  IA   0           commit-all        begin -      0x1      0x2    1 play.c
-22:13:21.000251   -.-       2       5   7  IA   0                   Q2         blob + 0x100020     0x1499999 /a/way/to/some/source/file.c (1+0+20)
-		0000/0000: 20 21 22 23 24 25 26 27 28 29 2a 2b 2c 2d 2e 2f | !"#$%&'()*+,-./|
-		0016/0010: 30 31 32 33                                     |0123            |
-22:13:21.000251   -.-       0       6   7  IA   0                    -            ? ?      ...      ...    1 play.c
-22:13:21.000251   -.-       0       7 255  IA   0 an-id-longer-than-15            x N      ...      ...    0 <no_file>
-********** STATISTICS DUMP BIGIN @ 2023/11/14 22:13:21 (res=0) **********
-ID Description                 Count Min_s..milli Avg_s..milli Max_s..milli Line File....
- 0 query                       ----- -----.------ -----.------ -----.------   12 dir/q.c
-   > BEG -  0 END query            1     0.000250     0.000250     0.000250
-   > END -  1 EV  commit-all       1     1.000001     1.000001     1.000001
- 1 commit-all                  ----- -----.------ -----.------ -----.------    7
-********** HISTORY DUMP END @ 2023/11/14 22:13:21 (1 missed, thr=300) **********
-)");
+    EXPECT_EQ(seen.log, expected("all_columns.log"));
     EXPECT_EQ(seen.err, R"(@ 2023/11/14 22:13:21 ..........
 ********** Dumping history to (ut_hist.log) # 7
 @ 2023/11/14 22:13:21 ..........
@@ -71,39 +52,6 @@ TEST(HistDump, ReadsNoTextBeyondItsEnd)
                     (len < 23 ? text : text.substr(len - 22)) + "\n";
     }
     EXPECT_EQ(rows(played("ia-id-in-it-ic-il-", script).err), expected);
-}
-
-TEST(HistDump, EachColumnHasItsSwitch)
-{
-    struct a_case {
-        const char* letter;
-        const char* header;
-        const char* row;
-    };
-    const a_case cases[] = {
-        {"a", "    time..milli", "22:13:20.000000"},
-        {"d", "   duration", "   -.-     "},
-        {"q", "  Q", "  0"},
-        {"n", "  Ev_Num", "       1"},
-        {"t", " Thr", "   7"},
-        {"m", " SigM", "     "},
-        {"r", " Pr", "  0"},
-        {"i", " Ev_ID", "     -"},
-        {"e", " Event", "     e"},
-        {"c", " C", " -"},
-        {"p", "  P1(hex)", "    (nil)"},
-        {"l", " Line", "    1"},
-        {"s", " File....", " play.c"},
-    };
-    const std::string none = "ia-ic-id-ie-ii-il-im-in-ip-iq-ir-is-it-";
-    for (const a_case& c : cases)
-        EXPECT_EQ(played(none + "i" + c.letter, {"ev - - e 0"}).err,
-                  std::string("@ 2023/11/14 22:13:20 ..........\n"
-                              "********** HISTORY DUMP BIGIN @ 2023/11/14 22:13:20 (res=0) **********\n") +
-                      c.header + "\n........ ......\n" + c.row +
-                      "\n********** HISTORY DUMP END @ 2023/11/14 22:13:20 (0 missed, thr=0) **********\n")
-            << c.letter;
-    EXPECT_EQ(rows(played(none + "im+", {"setting 1", "file x", "ev - - e"}).err), "........ ......\n     \n");
 }
 
 TEST(HistDump, EndsEveryLineAsConfigured)
@@ -248,19 +196,4 @@ TEST(HistDump, ShowsLocalTimeAcrossSummerTimeAlsoInASignalHandler)
                      {"TZ=CET-1CEST,M3.5.0,M10.5.0/3"})
                   .err,
               expected);
-}
-
-TEST(HistDump, LaysItsTextsOutForTheWidestDescription)
-{
-    EXPECT_NE(played("kis-il-", {})
-                  .err.find("\nID Description                 Count Min_s..milli Avg_s..milli Max_s..milli\n"
-                            "********** HISTORY DUMP END"),
-              std::string::npos);
-    a_text_list script;
-    for (int i = 0; i < 101; i++)
-        script.push_back("id A 1 - d");
-    EXPECT_NE(played("k101is-il-", script)
-                  .err.find("\n100 d                           ----- -----.------ -----.------ -----.------\n"),
-              std::string::npos)
-        << "three digits widen the column";
 }

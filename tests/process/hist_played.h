@@ -43,6 +43,9 @@ inline a_played played(const std::string& options, const a_text_list& script, co
     return {result.out, result.err, read_file(dir.path + "/ut_hist.log"), read_file(dir.path + "/ut_hist.out")};
 }
 
+// A text of tests/process/expected.
+inline std::string expected(const std::string& name) { return read_file(SOURCE_DIR "/tests/process/expected/" + name); }
+
 // The rows of the event table alone, without banners, header and statistics.
 inline std::string rows(const std::string& dump)
 {

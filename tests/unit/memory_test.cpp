@@ -1,4 +1,4 @@
-// The allocation wrappers, the fatal-error report and the pools, also short of memory; print channels; the environment.
+// The allocation wrappers, the fatal-error report and the pools, also short of memory; print channels.
 #include <errno.h>
 #include <malloc.h>
 #include <stdarg.h>
@@ -10,7 +10,6 @@
 #include "corvex/print.h"
 #include "corvex/ptcondvar.h"
 #include "tests/child.h"
-#include "utils/etc/utenv.h"
 #include "utils/etc/utfatal.h"
 #include "utils/unix/utptmutex.h"
 
@@ -145,18 +144,6 @@ TEST(PrintChannels, WriteToTheirStreamsUnlessRedirectedAndCutLongTexts)
               }));
     EXPECT_EQ("a%sb", testing::internal::GetCapturedStderr());
     EXPECT_EQ(longest + "|" + longest + "|", got);
-}
-
-TEST(Environment, IsCopiedIntoExactlyTheCallersBuffer)
-{
-    char buf[] = "##########";
-    EXPECT_EQ(nullptr, ut_getenv("CORVEX_T", buf, 8));
-    EXPECT_STREQ("##########", buf);
-    for (const char* value : {"12345678", "abc\0\0\0\0", "\0\0\0\0\0\0\0"}) {
-        setenv("CORVEX_T", value, 1);
-        EXPECT_EQ(buf, ut_getenv("CORVEX_T", buf, 8));
-        EXPECT_EQ(std::string(value, 7) + std::string("\0##", 3), std::string(buf, 10));
-    }
 }
 
 }  // namespace
