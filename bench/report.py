@@ -27,6 +27,26 @@ LOADS_PER_RUN = 3
 
 AT_MOST, AT_LEAST = "at most", "at least"
 
+# The last part of a peer's benchmark names -> what the table calls its recursive mutex, its flag, its thread.
+THREAD_PEERS = {
+    "std": ("std::recursive_mutex", "std::condition_variable", "std::thread and condition_variable"),
+    "std_sem": (None, "std::binary_semaphore", "std::thread and binary_semaphore"),
+    "c11": ("C11 mtx_recursive", "C11 cnd_t", "C11 thrd_t and cnd_t"),
+    "glib": ("GLib GRecMutex", "GLib GCond", "GLib GThread and GCond"),
+    "apr": ("APR nested mutex", "APR thread_cond", "APR thread and thread_cond"),
+    "nspr": ("NSPR PRMonitor", "NSPR PRCondVar", "NSPR PRThread and PRCondVar"),
+    "uv": ("libuv recursive mutex", "libuv uv_cond", "libuv uv_thread and uv_cond"),
+    "uv_sem": (None, "libuv uv_sem", "libuv uv_thread and uv_sem"),
+}
+MUTEX, FLAG, THREAD = range(3)
+
+
+def peer_rows(what, measure, part):
+    """The layer's side of a measure beside that of each of its peers."""
+    return [(what, names[part], f"{measure}/layer", f"{measure}/{peer}", None) for peer, names in THREAD_PEERS.items()
+            if names[part]]
+
+
 # Measured, compared with, name of the one, name of the other, goal: a row each. A name may end in "#counter".
 ROWS = [
     ("event, shared queue, copy mode", "floor", "event/shared/copy/history", "event/shared/copy/floor", (AT_MOST, 1.0)),
@@ -55,15 +75,18 @@ ROWS = [
     ("timer's own cost, subtracted above", "one event, warm", "latency/warm#timer", "latency/warm#history_p50", None),
     ("safe mutex, lock and unlock", "pthread", "mutex/safe", "mutex/pthread", (AT_MOST, 1.1)),
     ("recursive mutex, lock and unlock", "pthread's", "recursive/layer", "recursive/pthread", (AT_MOST, 1.1)),
-    ("recursive mutex, lock and unlock", "std::recursive_mutex", "recursive/layer", "recursive/std", None),
+    *peer_rows("recursive mutex, lock and unlock", "recursive", MUTEX),
     ("recursive mutex, entered again", "pthread's", "reentry/layer", "reentry/pthread", (AT_MOST, 1.0)),
-    ("recursive mutex, entered again", "std::recursive_mutex", "reentry/layer", "reentry/std", None),
+    *peer_rows("recursive mutex, entered again", "reentry", MUTEX),
     ("semaphore, signal and wait", "condition variable by hand", "semaphore/layer", "semaphore/hand", (AT_MOST, 1.1)),
+    *peer_rows("semaphore, signal and wait", "semaphore", FLAG),
     ("semaphore, signal when set", "full fence", "semaphore/set", "semaphore/fence", (AT_MOST, 1.2)),
     ("two parked threads wake each other", "condition variable by hand", "park/two/layer", "park/two/hand",
      (AT_MOST, 1.0)),
+    *peer_rows("two parked threads wake each other", "park/two", FLAG),
     ("thread, start and join", "pthread_create and a handshake by hand", "start/two/layer", "start/two/hand",
      (AT_MOST, 1.1)),
+    *peer_rows("thread, start and join", "start/two", THREAD),
     ("SysV semaphore, open and close, 1 other open", "semctl(SETVAL)", "sysv/open_close/1", "sysv/setval",
      (AT_MOST, 1.3)),
     ("SysV semaphore, open and close, 31999 others open", "semctl(SETVAL)", "sysv/open_close/31999", "sysv/setval",
