@@ -92,9 +92,16 @@ ROWS = [
     ("SysV semaphore, open and close, 31999 others open", "semctl(SETVAL)", "sysv/open_close/31999", "sysv/setval",
      (AT_MOST, 1.3)),
     ("SysV semaphore, open and close", "a kernel set of its own", "sysv/open_close/1000", "sysv/semget", None),
+    *(("SysV semaphore, sets of one, open and close, " + others, "a kernel set by hand",
+       f"ones/sysv/open_close/{others.split()[0]}", "ones/sysv/semget", None)
+      for others in ("1 other open", "1000 others open", "31000 others open")),
     ("dump, a row", "digits by hand", "dump/history", "dump/digits", (AT_MOST, 1.5)),
     ("fprintf, a row", "dump, a row", "dump/fprintf", "dump/history", (AT_LEAST, 3.0)),
 ]
+
+# A second run, with this environment, of these benchmarks: "ones/" before their names above.
+SETS_OF_ONE = {"TBX_MAX_NSEMS": "1"}
+SETS_OF_ONE_RUNS = "^sysv/(open_close|semget)"
 
 # Name, UT_HIST (none: off), further arguments of the demo. Each is compared with the history off.
 LOADS = [
@@ -156,12 +163,12 @@ class LttngSession:
 
 
 def clean_environment():
-    return {name: value for name, value in os.environ.items() if not name.startswith("UT_HIST")}
+    return {name: value for name, value in os.environ.items() if not name.startswith(("UT_HIST", "TBX_"))}
 
 
-def run_benchmarks(program, env):
-    """Name -> value of one repetition each, in ns."""
-    command = [program, "--benchmark_format=json", f"--benchmark_min_time={MIN_SECONDS}",
+def run_benchmarks(program, env, which="."):
+    """Name -> value of one repetition each, in ns, of the benchmarks whose names match."""
+    command = [program, f"--benchmark_filter={which}", "--benchmark_format=json", f"--benchmark_min_time={MIN_SECONDS}",
                f"--benchmark_repetitions={REPETITIONS}", "--benchmark_enable_random_interleaving=true"]
     output = subprocess.run(command, env=env, check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
     values = {}
@@ -250,6 +257,9 @@ def main():
             session.count_recorded()
     if not session.recorded:
         values.pop("event/lttng", None)
+
+    ones = run_benchmarks(build / "bench" / "bench_corvex", dict(clean_environment(), **SETS_OF_ONE), SETS_OF_ONE_RUNS)
+    values.update(("ones/" + name, of) for name, of in ones.items())
 
     rows = [*ratio_rows(values), scaling_row(values)]
     demo = build / "examples" / "demo_server"

@@ -1,6 +1,8 @@
-// sysv.cpp: opening and closing a System V semaphore, with 1 to 31999 others open, beside the one semctl(SETVAL) inside it, a
-// kernel set per semaphore, and sem_init. TBX_MAX_NSEMS is read once: by default a set has the kernel's 32000 members.
+// sysv.cpp: opening and closing a System V semaphore, with 1 to 31999 others open, beside the one semctl(SETVAL) inside
+// it, a kernel set per semaphore, and sem_init. TBX_MAX_NSEMS is read once: by default a set has the kernel's 32000
+// members. The report runs this once more with sets of one.
 #include <semaphore.h>
+#include <stdlib.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
@@ -26,7 +28,13 @@ void sysv_open_close(benchmark::State& state)
     for (a_sysv_semaphore& s : others)
         sysv_close_semaphore(&s);
 }
-BENCHMARK(sysv_open_close)->Name("sysv/open_close")->Arg(1)->Arg(1000)->Arg(31999);
+
+// A full set; of sets of one, fewer than the 32000 that the kernel keeps for all processes.
+void others_open(benchmark::internal::Benchmark* benchmark)
+{
+    benchmark->Arg(1)->Arg(1000)->Arg(getenv("TBX_MAX_NSEMS") ? 31000 : 31999);
+}
+BENCHMARK(sysv_open_close)->Name("sysv/open_close")->Apply(others_open);
 
 // In a set of 32000 members too, as the kernel's cost may depend on it.
 void sysv_setval(benchmark::State& state)
