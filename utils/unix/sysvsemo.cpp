@@ -144,8 +144,6 @@ bool register_set(int32 ident, uint32 forks, c_sysv_semaphore_set* set)
 // Signal-safe.
 bool is_foreign(uint32 forks)
 {
-    if (!unix_is_home_process())
-        return true;
     return UnixForkProtection_IsChild() && forks != unix_fork_count();
 }
 
@@ -611,7 +609,7 @@ void sysv_list_init_semaphore()
 void sysv_list_fini_semaphore()
 {
     c_sysv_sema_set_list* list = list_of_process();
-    if (list == nullptr)
+    if (list == nullptr || !unix_is_home_process())
         return;
     list->mutex_get();
     __atomic_store_n(&sysv_sema_list_p, nullptr, __ATOMIC_SEQ_CST);
