@@ -305,10 +305,7 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
 // Signal-safe.
 inline void advance(a_ut_hist_event_list& queue, a_ring_pos at)
 {
-    at.next++;
-    if (__builtin_expect(at.next == uint32(hist_cfg.ut_hist_debug_num), 0))
-        at = {next_lap(at.laps), 0};
-    __atomic_store_n(&queue.ring_pos, pack_ring(at), __ATOMIC_RELEASE);
+    __atomic_store_n(&queue.ring_pos, pack_ring(next_slot(at, uint32(hist_cfg.ut_hist_debug_num))), __ATOMIC_RELEASE);
 }
 
 // Fills the queue's next slot and publishes it. Returns the slot.
@@ -317,7 +314,6 @@ inline uint32 record(const an_event& event, const a_route& to, uint32 t)
 {
     struct timeval now;
     gettimeofday(&now, nullptr);
-    const uint32 forks = __atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED);
     const bool copies = hist_cfg.ut_hist_dump_on_fini != 0;
     const char* const file = copies ? kept_file(event.file) : event.file;
     // The clock waits for all loads before it, a locked instruction for all stores: so both come before what finds and
@@ -349,12 +345,6 @@ inline uint32 record(const an_event& event, const a_route& to, uint32 t)
     if (event.loc != nullptr || to.ii >= 0)
         dur = record_times(event.loc, event.cl, to.ii, t, {to.q, at.next, num}, now);
     __atomic_store_n(&r.dur, dur, __ATOMIC_RELEASE);
-    // A handler on this thread forked, and this is the child, where the handler may have recorded into the same slot: what
-    // stands there now is of both.
-    if (__builtin_expect(__atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED) != forks, 0)) {
-        __atomic_store_n(&r.seq, seq_writing(at.laps), __ATOMIC_RELAXED);
-        return at.next;
-    }
     // Release: who sees the even word sees the record behind it.
     __atomic_store_n(&r.seq, seq_whole(at.laps), __ATOMIC_RELEASE);
     advance(queue, at);

@@ -203,6 +203,17 @@ void hist_reset_thread(a_ut_hist_thread& thread)
         __atomic_store_n(&recursing, 0, __ATOMIC_RELAXED);
 }
 
+// Moves a forked child's ring past a record that the fork cut in two. When its thread lives on in the child, since a
+// handler forked, it completes its own slot, and no other event's.
+// Signal-safe.
+void hist_pass_unfinished(a_ut_hist_event_list& queue)
+{
+    const a_ring_pos at = unpack_ring(__atomic_load_n(&queue.ring_pos, __ATOMIC_RELAXED));
+    if (__atomic_load_n(&queue.evs[at.next].seq, __ATOMIC_RELAXED) % 2 != 0)
+        __atomic_store_n(&queue.ring_pos, pack_ring(next_slot(at, uint32(hist_cfg.ut_hist_debug_num))),
+                         __ATOMIC_RELEASE);
+}
+
 // Whether `loc` names a record that still stands in its ring; if so, gives what a later event needs of it. A record
 // that is overwritten meanwhile is stale.
 // Signal-safe.

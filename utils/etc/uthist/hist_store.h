@@ -84,6 +84,10 @@ inline constexpr a_ring_pos unpack_ring(uint64 word) { return {uint32(word >> 32
 
 // A ring that has wrapped stays wrapped when the count of its laps does: it goes on at a number with the same words.
 inline constexpr uint32 next_lap(uint32 laps) { return laps == UINT32_MAX ? 0x80000000 : laps + 1; }
+inline constexpr a_ring_pos next_slot(a_ring_pos at, uint32 ring_size)
+{
+    return at.next + 1 == ring_size ? a_ring_pos{next_lap(at.laps), 0} : a_ring_pos{at.laps, at.next + 1};
+}
 
 // Sequence words of a record written in a lap.
 inline constexpr uint32 seq_writing(uint32 laps) { return 2 * laps + 1; }
@@ -183,6 +187,7 @@ bool hist_live(const a_ut_hist_loc& loc, an_earlier_event& found);
 uint32 hist_elapsed(const struct timeval& from, const struct timeval& to);
 
 void hist_reset_thread(a_ut_hist_thread& thread);
+void hist_pass_unfinished(a_ut_hist_event_list& queue);
 bool hist_store_alloc();
 void hist_store_free(bool destroy_queue_locks);
 

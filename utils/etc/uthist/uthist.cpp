@@ -119,7 +119,7 @@ void ut_hist_fini(void)
 }
 
 // Frees every lock of the history and forgets what the parent's other threads were doing, so that the child can record
-// and dump at once. Records that they were writing stay odd, and so unread.
+// and dump at once. Records that they were writing stay odd, and so unread; the rings go on behind them.
 // Signal-safe.
 void ut_hist_fork_child()
 {
@@ -133,8 +133,10 @@ void ut_hist_fork_child()
         return;
     if (hist.dump_state != pack_dump(DUMP_CLOSED))
         __atomic_store_n(&hist.dump_state, pack_dump(DUMP_IDLE), __ATOMIC_RELEASE);
-    for (int32 q = 0; q < hist_cfg.hist_num_q; q++)
+    for (int32 q = 0; q < hist_cfg.hist_num_q; q++) {
         free_lock(hist.hist_evs[q].mutex);
+        hist_pass_unfinished(hist.hist_evs[q]);
+    }
     if (hist.hist_ids == nullptr)
         return;
     free_lock(hist.hist_ids_mutex);
