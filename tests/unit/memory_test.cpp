@@ -1,10 +1,8 @@
-// The allocation wrappers, the fatal-error report and the pools, also short of memory; print channels.
-#include <errno.h>
+// The allocation wrappers, the fatal-error report and the pools; print channels.
 #include <malloc.h>
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdlib.h>
-#include <sys/resource.h>
 #include <syslog.h>
 
 #include "corvex/print.h"
@@ -69,7 +67,7 @@ TEST(Memory, OnlyAllocAndAResizeReportAFailureAndTheOldBlockStays)
 
 // The pool's size is seen in the allocator's, but for the freed entries that this keeps for the thread.
 template <typename T, typename A>
-void use_pool(int (*init)(T*, const A*), int (*destroy)(T*), void (*allocate)(unsigned int), void (*crit_fini)())
+void use_pool(int (*init)(T*, const A*), int (*destroy)(T*), void (*allocate)(unsigned int))
 {
     constexpr int slack = 8;
     const size_t start = mallinfo2().uordblks;
@@ -93,32 +91,13 @@ void use_pool(int (*init)(T*, const A*), int (*destroy)(T*), void (*allocate)(un
     init(&handles[7], nullptr);
     EXPECT_NEAR(20, entries(), slack) << "pre-allocated entries serve a take";
     destroy(&handles[7]);
-
-    crit_fini();  // the mutex pool tries to make its section again, the other one goes without
-    void* (*volatile get)(size_t) = malloc;  // whose use is not optimised away
-    void* spare[slack];
-    for (void*& block : spare)
-        block = get(56);
-    const rlimit nothing = {0, RLIM_INFINITY}, all = {RLIM_INFINITY, RLIM_INFINITY};
-    setrlimit(RLIMIT_AS, &nothing);
-    while (get(56) != nullptr) {
-    }
-    const int without = init(&handles[7], nullptr);
-    const bool null = object == nullptr;
-    for (void* block : spare)
-        free(block);
-    const int small_batch = init(&handles[7], nullptr);
-    setrlimit(RLIMIT_AS, &all);
-    EXPECT_EQ(std::make_tuple(ENOMEM, true, 0), std::make_tuple(without, null, small_batch));
 }
 
-TEST(SafePools, MakeFiftyAtATimeFreeAllWithTheLastHandleAndReportAWantOfMemory)
+TEST(SafePools, MakeFiftyAtATimeAndFreeAllWithTheLastHandle)
 {
     const auto use_both = [] {
-        use_pool(ut_safe_pthread_mutex_init, ut_safe_pthread_mutex_destroy, ut_safe_pthread_mutex_alloc,
-                 ut_safe_pthread_mutex_crit_fini);
-        use_pool(ut_safe_pthread_cond_init, ut_safe_pthread_cond_destroy, ut_safe_pthread_cond_alloc,
-                 ut_safe_pthread_cond_crit_fini);
+        use_pool(ut_safe_pthread_mutex_init, ut_safe_pthread_mutex_destroy, ut_safe_pthread_mutex_alloc);
+        use_pool(ut_safe_pthread_cond_init, ut_safe_pthread_cond_destroy, ut_safe_pthread_cond_alloc);
     };
     EXPECT_EQ(0, own_allocator ? in_child(use_both).status : 0);
 }
