@@ -9,7 +9,7 @@ TEST(HistDump, ShowsAllColumnsDataBlocksAndStatistics)
          "end L Q rows 42", "tick 1000001", "mask 2", "mask 14", "ev - C begin 1 2 3 pn=2",
          "data - Q2 blob 0x100020 20 @/a/way/to/some/source/file.c:99999", "odd - - -", "slot 300", "ev - - lost",
          "slot 255", "null - an-id-longer-than-15 x @-:0", "setting 0", "dump"});
-    EXPECT_EQ(seen.log, expected("all_columns.log"));
+    EXPECT_EQ(seen.log, expected("all_columns.txt"));
     EXPECT_EQ(seen.err, R"(@ 2023/11/14 22:13:21 ..........
 ********** Dumping history to (ut_hist.log) # 7
 @ 2023/11/14 22:13:21 ..........

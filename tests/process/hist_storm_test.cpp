@@ -84,7 +84,7 @@ struct a_reader {
                 block.erase(block.find_last_not_of(' ') + 1);
             } else if (state == in_rows) {
                 const std::string wrong = fault(line);
-                const unsigned long number = strtoul(line.substr(30).c_str(), nullptr, 10);
+                const unsigned long number = strtoul(line.substr(29).c_str(), nullptr, 10);
                 if (!wrong.empty())
                     return wrong + ": " + line;
                 if (number <= last)
