@@ -29,10 +29,10 @@ bool server_goes_on(int pipe_end)
     return poll(&end, 1, interval_ms) == 0;
 }
 
-/* Body of the process. A terminal sends its signals to both processes; this one ends after the server. */
+/* Body of the process. Signals for a whole group come to both processes; this one ends after the server. */
 bool audit(const std::string& database, c_write_turn& turn, int pipe_end)
 {
-    for (int sig : {SIGHUP, SIGINT, SIGQUIT})
+    for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGTERM})
         std::signal(sig, SIG_IGN);
     c_connection connection(database, connection_number, true);
     bool done = connection.is_open();

@@ -38,8 +38,7 @@ constexpr int first_priority = 1;          // ahead of everything that tears the
 
 a_ut_hist_id phase = UT_HIST_ID_NONE;
 
-// ---- signals
-// ---------------------------------------------------------------------------------------------------
+// ---- signals ----
 
 /* Without the history's handler SIGUSR1 would end the process. Signal-safe. */
 bool dumps_on_sigusr1()
@@ -91,8 +90,7 @@ private:
     sigset_t before;
 };
 
-// ---- progress
-// --------------------------------------------------------------------------------------------------
+// ---- progress ----
 
 /* Prints where the server stands, at most once per interval, unless it only measures. */
 class c_progress {
@@ -123,8 +121,7 @@ private:
     double next = progress_interval;
 };
 
-// ---- the phases
-// ------------------------------------------------------------------------------------------------
+// ---- the phases ----
 
 bool make_tables(const a_server& server)
 {
@@ -217,8 +214,7 @@ void serve(a_server& server, const a_options& options, c_progress& progress)
     progress.tell_now("done");
 }
 
-// ---- the program
-// -----------------------------------------------------------------------------------------------
+// ---- the program ----
 
 c_workers start_workers(a_server& server, long count)
 {

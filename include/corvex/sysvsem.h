@@ -25,10 +25,11 @@ typedef struct a_sysv_semaphore {
 CORVEX_LAYOUT(sizeof(a_sysv_semaphore) == 8 && offsetof(a_sysv_semaphore, offset) == 4);
 
 /* Makes s name a fresh member whose value is initial_value. FALSE, with s unchanged, when the library is not
- * started, when memory or kernel sets are short, and once the library's signal handler has begun to end the process
- * (in children forked from then on, too); FALSE, with s naming the member that was given back already, when the
- * kernel refuses the value (below 0 or above its limit, 32767) or somebody else has removed the set; that set's
- * handles are stale then, and the next open makes a new set. Thread-safe. Not signal-safe: it locks. */
+ * started, when memory or kernel sets are short, while a cleanup runs that the process survives (ut_onsig_call_now),
+ * and once the library's signal handler has begun to end the process (in children forked from then on, too); FALSE,
+ * with s naming the member that was given back already, when the kernel refuses the value (below 0 or above its
+ * limit, 32767) or somebody else has removed the set; that set's handles are stale then, and the next open makes a
+ * new set. Thread-safe. Not signal-safe: it locks. */
 CORVEX_API a_bool sysv_open_semaphore(a_sysv_semaphore* s, int initial_value);
 
 /* Gives the member back; s is not changed. Ignored for null, for an ident of 0 or below and for a set that no longer

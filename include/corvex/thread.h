@@ -1,18 +1,22 @@
-/* thread.h: the thread layer, for C11 and C++20: a table with one descriptor per thread that uses it, starting and ending
- * threads, parking and waking them with a value, and a recursive mutex.
+/* thread.h: the thread layer, for C11 and C++20: a table with one descriptor per thread that uses it, starting and
+ * ending threads, parking and waking them with a value, and a recursive mutex.
  *
- * OS_Init comes before any other OS_ operation on threads and is matched by one OS_Fini. A thread gets its descriptor at its
- * first use (OS_Me, OS_Attach_Thread) or when the layer starts it, keeps it while it holds an attach reference, and loses
- * it with the last. A thread that ends without detaching (and was not started by the layer) leaves its descriptor in the
- * table until the last OS_Fini, which releases all of them.
+ * OS_Init comes before any other OS_ operation on threads and is matched by one OS_Fini. A thread gets its
+ * descriptor at its first use (OS_Me, OS_Attach_Thread) or when the layer starts it, keeps it while it holds an
+ * attach reference, and loses it with the last. A thread that ends without detaching (and was not started by the
+ * layer) leaves its descriptor in the table until the last OS_Fini, which releases all of them.
  *
- * In a forked child every lock of the layer is free, but those that the forking thread holds; it keeps its descriptor, and
- * those of the parent's other threads stay in the table until OS_Fini, for threads that there are not.
+ * In a forked child every lock of the layer is free, but those that the forking thread holds; it keeps its
+ * descriptor, and those of the parent's other threads stay in the table until OS_Fini, for threads that there are
+ * not.
  *
  * Out of memory: a mutex that OS_MutexInit could not make must not be used (its `mutex` is null then).
  *
- * Nothing here is signal-safe, nothing here is a cancellation point but OS_WaitOnThreadTermination. Nothing here calls
- * OS_Init: use outside it is an error that is not checked, but for waiting (see OS_Wait) and for a started thread's end. */
+ * The library must not be unloaded before the threads that it started have ended: join the attachable ones first.
+ *
+ * Nothing here is signal-safe, nothing here is a cancellation point but OS_WaitOnThreadTermination. Nothing here
+ * calls OS_Init: use outside it is an error that is not checked, but for waiting (see OS_Wait) and for a started
+ * thread's end. */
 #ifndef CORVEX_THREAD_H
 #define CORVEX_THREAD_H
 
@@ -71,9 +75,10 @@ typedef void (*an_os_thread_start_address)(void* arg);
  * thread uses the layer. */
 CORVEX_API void OS_Init(void);
 
-/* Ends what one OS_Init began. The last one releases every descriptor, also those of threads that still run: they must not
- * use them, or the layer, any more, until the next OS_Init. It waits for threads that are parked, which it wakes with null,
- * and for those that it started and that are just ending. Attachable threads that nobody waited for are detached. */
+/* Ends what one OS_Init began. The last one releases every descriptor, also those of threads that still run: they
+ * must not use them, or the layer, any more, until the next OS_Init. It waits for threads that are parked, which it
+ * wakes with null, and for those that it started and that are just ending. Attachable threads that nobody waited for
+ * are detached. */
 CORVEX_API void OS_Fini(void);
 
 /* The calling thread's descriptor, made when it has none; null when there is no memory. Thread-safe. */
@@ -86,14 +91,14 @@ CORVEX_API p_os_thread OS_Attach_Thread(void);
  * thread is attachable. Does nothing for a thread without a descriptor. Thread-safe. */
 CORVEX_API void OS_Detach_Thread(void);
 
-/* The descriptor's word of user data. Any thread, any descriptor; no lock: the word is written and read at once, and who
- * reads a pointer there sees what its writer stored before. */
+/* The descriptor's word of user data. Any thread, any descriptor; no lock: the word is written and read at once, and
+ * who reads a pointer there sees what its writer stored before. */
 CORVEX_API void OS_SetTLS(p_os_thread thread, void* value);
 CORVEX_API void* OS_GetTLS(p_os_thread thread);
 
-/* Calls walker(descriptor, parm) for each descriptor, newest first, until one call's result is not OS_THREAD_CONTINUE. The
- * table is locked meanwhile, recursively: the walker may use the layer but must not release the descriptor that it was
- * handed. Thread-safe. */
+/* Calls walker(descriptor, parm) for each descriptor, newest first, until one call's result is not
+ * OS_THREAD_CONTINUE. The table is locked meanwhile, recursively: the walker may use the layer but must not release
+ * the descriptor that it was handed. Thread-safe. */
 CORVEX_API void OS_ThreadWalk(an_os_walker walker, void* parm);
 
 /* ---- the recursive mutex ---- */
@@ -112,13 +117,12 @@ CORVEX_API void OS_MutexGive(p_mutex mutex);
 
 /* ---- starting and ending threads ---- */
 
-/* Starts a thread that runs start_address(arg) and registers it before it returns.
- *   stack_bottom  not used
- *   stack_size    bytes; at least 524288 are given; 0: the system's default
- *   name          its first 15 bytes (whole UTF-8 characters) name the thread for debuggers and ps -L; null or empty: no name
- *   attachable    TRUE: some thread calls OS_WaitOnThreadTermination for it, once; FALSE: it releases itself
- * Returns its descriptor, or null when the thread cannot be created or its descriptor cannot be allocated; the body
- * then does not run. The descriptor of a thread that is not attachable is gone when that thread ends. Thread-safe. */
+/* Starts a thread that runs start_address(arg) and registers it before it returns. stack_bottom not used stack_size
+ * bytes; at least 524288 are given; 0: the system's default name its first 15 bytes (whole UTF-8 characters) name
+ * the thread for debuggers and ps -L; null or empty: no name attachable TRUE: some thread calls
+ * OS_WaitOnThreadTermination for it, once; FALSE: it releases itself Returns its descriptor, or null when the thread
+ * cannot be created or its descriptor cannot be allocated; the body then does not run. The descriptor of a thread
+ * that is not attachable is gone when that thread ends. Thread-safe. */
 CORVEX_API p_os_thread OS_Begin_Thread_Attachable(an_os_thread_start_address start_address, void* stack_bottom,
                                                   unsigned int stack_size, void* arg, const char* name,
                                                   a_bool attachable);
@@ -129,20 +133,21 @@ CORVEX_API void OS_End_Thread(void) __attribute__((noreturn));
 /* The same, waking waiter with parm between the two. */
 CORVEX_API void OS_End_Thread_Wakeup(p_os_thread waiter, void* parm) __attribute__((noreturn));
 
-/* Sends SIGKILL to the thread, which ends the whole process. TRUE when the call succeeded, as it also does for a thread that
- * has ended and is not waited for yet. */
+/* Sends SIGKILL to the thread, which ends the whole process. TRUE when the call succeeded, as it also does for a
+ * thread that has ended and is not waited for yet. */
 CORVEX_API a_bool OS_TerminateThread(p_os_thread thread);
 
-/* Waits for the end of an attachable thread and releases its descriptor; exactly one thread may, once. Returns the join's
- * result, 0 or an errno value; 0 at once for a descriptor that is not in the table. */
+/* Waits for the end of an attachable thread and releases its descriptor; exactly one thread may, once. Returns the
+ * join's result, 0 or an errno value; 0 at once for a descriptor that is not in the table. */
 CORVEX_API int OS_WaitOnThreadTermination(p_os_thread thread);
 
 /* ---- parking ---- */
 
-/* Parks the calling thread until it is woken; returns the value of the last wake-up. A wake-up that came before is not
- * lost: the call returns at once. Several before one wait count as one, with the last one's value, which brings along all
- * that its waker stored before. OS_WaitEx takes the caller's own descriptor. Null, too, when the last OS_Fini has been or
- * comes meanwhile, and from OS_Wait when there is no descriptor for the thread: no memory, or the process is exiting. */
+/* Parks the calling thread until it is woken; returns the value of the last wake-up. A wake-up that came before is
+ * not lost: the call returns at once. Several before one wait count as one, with the last one's value, which brings
+ * along all that its waker stored before. OS_WaitEx takes the caller's own descriptor. Null, too, when the last
+ * OS_Fini has been or comes meanwhile, and from OS_Wait when there is no descriptor for the thread: no memory, or
+ * the process is exiting. */
 CORVEX_API void* OS_Wait(void);
 CORVEX_API void* OS_WaitEx(p_os_thread me);
 

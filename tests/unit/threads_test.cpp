@@ -124,10 +124,12 @@ TEST_F(Threads, FiniWakesParkedThreadsAndWaitsForEndingOnes)
 {
     for (int round = 0; round < 100; round++) {
         std::atomic<int> parked{0}, woken{0};
+        std::atomic<bool> over{false};
         std::thread foreign([&] {
             OS_Me();
             parked++;
-            woken += OS_Wait() == nullptr;
+            while (!over)  // comes back again and again
+                woken += OS_Wait() == nullptr;
         });
         const auto park = [&](void* of) {
             static_cast<std::atomic<int>*>(of)[0]++;
@@ -142,8 +144,9 @@ TEST_F(Threads, FiniWakesParkedThreadsAndWaitsForEndingOnes)
         while (parked != 5)
             usleep(10);
         OS_Fini();
+        over = true;
         foreign.join();
-        EXPECT_EQ(woken, 1);
+        EXPECT_GE(woken, 1);
         EXPECT_EQ(OS_Wait(), nullptr) << "nothing to wait on";
         OS_Init();
         EXPECT_EQ(table_size(), 1);

@@ -14,6 +14,7 @@
 #include "utils/etc/osthread.h"
 #include "utils/etc/osthrsup.h"
 #include "utils/etc/utenv.h"
+#include "utils/unix/unixcancel.h"
 
 namespace {
 
@@ -92,13 +93,6 @@ void* park(p_os_thread me)
     return __atomic_load_n(&me->parm, __ATOMIC_ACQUIRE);
 }
 
-void detach_at_end()
-{
-    const an_os_stay stay;
-    if (stay.started)
-        OS_Detach_Thread();
-}
-
 // A thread that could not register has ended, or soon will: its stack is given back.
 void reclaim(a_thread_id id, const os_helper_parms& block)
 {
@@ -120,6 +114,7 @@ void Perform_Version_Check(uint32 version, int line)
 p_os_thread OS_Begin_Thread_Attachable(an_os_thread_start_address start_address, void* stack_bottom,
                                        unsigned int stack_size, void* arg, const char* name, a_bool attachable)
 {
+    const an_uncancelled_scope uncancelled;  // the new thread uses this frame
     os_helper_parms block = {OS_Me(), nullptr, {}, start_address, arg, attachable, ""};
     copy_name(block.name, name);
     if (ut_pthread_open_semaphore(&block.child_started, 0) != 0)
@@ -157,14 +152,23 @@ void OS_Wakeup(p_os_thread thread, void* parm)
 
 void OS_End_Thread(void)
 {
-    detach_at_end();
+    {
+        const an_os_stay stay;
+        if (stay.started)
+            OS_Detach_Thread();
+    }
     os_endthread();
 }
 
 void OS_End_Thread_Wakeup(p_os_thread waiter, void* parm)
 {
-    detach_at_end();
-    OS_Wakeup(waiter, parm);
+    {
+        const an_os_stay stay;  // over both: the waiter may be the one that calls OS_Fini
+        if (stay.started) {
+            OS_Detach_Thread();
+            OS_Wakeup(waiter, parm);
+        }
+    }
     os_endthread();
 }
 

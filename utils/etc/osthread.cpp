@@ -12,11 +12,13 @@
 //     count itself                          no start is left
 //     a start left? else keep off           somebody counted? then wait
 //
-// Both sides are sequentially consistent: either the thread keeps off, or OS_Fini waits for it.
+// Both sides are sequentially consistent: either the thread keeps off, or OS_Fini waits for it. A thread that finds no
+// start left does not count itself at all: threads that come again and again must not keep OS_Fini waiting.
 #include "utils/etc/osthread.h"
 
 #include <unistd.h>
 
+#include "utils/unix/unixcancel.h"
 #include "utils/unix/utptmutex.h"
 #include "utils/unix/utptsem.h"
 #include "utils/utmem/utmem.h"
@@ -29,7 +31,7 @@ p_os_thread ThreadTable = nullptr;
 a_mutex ThreadTableMutex;
 pthread_mutex_t table_mutex_reserve = PTHREAD_MUTEX_INITIALIZER;
 uint32 ThreadTableMutex_initialized = 0;  // OS_Init calls that no OS_Fini has matched yet
-int32 stays = 0;                          // threads inside an_os_stay
+a_thread_count stays;                     // inside an_os_stay
 
 class a_table_lock {
 public:
@@ -153,7 +155,8 @@ void os_mutex_fork_child(p_mutex mutex)
 
 p_os_thread add_current_thread(a_bool attachable)
 {
-    p_os_thread me = new an_os_thread(attachable);
+    // While the process exits the pools behind a descriptor may be gone.
+    p_os_thread me = TLSMe.IsUsable() ? new an_os_thread(attachable) : nullptr;
     if (me == nullptr)
         return nullptr;
     if (me->wait.mutex.p_mutex == nullptr) {
@@ -242,12 +245,21 @@ void OS_Init(void)
         set_starts(starts() + 1);
         return;
     }
-    set_starts(1);
     os_mutex_init(&ThreadTableMutex, table_mutex_reserve);
+    set_starts(1);  // behind the mutex: a thread that waits without a start may see it
     add_current_thread(FALSE);
 }
 
-an_os_stay::an_os_stay() : counted(stays), started(starts() != 0) {}
+an_os_stay::an_os_stay() : started(starts() != 0), counted(started), forks(counted ? stays.enter() : 0)
+{
+    started = counted && starts() != 0;
+}
+
+an_os_stay::~an_os_stay()
+{
+    if (counted)
+        stays.leave(forks);
+}
 
 namespace {
 
@@ -255,7 +267,7 @@ namespace {
 // its value.
 void send_everybody_away()
 {
-    while (__atomic_load_n(&stays, __ATOMIC_SEQ_CST) > 0) {
+    while (stays.now() > 0) {
         {
             const a_table_lock lock;
             for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next)
@@ -284,6 +296,7 @@ void release_table()
 
 void OS_Fini(void)
 {
+    const an_uncancelled_scope uncancelled;
     {
         const a_table_lock lock;
         set_starts(starts() - 1);
@@ -300,7 +313,6 @@ void OS_Fini(void)
 // Signal-safe.
 void os_thread_fork_child()
 {
-    __atomic_store_n(&stays, 0, __ATOMIC_RELAXED);
     os_mutex_fork_child(&ThreadTableMutex);
     for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next) {
         ut_pthread_semaphore_fork_child(&thread->wait);

@@ -12,7 +12,8 @@ template <typename T>
 class UTThreadLocalStorage {
 public:
     UTThreadLocalStorage() : _tls_key(fresh_key()) {}
-    ~UTThreadLocalStorage() { pthread_key_delete(_tls_key); }
+    // Threads may go on while the process exits: they find no key, not one that is another's by now.
+    ~UTThreadLocalStorage() { pthread_key_delete(__atomic_exchange_n(&_tls_key, no_key, __ATOMIC_RELAXED)); }
     UTThreadLocalStorage(const UTThreadLocalStorage&) = delete;
     UTThreadLocalStorage& operator=(const UTThreadLocalStorage&) = delete;
 
@@ -23,14 +24,15 @@ public:
         __atomic_store_n(&_tls_key, fresh_key(), __ATOMIC_RELAXED);
     }
     T* Get() const { return static_cast<T*>(pthread_getspecific(key())); }
+    bool IsUsable() const { return key() != no_key; }
     bool Set(T* value) { return pthread_setspecific(key(), value) == 0; }  // false: there is no memory
 
 private:
-    // A number that no key has stands for one that cannot be had: every call with it fails, and none hits another's key.
+    static constexpr pthread_key_t no_key = ~pthread_key_t(0);  // a number that no key has: every call with it fails
     static pthread_key_t fresh_key()
     {
         pthread_key_t key;
-        return pthread_key_create(&key, nullptr) == 0 ? key : ~pthread_key_t(0);
+        return pthread_key_create(&key, nullptr) == 0 ? key : no_key;
     }
     // Relaxed: it changes only at the last OS_Fini, when no other thread uses the layer.
     pthread_key_t key() const { return __atomic_load_n(&_tls_key, __ATOMIC_RELAXED); }
@@ -49,11 +51,18 @@ inline constexpr a_thread_id os_no_thread = ~a_thread_id(0);  // the id of a thr
 
 // A scope in which a thread touches its descriptor without having just asked for it: parked on it, or giving it up at its
 // end. The last OS_Fini waits for all of them; while `started` is false the thread must keep off.
-struct an_os_stay {
+class an_os_stay {
+public:
     an_os_stay();
+    ~an_os_stay();
+    an_os_stay(const an_os_stay&) = delete;
+    an_os_stay& operator=(const an_os_stay&) = delete;
 
-    const a_counted counted;
-    const bool started;
+    bool started;
+
+private:
+    bool counted;
+    uint32 forks;
 };
 
 // A mutex of the layer itself, which must work also when there is no memory: then it is the reserve.

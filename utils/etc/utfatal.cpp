@@ -1,13 +1,15 @@
-// utfatal.cpp: the fatal-error report. The process goes on; the caller handles the failed operation. Not
-// signal-safe.
+// utfatal.cpp: the fatal-error report. The process goes on; the caller handles the failed operation, and may hold a lock
+// meanwhile. Not signal-safe.
 #include "utils/etc/utfatal.h"
 
 #include <stdio.h>
 
 #include "utils/etc/errorlog.h"
+#include "utils/unix/unixcancel.h"
 
 void ut_fatal(const char* str)
 {
+    const an_uncancelled_scope uncancelled;
     const char* message = str != nullptr ? str : "Unknown error";
     GenerateErrorLog(message, "Tessaline");
     printf("%s\n", message);

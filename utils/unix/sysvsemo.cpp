@@ -15,8 +15,8 @@
 // ends soon; it is bounded all the same. Nothing can deadlock: nobody waits for a lock; nothing can leak: every set is
 // registered, or not there, whenever a signal can come.
 //
-// A forked child inherits list and registry; the number of forks behind it tells its own sets from its parent's. All are
-// its parent's until its fork handlers have run (unixfork.h).
+// A forked child inherits list and registry; the number of forks behind it tells its own sets from its parent's. For the
+// cleanup and the shut-down all are its parent's until its fork handlers have run (unixfork.h).
 #include "utils/unix/sysvsemo.h"
 
 #include <errno.h>
@@ -67,8 +67,8 @@ uint32 max_displacement =
 uint32 used_slots = 0;  // no entry from this slot on
 int32 num_registered = 0;
 
-int32 creators = 0;        // threads that are making a kernel set
-int32 cleaners = 0;        // threads that are inside the cleanup
+a_thread_count creators;   // that are making a kernel set
+a_thread_count cleaners;   // that are inside the cleanup
 uint32 cleanups = 0;       // cleanups that have ended
 uint32 cleanups_seen = 0;  // those that the list has caught up with
 uint32 forks_seen = 0;     // the same for forks
@@ -142,10 +142,7 @@ bool register_set(int32 ident, uint32 forks, c_sysv_semaphore_set* set)
 }
 
 // Signal-safe.
-bool is_foreign(uint32 forks)
-{
-    return UnixForkProtection_IsChild() && forks != unix_fork_count();
-}
+bool is_foreign(uint32 forks) { return UnixForkProtection_IsChild() && forks != unix_fork_count(); }
 
 // Signal-safe.
 void remove_kernel_set(int32 ident) { semctl(ident, 0, IPC_RMID); }
@@ -187,7 +184,7 @@ class a_creation {
 public:
     a_creation() : counted(creators) {}
 
-    bool allowed() const { return __atomic_load_n(&cleaners, __ATOMIC_SEQ_CST) == 0 && !ut_onsig_will_do_cleanup(); }
+    bool allowed() const { return cleaners.now() == 0 && !ut_onsig_will_do_cleanup(); }
 
 private:
     a_signal_free_scope signal_free;
@@ -211,7 +208,7 @@ int candidate_size()
 // ---- the list ----
 
 c_sysv_sema_set_list* sysv_sema_list_p = nullptr;  // null before start-up and after shut-down
-int32 users = 0;                                   // threads inside open or close
+a_thread_count users;                              // that are inside open or close
 void* sysv_onsig_handle = nullptr;
 
 // Acquire: who sees the list sees it constructed.
@@ -220,10 +217,7 @@ c_sysv_sema_set_list* list_of_process() { return __atomic_load_n(&sysv_sema_list
 
 // While a cleanup runs there is no list to open from or close in.
 // Signal-safe.
-c_sysv_sema_set_list* current_list()
-{
-    return __atomic_load_n(&cleaners, __ATOMIC_ACQUIRE) == 0 ? list_of_process() : nullptr;
-}
+c_sysv_sema_set_list* current_list() { return cleaners.now() == 0 ? list_of_process() : nullptr; }
 
 // A thread inside open or close, for a scope; it holds the list's mutex unless there is no list. Counted before the
 // list is looked for, so that shut-down, which takes the list away first, sees every thread that may still have found
@@ -272,9 +266,9 @@ void forget_lost_set(int32 ident)
 // Waits, bounded, until a count has come down to zero. By a plain system call: poll is a cancellation point, and a
 // thread must not vanish in the middle of the cleanup.
 // Signal-safe.
-void wait_for_none(const int32& count)
+void wait_for_none(const a_thread_count& count)
 {
-    for (int i = 0; i < max_waits && __atomic_load_n(&count, __ATOMIC_SEQ_CST) > 0; i++)
+    for (int i = 0; i < max_waits && count.now() > 0; i++)
         syscall(SYS_poll, nullptr, 0, 1);
 }
 
@@ -618,17 +612,14 @@ void sysv_list_fini_semaphore()
     ut_onsig_call_del(sysv_onsig_handle, sysv_sig_handler);
     sysv_onsig_handle = nullptr;
     wait_for_none(users);
-    if (__atomic_load_n(&users, __ATOMIC_SEQ_CST) == 0)
+    if (users.now() == 0)
         delete list;
 }
 
-// The list's mutex is free, nobody makes, uses or removes sets, and the parent's sets are told from the child's.
+// The list's mutex is free, whoever of the parent held it.
 // Signal-safe.
 void sysv_list_fork_child()
 {
-    __atomic_store_n(&creators, 0, __ATOMIC_RELAXED);
-    __atomic_store_n(&cleaners, 0, __ATOMIC_RELAXED);
-    __atomic_store_n(&users, 0, __ATOMIC_RELAXED);
     if (list_of_process() != nullptr)
         list_of_process()->fork_child();
 }

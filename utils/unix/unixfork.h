@@ -16,27 +16,55 @@ void unix_make_home_process();
 // How many forks lie behind this process since the library was loaded.
 uint32 unix_fork_count();
 
-// One more in a count of threads, for a scope; sequentially consistent with those who look at the count. The owner of the
-// count sets it to 0 in a forked child: who was counted before the fork, and goes on in the child because a signal
-// handler forked, must not count down there.
-class a_counted {
+// A number of threads that are inside something, in one word with the number of forks behind the process: a forked child
+// begins with none, and who goes on in it, since a signal handler forked, does not count down there. Sequentially
+// consistent with those who look at it.
+class a_thread_count {
 public:
     // Signal-safe.
-    explicit a_counted(int32& of) : count(of), forks(unix_fork_count())
+    uint32 now() const { return count_in(__atomic_load_n(&word, __ATOMIC_SEQ_CST)); }
+
+    // The forks to leave with.
+    // Signal-safe.
+    uint32 enter()
     {
-        __atomic_add_fetch(&count, 1, __ATOMIC_SEQ_CST);
+        const uint32 forks = unix_fork_count();
+        uint64 old = __atomic_load_n(&word, __ATOMIC_RELAXED);
+        while (!change(old, pack(forks, (forks_in(old) == forks ? uint32(old) : 0) + 1)))
+            continue;
+        return forks;
     }
     // Signal-safe.
-    ~a_counted()
+    void leave(uint32 forks)
     {
-        if (forks == unix_fork_count())
-            __atomic_sub_fetch(&count, 1, __ATOMIC_SEQ_CST);
+        uint64 old = __atomic_load_n(&word, __ATOMIC_RELAXED);
+        while (forks == unix_fork_count() && !change(old, old - 1))
+            continue;
     }
+
+private:
+    static uint64 pack(uint32 forks, uint32 count) { return uint64(forks) << 32 | count; }            // Signal-safe.
+    static uint32 forks_in(uint64 of) { return uint32(of >> 32); }                                    // Signal-safe.
+    static uint32 count_in(uint64 of) { return forks_in(of) == unix_fork_count() ? uint32(of) : 0; }  // Signal-safe.
+    // Signal-safe.
+    bool change(uint64& from, uint64 to)
+    {
+        return __atomic_compare_exchange_n(&word, &from, to, false, __ATOMIC_SEQ_CST, __ATOMIC_RELAXED);
+    }
+
+    uint64 word = 0;
+};
+
+// One more in a count, for a scope.
+class a_counted {
+public:
+    explicit a_counted(a_thread_count& of) : count(of), forks(of.enter()) {}  // Signal-safe.
+    ~a_counted() { count.leave(forks); }                                      // Signal-safe.
     a_counted(const a_counted&) = delete;
     a_counted& operator=(const a_counted&) = delete;
 
 private:
-    int32& count;
+    a_thread_count& count;
     uint32 forks;
 };
 

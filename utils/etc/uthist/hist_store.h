@@ -161,9 +161,9 @@ struct alignas(cache_line) a_ut_hist_store {
     a_ut_hist_dump* dump;  // owned; the buffers of the one dump that may run
     void* evs_block;       // owned; the allocation behind hist_evs
     a_critical_sect hist_ids_mutex;
-    uint64 dump_state;  // a_dump_state and its owner, packed
-    int32 users;        // threads inside a dump or a registration, see a_hist_user
-    bool closing;       // shut-down is about to free the store
+    uint64 dump_state;     // a_dump_state and its owner, packed
+    bool closing;          // shut-down is about to free the store
+    a_thread_count users;  // inside a dump or a registration, see a_hist_user
 
     // Written by every event of every thread: a line of its own.
     alignas(cache_line) uint32 hist_count;

@@ -48,7 +48,7 @@ void wait_for_users()
     syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0);
     syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
     __atomic_store_n(&hist.closing, true, __ATOMIC_SEQ_CST);
-    const auto busy = [] { return somebody_records() || __atomic_load_n(&hist.users, __ATOMIC_SEQ_CST) > 0; };
+    const auto busy = [] { return somebody_records() || hist.users.now() > 0; };
     for (int i = 0; i < max_waits && busy(); i++)
         nanosleep(&millisecond, nullptr);
 }
@@ -124,7 +124,6 @@ void ut_hist_fini(void)
 void ut_hist_fork_child()
 {
     __atomic_store_n(&hist.fork_count, unix_fork_count(), __ATOMIC_RELAXED);
-    __atomic_store_n(&hist.users, 0, __ATOMIC_RELAXED);
     hist_slots_fork_child();
     for (a_ut_hist_thread& thread : hist.threads)
         for (int32& recursing : thread.recursing)
