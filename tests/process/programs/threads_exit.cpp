@@ -2,11 +2,13 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "corvex/corvex.h"
 
 namespace {
 
-p_os_thread ring[4];
+std::atomic<p_os_thread> ring[4];
 
 void body(void* number)
 {
