@@ -96,7 +96,8 @@ extern CORVEX_API int32 ut_hist_debug;
  * Thread-safe. Signal-safe with UT_HIST_ID_SIGHANDLER only. Does nothing while the history is not running. An
  * event is dropped silently when a signal handler records on the thread and queue that it interrupted in this
  * function, and counted as missed when the thread has no slot (see UT_HIST_THREAD_SLOT in the user's guide).
- * Allocates nothing, never blocks but for the queue's lock. */
+ * Allocates nothing, never blocks but for the queue's lock, for a registered id those of
+ * its statistics, and with option S what the first event prints while it installs the handler. */
 CORVEX_API void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl cl, a_ut_hist_id id,
                             const char* ev, int32 pn, void* p1, void* p2, void* p3, void* p4, void* p5, void* p6,
                             void* p7, void* p8);

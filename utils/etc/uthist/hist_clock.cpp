@@ -3,7 +3,7 @@
 //
 // Two tables: `published` counts the publications, and its parity names the table in force. A refresh fills
 // the other one and publishes it; refreshes are serialised by their callers (start-up, and dumps that hold
-// all queue locks). A lookup that was overtaken by two publications may have read a table being filled, sees
+// all queue locks). A lookup that was overtaken by a publication may have read a table that the next refresh fills, sees
 // that in the count, and looks again.
 #include "utils/etc/uthist/hist_clock.h"
 
@@ -57,12 +57,12 @@ int64_t find_change(int64_t before, int64_t after)
     return after;
 }
 
-// Relaxed here and below: the publication orders the table, and a lookup that comes too late looks again.
+// Release here and below: a lookup that finds anything of it finds the publication before, too.
 // Signal-safe.
 void put_change(a_zone_table& zone, uint32 i, int64_t from, int64_t offset)
 {
-    __atomic_store_n(&zone.changes[i].from, from, __ATOMIC_RELAXED);
-    __atomic_store_n(&zone.changes[i].offset, offset, __ATOMIC_RELAXED);
+    __atomic_store_n(&zone.changes[i].from, from, __ATOMIC_RELEASE);
+    __atomic_store_n(&zone.changes[i].offset, offset, __ATOMIC_RELEASE);
 }
 
 // Not signal-safe: localtime_r locks.
@@ -79,7 +79,7 @@ void fill_table(a_zone_table& zone, int64_t now)
         offset = next;
     }
     zone.until = at;
-    __atomic_store_n(&zone.count, count, __ATOMIC_RELAXED);
+    __atomic_store_n(&zone.count, count, __ATOMIC_RELEASE);
 }
 
 // Signal-safe.
@@ -98,7 +98,7 @@ int64_t zone_offset(int64_t seconds)
         const uint32 before = __atomic_load_n(&published, __ATOMIC_ACQUIRE);
         const int64_t offset = look_up(zones[before % 2], seconds);
         // Relaxed: the acquire loads of the table keep this one behind them.
-        if (__atomic_load_n(&published, __ATOMIC_RELAXED) - before < 2)
+        if (__atomic_load_n(&published, __ATOMIC_RELAXED) == before)
             return offset;
     }
 }

@@ -1,7 +1,8 @@
 // hist_clock.h: local time without localtime_r, which a signal handler may not call.
 //
-// A table of the offsets from UTC, with the changes of the next years, is made at start-up and looked at
-// again by every dump outside a handler. Lookups are signal-safe and never wait.
+// A table of the offsets from UTC, with the changes of the next ten years, is made at start-up and looked at
+// again by every dump outside a handler, but in a forked child, which keeps its parent's. Lookups are signal-safe and
+// never wait.
 #ifndef UTHIST_HIST_CLOCK_H
 #define UTHIST_HIST_CLOCK_H
 

@@ -25,6 +25,7 @@
 #include "utils/etc/uthist/hist_events.h"
 #include "utils/etc/uthist/hist_stats.h"
 #include "utils/unix/unixcancel.h"
+#include "utils/unix/unixfork.h"
 #include "utils/unix/unixsigs.h"
 
 namespace {
@@ -197,7 +198,10 @@ bool move_dump(uint64 from, uint64 to)
 uint64 dump_state() { return __atomic_load_n(&hist.dump_state, __ATOMIC_RELAXED); }
 
 // Signal-safe.
-bool runs_for(uint32 owner) { return uint32(dump_state() >> 32) == owner; }
+uint64 this_thread() { return uint64(reinterpret_cast<a_ptrint>(__builtin_thread_pointer())); }
+
+// Signal-safe.
+bool runs_for(uint64 owner) { return (dump_state() & ~dump_state_bits) == owner; }
 
 // Signal-safe.
 bool running() { return __atomic_load_n(&hist.hist_initialized, __ATOMIC_ACQUIRE); }
@@ -275,7 +279,7 @@ FILE* hist_begin_message()
 bool hist_dump_claim(int max_wait)
 {
     const struct timespec millisecond = {0, 1000000};
-    const uint32 me = uint32(gettid());
+    const uint64 me = this_thread();
     for (int i = 0; !move_dump(pack_dump(DUMP_IDLE), pack_dump(DUMP_RUNNING, me)); i++) {
         if (runs_for(me))
             return true;
@@ -290,7 +294,7 @@ bool hist_dump_claim(int max_wait)
 // Signal-safe.
 void hist_dump_release()
 {
-    const uint32 me = uint32(gettid());
+    const uint64 me = this_thread();
     while (!move_dump(pack_dump(DUMP_RUNNING, me), pack_dump(DUMP_IDLE))) {
         if (!move_dump(pack_dump(DUMP_WANTED, me), pack_dump(DUMP_RUNNING, me)))
             return;  // a fork in a handler has ended it for the child
@@ -355,26 +359,28 @@ void hist_dump_to_log_unlocked(int max_wait)
 
 // ---- SIGUSR1 ----
 
-// Dumps now, or has the dump that is running write another one. Keeps errno.
+// Dumps now, or has the dump that is running write another one. Keeps errno. In a vfork child the history is the
+// parent's, and its descriptors are not.
 // Signal-safe.
 void ut_hist_signal_handler(int)
 {
+    if (!unix_is_home_process())
+        return;
     const int kept = errno;
     const an_uncancelled_scope uncancelled;
-    const uint32 me = uint32(gettid());
+    const uint64 me = this_thread();
     while (running()) {
         if (move_dump(pack_dump(DUMP_IDLE), pack_dump(DUMP_RUNNING, me))) {
             dump_by_descriptor();
             hist_dump_release();
             break;
         }
-        const uint64 now = dump_state();
-        if (uint32(now >> 32) == me && ut_onsig_will_do_cleanup()) {
-            dump_by_descriptor();  // the dump that the process's end interrupted will never go on
+        const uint64 now = dump_state(), state = now & dump_state_bits, owner = now & ~dump_state_bits;
+        if (owner == me && ut_onsig_will_do_cleanup()) {
+            dump_by_descriptor();  // the dump that it interrupted will not go on, or be cut off by the process's end
             break;
         }
-        if (uint32(now) == DUMP_WANTED ||
-            (uint32(now) == DUMP_RUNNING && move_dump(now, pack_dump(DUMP_WANTED, uint32(now >> 32)))))
+        if (state == DUMP_WANTED || (state == DUMP_RUNNING && move_dump(now, pack_dump(DUMP_WANTED, owner))))
             break;
     }
     errno = kept;
@@ -409,8 +415,10 @@ void ut_hist_del_signal_handler()
 // Not signal-safe: it prints.
 void hist_install_signal_handler_once()
 {
-    if (__atomic_load_n(&hist.sig_handler_installed, __ATOMIC_RELAXED) == 0 &&
-        __atomic_exchange_n(&hist.sig_handler_installed, 1, __ATOMIC_RELAXED) == 0)
+    if (__atomic_load_n(&hist.sig_handler_installed, __ATOMIC_RELAXED) != 0)
+        return;
+    const an_uncancelled_scope uncancelled;  // the caller holds a queue's lock
+    if (__atomic_exchange_n(&hist.sig_handler_installed, 1, __ATOMIC_RELAXED) == 0)
         ut_hist_add_signal_handler();
 }
 

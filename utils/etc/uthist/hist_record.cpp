@@ -17,6 +17,7 @@
 #include "utils/etc/uthist/hist_log.h"
 #include "utils/etc/uthist/hist_slots.h"
 #include "utils/etc/uthist/hist_stats.h"
+#include "utils/unix/unixcancel.h"
 
 namespace {
 
@@ -366,6 +367,7 @@ inline uint32 record_locked(const an_event& event, const a_route& to, uint32 t)
 // Not signal-safe: it prints.
 __attribute__((noinline, cold)) void say_begin(an_event event)
 {
+    const an_uncancelled_scope uncancelled;  // the thread's mark is set
     fprintf(hist_cfg.ut_hist_dump_err_file, "** HISTORY ** add (%s:%u) P=%d(%p,%p,%p,%p) ...%s",
             event.file != nullptr ? event.file : "<no_file>", event.line, event.pn, event.p1, event.p2, event.p3,
             event.p4, hist_cfg.ut_hist_eol);
@@ -374,6 +376,7 @@ __attribute__((noinline, cold)) void say_begin(an_event event)
 // Not signal-safe: it prints.
 __attribute__((noinline, cold)) void say_done(int32 q, uint32 n)
 {
+    const an_uncancelled_scope uncancelled;
     fprintf(hist_cfg.ut_hist_dump_err_file, "** HISTORY z-messages ** add done q=%d, n=%d%s", q, int32(n),
             hist_cfg.ut_hist_eol);
     fflush(hist_cfg.ut_hist_dump_err_file);

@@ -99,7 +99,11 @@ a_slot claim()
     }
     hist_reset_thread(hist.threads[slot]);
     take(hist_slot(slot));
-    return hist_my_slot;
+    if (tid_of(owner_of(slot)) == uint32(gettid()))
+        return hist_my_slot;
+    // A handler forked just now, and the child has freed the slot.
+    hist_my_slot.thread = nullptr;
+    return claim();
 }
 
 }  // namespace

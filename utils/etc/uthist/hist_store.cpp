@@ -204,10 +204,13 @@ void hist_reset_thread(a_ut_hist_thread& thread)
 }
 
 // Moves a forked child's ring past a record that the fork cut in two. When its thread lives on in the child, since a
-// handler forked, it completes its own slot, and no other event's.
+// handler forked, it completes its own slot, and no other event's; it then takes the ring back to behind that slot, so
+// that what the handler recorded into this queue is dropped. Start-up in another thread may not have got to this queue.
 // Signal-safe.
 void hist_pass_unfinished(a_ut_hist_event_list& queue)
 {
+    if (queue.evs == nullptr)
+        return;
     const a_ring_pos at = unpack_ring(__atomic_load_n(&queue.ring_pos, __ATOMIC_RELAXED));
     if (__atomic_load_n(&queue.evs[at.next].seq, __ATOMIC_RELAXED) % 2 != 0)
         __atomic_store_n(&queue.ring_pos, pack_ring(next_slot(at, uint32(hist_cfg.ut_hist_debug_num))),

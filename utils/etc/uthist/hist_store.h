@@ -144,10 +144,12 @@ struct alignas(cache_line) a_ut_hist_thread {
 };
 
 // A dump runs from `running` to `idle`. A SIGUSR1 that finds one running leaves `wanted`, and the dump that runs writes
-// another when it is done. `closed`: there is no store. The state shares one word with the id of the thread whose dump
-// runs (0: none), so that no handler finds the one without the other.
-enum a_dump_state : uint32 { DUMP_CLOSED = 0, DUMP_IDLE = 1, DUMP_RUNNING = 2, DUMP_WANTED = 3 };
-inline constexpr uint64 pack_dump(a_dump_state state, uint32 owner = 0) { return uint64(owner) << 32 | state; }
+// another when it is done. `closed`: there is no store. The state shares one word with the thread whose dump runs (0:
+// none), so that no handler finds the one without the other. A thread is known by its control block, which has a large
+// alignment and which a fork leaves in its place.
+enum a_dump_state : uint64 { DUMP_CLOSED = 0, DUMP_IDLE = 1, DUMP_RUNNING = 2, DUMP_WANTED = 3 };
+inline constexpr uint64 dump_state_bits = 3;
+inline constexpr uint64 pack_dump(a_dump_state state, uint64 owner = 0) { return owner | state; }
 
 struct alignas(cache_line) a_ut_hist_store {
     // Read by every event, written by start-up and shut-down.
@@ -193,7 +195,8 @@ void hist_store_free(bool destroy_queue_locks);
 
 // One mutex of the history for a scope; a null one is left alone. A fork in a signal handler that interrupted the
 // holder frees the mutex in the child, so there the holder must not unlock it a second time. The count is read once the
-// mutex is held: a fork before that leaves it to the child to lock, and so to unlock.
+// mutex is held: a fork before that leaves it to the child to lock, and so to unlock. (One between the two makes the child
+// unlock a free mutex, which does not harm it.)
 class a_hist_lock {
 public:
     // Not signal-safe: it locks.

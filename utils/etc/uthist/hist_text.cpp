@@ -11,24 +11,28 @@
 #include "utils/utmem/utmem.h"
 
 // Not signal-safe: it prints.
-void sink_file(const a_hist_text& text) { fwrite(text.buf, 1, text.used, text.file); }
+void sink_file(a_hist_text& text) { fwrite(text.buf, 1, text.used, text.file); }
 
 namespace {
 
-// A descriptor in non-blocking mode gets a second to take more; then the rest of this piece is given up, so that a dump
-// always ends.
-constexpr int poll_timeout_ms = 1000;
+// A descriptor in non-blocking mode gets a second to take more; then the rest of the dump is given up, so that it always
+// ends, and no row is joined with a half one. Signals may shorten the second.
+constexpr int poll_timeout_ms = 100;
+constexpr int max_polls = 10;
 
 // Whether write should be tried again after it failed.
 // Signal-safe.
-bool try_again(int fd)
+bool try_again(int fd, int& polls)
 {
     if (errno == EINTR)
         return true;
     if (errno != EAGAIN)
         return false;
     struct pollfd wait = {fd, POLLOUT, 0};
-    return poll(&wait, 1, poll_timeout_ms) == 1 && (wait.revents & POLLOUT) != 0;
+    while (polls++ < max_polls)
+        if (poll(&wait, 1, poll_timeout_ms) == 1)
+            return (wait.revents & POLLOUT) != 0;
+    return false;
 }
 
 // Writes a number's digits before `end`; gives where they begin. Two digits a division: it is most of a number's cost.
@@ -65,15 +69,18 @@ inline char* put_hex(char* end, uint64 value)
 }  // namespace
 
 // Signal-safe.
-void sink_fd(const a_hist_text& text)
+void sink_fd(a_hist_text& text)
 {
     const char* at = text.buf;
+    int polls = 0;
     for (size_t left = text.used; left > 0;) {
         const ssize_t written = write(text.fd, at, left);
         if (written > 0) {
             at += written;
             left -= size_t(written);
-        } else if (written == 0 || !try_again(text.fd)) {
+            polls = 0;
+        } else if (written == 0 || !try_again(text.fd, polls)) {
+            text.fd = -1;
             return;
         }
     }

@@ -43,14 +43,14 @@ private:
             flush();
     }
 
-    void (*sink)(const a_hist_text& text);
+    void (*sink)(a_hist_text& text);
     FILE* file;
     int fd;
     size_t used;
     char buf[32 * 1024];
 
-    friend void sink_file(const a_hist_text& text);
-    friend void sink_fd(const a_hist_text& text);
+    friend void sink_file(a_hist_text& text);
+    friend void sink_fd(a_hist_text& text);
 };
 
 // Signal-safe.

@@ -14,6 +14,7 @@
 #include "utils/etc/uthist/hist_config.h"
 #include "utils/etc/uthist/hist_log.h"
 #include "utils/etc/uthist/hist_slots.h"
+#include "utils/unix/unixcancel.h"
 #include "utils/unix/utptmutex.h"
 
 namespace {
@@ -41,8 +42,9 @@ bool somebody_records()
 // Lets threads that are just recording or dumping finish: a server may exit under its threads. The barrier runs on all their
 // processors, so that it costs recording nothing: afterwards either a thread's mark is seen here, or the thread sees
 // that the history has stopped. Bounded: a thread that was ended in the middle of its event leaves its mark for ever.
+// False when somebody is still there.
 // Not signal-safe: it sleeps.
-void wait_for_users()
+bool wait_for_users()
 {
     const struct timespec millisecond = {0, 1000000};
     syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0);
@@ -51,17 +53,16 @@ void wait_for_users()
     const auto busy = [] { return somebody_records() || hist.users.now() > 0; };
     for (int i = 0; i < max_waits && busy(); i++)
         nanosleep(&millisecond, nullptr);
+    return !busy();
 }
 
-// Frees the store unless option x- keeps it. False while another thread is inside a dump that does not end: all that it
-// uses stays then, the errout stream too.
+// Frees the store unless option x- keeps it. False while another thread is inside, say in a dump that does not end: all
+// that it uses stays then, the errout stream too.
 // Not signal-safe: it frees.
 bool clean_up()
 {
     const bool frees = hist_cfg.ut_hist_exit_cleanup > 0;
-    if (frees)
-        wait_for_users();
-    if (!hist_dump_claim(max_waits))
+    if ((frees && !wait_for_users()) || !hist_dump_claim(max_waits))
         return false;
     __atomic_store_n(&hist.dump_state, pack_dump(frees ? DUMP_CLOSED : DUMP_IDLE), __ATOMIC_RELEASE);
     if (frees)
@@ -78,6 +79,7 @@ void free_lock(a_critical_sect& section) { ut_safe_pthread_mutex_fork_child(&sec
 // Not signal-safe: it allocates and prints.
 void ut_hist_init(void)
 {
+    const an_uncancelled_scope uncancelled;
     if (!hist_read_environment())
         return;
     hist_write_settings();
@@ -104,6 +106,7 @@ void ut_hist_fini(void)
 {
     if (!hist.hist_initialized)
         return;
+    const an_uncancelled_scope uncancelled;
     __atomic_store_n(&hist.hist_initialized, false, __ATOMIC_RELEASE);
     say_fini("...");
     if (hist_cfg.ut_hist_dump_on_sig == 1 && __atomic_load_n(&hist.sig_handler_installed, __ATOMIC_RELAXED) != 0) {
