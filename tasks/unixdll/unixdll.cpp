@@ -111,6 +111,6 @@ void LibInit_corvex()
 void LibFini_corvex()
 {
     init_fini_call_count_corvex--;
-    if (init_fini_call_count_corvex == 0 && !UnixForkProtection_IsChild())
+    if (init_fini_call_count_corvex == 0 && unix_is_home_process() && !UnixForkProtection_IsChild())
         FiniTheInternalStuff_corvex();
 }

@@ -61,7 +61,6 @@ public:
     bool started;
 
 private:
-    bool counted;
     uint32 forks;
 };
 

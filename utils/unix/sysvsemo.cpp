@@ -62,8 +62,8 @@ constexpr uint32 forks_of(uint64 entry) { return uint32(entry >> 32); }
 
 uint64 registry[num_slots];
 c_sysv_semaphore_set* registered_sets[num_slots];  // stored before, and valid while, the entry is there
-uint32 max_displacement =
-    0;                  // how far from its home slot any entry was put; 0 where the kernel numbers sets below 32768
+// How far from its home slot any entry was put; 0 where the kernel numbers sets below 32768.
+uint32 max_displacement = 0;
 uint32 used_slots = 0;  // no entry from this slot on
 int32 num_registered = 0;
 
@@ -417,6 +417,7 @@ a_bool c_sysv_semaphore_set::open()
     const a_creation creation;
     if (!creation.allowed())
         return FALSE;
+    _forks = unix_fork_count();  // here, where no handler can fork any more
     _ident = new_kernel_set(MAX_NSEMS);
     if (_ident <= 0) {
         remove_kernel_set(_ident);
@@ -603,7 +604,7 @@ void sysv_list_init_semaphore()
 void sysv_list_fini_semaphore()
 {
     c_sysv_sema_set_list* list = list_of_process();
-    if (list == nullptr || !unix_is_home_process())
+    if (list == nullptr)
         return;
     list->mutex_get();
     __atomic_store_n(&sysv_sema_list_p, nullptr, __ATOMIC_SEQ_CST);

@@ -28,11 +28,12 @@ public:
     // Signal-safe.
     uint32 enter()
     {
-        const uint32 forks = unix_fork_count();
         uint64 old = __atomic_load_n(&word, __ATOMIC_RELAXED);
-        while (!change(old, pack(forks, (forks_in(old) == forks ? uint32(old) : 0) + 1)))
-            continue;
-        return forks;
+        for (;;) {
+            const uint32 forks = unix_fork_count();
+            if (change(old, pack(forks, (forks_in(old) == forks ? uint32(old) : 0) + 1)))
+                return forks;
+        }
     }
     // Signal-safe.
     void leave(uint32 forks)

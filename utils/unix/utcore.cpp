@@ -77,9 +77,9 @@ void keep_earlier(a_handled_signal& row, const struct sigaction& earlier)
         row.oldhandler = earlier;
 }
 
-// A handler put on top of the
-// library's stays there: it may pass signals on to the library's, and being saved as the earlier one it would get them
-// back without end. The earlier disposition is kept before the library's is in force: a signal may come at once.
+// Puts the library's handler in place and keeps the earlier disposition: before the handler is in force, since a signal
+// may come at once, and as it was replaced. A handler put on top of the library's stays there: it may pass signals on to
+// the library's, and being saved as the earlier one it would get them back without end.
 // Signal-safe.
 void install(a_handled_signal& row)
 {
@@ -91,9 +91,12 @@ void install(a_handled_signal& row)
         return;
     const struct sigaction kept = row.oldhandler;
     keep_earlier(row, previous);
-    row.installed = unix_handle_signal_keeping(row.signal, ut_onsig_sig_handler, &previous) || row.installed;
-    if (!row.installed)
+    if (unix_handle_signal_keeping(row.signal, ut_onsig_sig_handler, &previous)) {
+        keep_earlier(row, previous);
+        row.installed = true;
+    } else {
         row.oldhandler = kept;
+    }
 }
 
 // Signal-safe.
@@ -104,17 +107,13 @@ void remove(a_handled_signal& row)
     row.installed = false;
 }
 
-// Installs the library's handler again, to learn what was in force, and puts that back whole: another handler,
-// installed after it, has passed the signal on; or the library's own, which keeps the alternate stack of the thread
-// that installed it.
+// Whether another handler is in force, installed after the library's: then that has passed the signal on. It is only
+// looked at: to install the library's again and put the other back could take it away beside a second signal.
 // Signal-safe.
 a_bool reached_through_another(int sig)
 {
     struct sigaction in_force;
-    if (!unix_handle_signal_keeping(sig, ut_onsig_sig_handler, &in_force))
-        return FALSE;
-    unix_restore_signal(sig, &in_force);
-    return in_force.sa_sigaction != ut_onsig_sig_handler;
+    return sigaction(sig, nullptr, &in_force) == 0 && in_force.sa_sigaction != ut_onsig_sig_handler;
 }
 
 // Leading decimal digits; anything else, a minus sign included, reads as 0.

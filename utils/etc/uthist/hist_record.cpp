@@ -24,8 +24,11 @@ namespace {
 struct a_route {
     int32 q;
     bool lock;
+};
+
+struct a_named_id {
     int32 ii;          // registry index, -1 for none
-    const char* text;  // the id's text, null for none
+    const char* text;  // null for none
 };
 
 // The arguments of one event. All that reads it is inlined, so that it never stands in memory.
@@ -34,40 +37,44 @@ struct an_event {
     uint32 line;
     a_ut_hist_loc* loc;
     int32 cl;
+    a_named_id id;
     const char* ev;
     int32 pn;
     void *p1, *p2, *p3, *p4, *p5, *p6, *p7, *p8;
 };
 
 // Signal-safe.
-inline a_route own_queue(uint32 t, int32 ii, const char* text)
+inline a_route own_queue(uint32 t)
 {
     const bool by_thread = hist_cfg.ut_hist_debug_q_by_thr != 0 && t + 1 < uint32(hist_cfg.hist_num_q);
-    return {by_thread ? int32(t + 1) : 0, !by_thread, ii, text};
+    return {by_thread ? int32(t + 1) : 0, !by_thread};
 }
 
+// The three special ids are the highest values.
 // Signal-safe.
-inline a_route special_route(a_ut_hist_id id, uint32 t)
-{
-    const bool by_thread = hist_cfg.ut_hist_debug_q_by_thr != 0;
-    if (id == UT_HIST_ID_SIGHANDLER)
-        return {1, false, -1, "SigHandler"};
-    if (id == UT_HIST_ID_Q2)
-        return {by_thread ? 0 : 2, by_thread, -1, "Q2"};
-    return own_queue(t, -1, nullptr);
-}
+inline bool is_special(a_ut_hist_id id) { return __builtin_expect(a_ptrint(id) >= a_ptrint(UT_HIST_ID_SIGHANDLER), 0); }
 
 // Signal-safe.
 inline a_route route(a_ut_hist_id id, uint32 t)
 {
-    const a_ptrint value = a_ptrint(id);
-    // The three special ids are the highest values.
-    if (__builtin_expect(value >= a_ptrint(UT_HIST_ID_SIGHANDLER), 0))
-        return special_route(id, t);
+    const bool by_thread = hist_cfg.ut_hist_debug_q_by_thr != 0;
+    if (is_special(id) && id == UT_HIST_ID_SIGHANDLER)
+        return {1, false};
+    if (is_special(id) && id == UT_HIST_ID_Q2)
+        return {by_thread ? 0 : 2, by_thread};
+    return own_queue(t);
+}
+
+// Only for a thread whose mark is set: shut-down frees the registry under all others.
+// Signal-safe.
+inline a_named_id name_of(a_ut_hist_id id)
+{
+    if (is_special(id))
+        return {-1, id == UT_HIST_ID_SIGHANDLER ? "SigHandler" : id == UT_HIST_ID_Q2 ? "Q2" : nullptr};
     // Acquire: an entry below the count is complete.
-    if (hist.hist_ids != nullptr && value < uint32(__atomic_load_n(&hist.hist_num_ids, __ATOMIC_ACQUIRE)))
-        return own_queue(t, int32(value), hist.hist_ids[value].desc);
-    return own_queue(t, -1, static_cast<const char*>(id));
+    if (hist.hist_ids != nullptr && a_ptrint(id) < uint32(__atomic_load_n(&hist.hist_num_ids, __ATOMIC_ACQUIRE)))
+        return {int32(a_ptrint(id)), hist.hist_ids[a_ptrint(id)].desc};
+    return {-1, static_cast<const char*>(id)};
 }
 
 // The three text copies are most of what copy mode costs, so they work on blocks of 16 characters, as the C library's
@@ -329,9 +336,9 @@ inline uint32 record(const an_event& event, const a_route& to, uint32 t)
     __atomic_store_n(&r.time_of_day.tv_sec, now.tv_sec, __ATOMIC_RELEASE);
     __atomic_store_n(&r.time_of_day.tv_usec, now.tv_usec, __ATOMIC_RELEASE);
     if (copies)
-        store_texts(queue.texts + at.next * hist_cfg.text_stride, file, to.text, event.ev);
+        store_texts(queue.texts + at.next * hist_cfg.text_stride, file, event.id.text, event.ev);
     else
-        store_pointers(r, file, to.text, event.ev);
+        store_pointers(r, file, event.id.text, event.ev);
     __atomic_store_n(&r.line, event.line, __ATOMIC_RELEASE);
     __atomic_store_n(&r.num, num, __ATOMIC_RELEASE);
     __atomic_store_n(&r.thread, t, __ATOMIC_RELEASE);
@@ -343,8 +350,8 @@ inline uint32 record(const an_event& event, const a_route& to, uint32 t)
     if (event.cl == UT_HIST_CL_DATA)
         record_data(queue, r, event.p1, int64_t(a_ptrint(event.p2)));
     uint32 dur = hist_no_dur;
-    if (event.loc != nullptr || to.ii >= 0)
-        dur = record_times(event.loc, event.cl, to.ii, t, {to.q, at.next, num}, now);
+    if (event.loc != nullptr || event.id.ii >= 0)
+        dur = record_times(event.loc, event.cl, event.id.ii, t, {to.q, at.next, num}, now);
     __atomic_store_n(&r.dur, dur, __ATOMIC_RELEASE);
     // Release: who sees the even word sees the record behind it.
     __atomic_store_n(&r.seq, seq_whole(at.laps), __ATOMIC_RELEASE);
@@ -417,7 +424,7 @@ void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl
         return;
     }
     const int32 stored_pn = pn < int32(hist_max_parms) ? pn : int32(hist_max_parms);
-    const an_event event = {file, line, loc, cl, ev, stored_pn, p1, p2, p3, p4, p5, p6, p7, p8};
+    const an_event event = {file, line, loc, cl, name_of(id), ev, stored_pn, p1, p2, p3, p4, p5, p6, p7, p8};
     const bool say = __builtin_expect(hist_cfg.ut_hist_z_messages > 1, 0);
     if (say)
         say_begin(event);
