@@ -40,6 +40,9 @@ std::optional<a_options> read_options(int argc, char** argv)
         default:
             std::fputs(usage, stderr);
             return std::nullopt;
+        case 'h':
+            std::fputs(usage, stdout);
+            std::exit(0);
         case 'd':
             options.directory = optarg;
             break;

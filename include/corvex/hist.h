@@ -67,7 +67,7 @@ CORVEX_LAYOUT(sizeof(a_ut_hist_loc) == 12 && offsetof(a_ut_hist_loc, n) == 4 && 
         -1, 0, 0                                                                                                       \
     }
 
-/* The two master switches, for ut_hist_setting. */
+/* The master switch, and one that only the settings listing shows, for ut_hist_setting. */
 typedef enum a_ut_hist_setting {
     UT_HIST_SET_EVENTS_OFF = 0,
     UT_HIST_SET_EVENTS_ON = 1,
@@ -90,14 +90,14 @@ extern CORVEX_API int32 ut_hist_debug;
  *   ev          the event's text, may be null
  *   pn          how many of p1..p8 count, 0..8; a larger value is stored as 8; a negative one is stored as it is and shows
  *               every parameter column of the dump
- * Texts are copied when option f is on, else only their addresses are kept and the texts must stay valid until the last
- * dump. Of an id 15 characters are kept, of an event text 31, of a file text shorter than 23 all and of a longer one the
- * last 22 (option m changes the numbers).
- * Thread-safe. Signal-safe with UT_HIST_ID_SIGHANDLER only. Does nothing while the history is not running. An
- * event is dropped silently when a signal handler records on the thread and queue that it interrupted in this
- * function, and counted as missed when the thread has no slot (see UT_HIST_THREAD_SLOT in the user's guide).
- * Allocates nothing, never blocks but for the queue's lock, for a registered id those of
- * its statistics, and with option S what the first event prints while it installs the handler. */
+ * Texts are copied when option f is on, else only their addresses are kept and the texts must stay valid until the
+ * last dump. Of an id 15 characters are kept, of an event text 31, of a file text shorter than 23 all and of a
+ * longer one the last 22 (option m changes the numbers). Thread-safe. Signal-safe with UT_HIST_ID_SIGHANDLER only,
+ * and not under option Z, which prints each event. Does nothing while the history is not running. An event is
+ * dropped silently when a signal handler records on the thread and queue that it interrupted in this function, and
+ * counted as missed when the thread has no slot (see UT_HIST_THREAD_SLOT in the user's guide). Allocates nothing,
+ * never blocks but for the queue's lock, for a registered id those of its statistics, and with option S what the
+ * first event prints while it installs the handler. */
 CORVEX_API void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl cl, a_ut_hist_id id,
                             const char* ev, int32 pn, void* p1, void* p2, void* p3, void* p4, void* p5, void* p6,
                             void* p7, void* p8);
@@ -116,13 +116,14 @@ CORVEX_API a_ut_hist_id ut_hist_id_alloc(const char* file, uint32 line, const ch
  * it locks. */
 CORVEX_API void ut_hist_dump_to_file(FILE* f);
 
-/* Writes a whole dump to the log file of option l, or to the errout stream when none is named or it cannot be
- * opened, and reports it on the errout stream (option r). Records one event "PROGRAM DUMP" first, while
- * events are on. Does nothing while there is no store. Thread-safe. Not signal-safe: raise SIGUSR1 there
- * instead. */
+/* Writes a whole dump to the log file of option l, or to the errout stream (option e; standard error) when none is
+ * named or it cannot be opened, and reports it on the errout stream (option r). Records one event "PROGRAM DUMP"
+ * first, while events are on. Does nothing while there is no store. Thread-safe. Not signal-safe: raise SIGUSR1
+ * there instead. */
 CORVEX_API void ut_hist_dump_to_log(void);
 
-/* Turns events or statistics on or off; any other value changes nothing. May be called at any time; readers
+/* Turns events on or off; the statistics values change only what the settings listing shows (option k alone decides).
+ * Any other value changes nothing. May be called at any time; readers
  * in other threads see the old or the new value. Thread-safe and signal-safe. */
 CORVEX_API void ut_hist_setting(a_ut_hist_setting s);
 
@@ -130,7 +131,8 @@ CORVEX_API void ut_hist_setting(a_ut_hist_setting s);
  * UT_HIST_THREAD_SLOT, allocates the store and installs the SIGUSR1 handler; it does not guard against a
  * second call without a shut-down between, which loses the first store. Shut-down dumps (option f), removes
  * the handler and frees the store (option x); it does nothing unless the history is running. After a
- * shut-down a new start-up reads the environment again: options that it does not name keep their values.
+ * shut-down a new start-up reads the environment again: options that it does not name keep their values, but for
+ * e, ye, ys and the slot rule, which begin anew.
  * Neither is thread-safe or signal-safe: no other thread may use the history meanwhile. */
 CORVEX_API void ut_hist_init(void);
 CORVEX_API void ut_hist_fini(void);

@@ -17,9 +17,9 @@
  * In a child between fork and its fork handlers, and in one of vfork or _Fork, nothing of this happens: an earlier
  * handler gets the signal, or its default action ends the child.
  *
- * Environment, read when handlers are installed or run: ZT_INSTALL_SIG_HANDLERS (n...: none, c... or s...: the
- * five crash signals only), ZT_ALWAYS_GEN_CORE (set: the core limit is left alone), ZT_LINUX_COREDUMP_DELAY (seconds
- * to sleep before the abort: leading decimal digits, 0 to 3600, 2 when empty). */
+ * Environment, read when handlers are installed or run: ZT_INSTALL_SIG_HANDLERS (n...: none, c... or s...: the five
+ * crash signals only; capitals too), ZT_ALWAYS_GEN_CORE (set: the core limit is left alone), ZT_LINUX_COREDUMP_DELAY
+ * (seconds to sleep before the abort: leading decimal digits, 0 to 3600, 2 when empty). */
 #ifndef CORVEX_ONSIG_H
 #define CORVEX_ONSIG_H
 
@@ -34,10 +34,10 @@ CORVEX_C_BEGIN
 typedef void (*a_sig_handler_func)(int sig, void* arg, a_bool chained, a_bool chaining, a_bool cleanup, void* siginfo,
                                    void* context);
 
-/* Registers func (not null) in the first free of eight slots. Priorities 0 to 32000 run, lowest first, equal
- * ones in slot order; others never do. Returns a handle, or null when all slots are taken. Thread-safe and
- * signal-safe; a signal that arrives inside the call may find the priority and arg of the slot's last
- * registration. */
+/* Registers func (not null) in the first free of eight slots, one of which the library itself takes at load.
+ * Priorities 0 to 32000 run, lowest first, equal ones in slot order; others never do. Returns a handle, or null when
+ * all slots are taken. Thread-safe and signal-safe; a signal that arrives inside the call may find the priority and
+ * arg of the slot's last registration. */
 CORVEX_API void* ut_onsig_call_add(int priority, a_sig_handler_func func, void* arg);
 
 /* Removes the registration of func under the handle; does nothing when the handle is null or its slot holds
@@ -45,19 +45,22 @@ CORVEX_API void* ut_onsig_call_add(int priority, a_sig_handler_func func, void* 
 CORVEX_API void ut_onsig_call_del(void* void_p, a_sig_handler_func func);
 
 /* Runs the callbacks with these arguments on the calling thread, each registration at most once. Signal-safe
- * as far as they are. */
+ * as far as they are. With cleanup true the library's own callback removes all its kernel semaphores (sysvsem.h). */
 CORVEX_API void ut_onsig_call_now(int sig, a_bool chained, a_bool chaining, a_bool cleanup, void* siginfo,
                                   void* context);
 
-/* 1 once the library's handler has begun to clean up and end the process, else 0. Thread-safe and
- * signal-safe. */
+/* 1 once the library's handler has begun to clean up and end the process, and in children forked from then on, else 0.
+ * Thread-safe and signal-safe. */
 CORVEX_API int ut_onsig_will_do_cleanup(void);
 
 /* Installs the handlers as ZT_INSTALL_SIG_HANDLERS says; does nothing while a full set is installed.
  * called_during_lib_init: true for a call from a library's own start-up, which then only counts after this
- * library's. A handler that the program put on top of an earlier crash-only installation stays on top. Handlers are
- * installed with SA_ONSTACK too when the calling thread has an alternate signal
- * stack, so give it one first to survive a stack overflow. Not thread-safe, not signal-safe. */
+ * library's. A handler that the program put on top of an earlier crash-only installation stays on top. A signal that
+ * was ignored before counts as having no handler, and ends the process from now on.
+ *
+ * Handlers are installed with SA_ONSTACK too when the calling thread has an alternate signal stack: give it one first
+ * to survive a stack overflow. Each thread that is to survive one needs an alternate stack of its own, at any time
+ * before. Not thread-safe, not signal-safe. */
 CORVEX_API void ut_onsig_install_signal_handlers(a_bool called_during_lib_init);
 
 /* Sets the soft limit of core files to 0, unless ZT_ALWAYS_GEN_CORE is set. Thread-safe and signal-safe. */

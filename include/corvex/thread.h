@@ -2,15 +2,17 @@
  * ending threads, parking and waking them with a value, and a recursive mutex.
  *
  * OS_Init comes before any other OS_ operation on threads and is matched by one OS_Fini. A thread gets its
- * descriptor at its first use (OS_Me, OS_Attach_Thread) or when the layer starts it, keeps it while it holds an
- * attach reference, and loses it with the last. A thread that ends without detaching (and was not started by the
- * layer) leaves its descriptor in the table until the last OS_Fini, which releases all of them.
+ * descriptor at its first use (OS_Me, OS_Attach_Thread, OS_Wait, OS_Begin_Thread_Attachable) or when the layer
+ * starts it, keeps it while it holds an attach reference, and loses it with the last. A thread that ends without
+ * detaching (and was not started by the layer) leaves its descriptor in the table until the last OS_Fini, which
+ * releases all of them.
  *
  * In a forked child every lock of the layer is free, but those that the forking thread holds; it keeps its
  * descriptor, and those of the parent's other threads stay in the table until OS_Fini, for threads that there are
  * not.
  *
- * Out of memory: a mutex that OS_MutexInit could not make must not be used (its `mutex` is null then).
+ * Out of memory: a mutex that OS_MutexInit could not make must not be used (its `mutex` is null then). A failed
+ * allocation is also reported on standard output and in the system log, which closes the program's own openlog.
  *
  * The library must not be unloaded before the threads that it started have ended: join the attachable ones first.
  *
@@ -81,10 +83,12 @@ CORVEX_API void OS_Init(void);
  * are detached. */
 CORVEX_API void OS_Fini(void);
 
-/* The calling thread's descriptor, made when it has none; null when there is no memory. Thread-safe. */
+/* The calling thread's descriptor, made when it has none; null when there is no memory or no thread-specific key, and
+ * while the process exits. Thread-safe. */
 CORVEX_API p_os_thread OS_Me(void);
 
-/* The same, holding one more reference. */
+/* The same, holding one more reference; a descriptor that is made here or by OS_Me begins with one, which one
+ * OS_Detach_Thread gives back. */
 CORVEX_API p_os_thread OS_Attach_Thread(void);
 
 /* Gives one reference of the calling thread back, and its descriptor with the last one: that is then gone, unless the
@@ -117,12 +121,14 @@ CORVEX_API void OS_MutexGive(p_mutex mutex);
 
 /* ---- starting and ending threads ---- */
 
-/* Starts a thread that runs start_address(arg) and registers it before it returns. stack_bottom not used stack_size
- * bytes; at least 524288 are given; 0: the system's default name its first 15 bytes (whole UTF-8 characters) name
- * the thread for debuggers and ps -L; null or empty: no name attachable TRUE: some thread calls
- * OS_WaitOnThreadTermination for it, once; FALSE: it releases itself Returns its descriptor, or null when the thread
- * cannot be created or its descriptor cannot be allocated; the body then does not run. The descriptor of a thread
- * that is not attachable is gone when that thread ends. Thread-safe. */
+/* Starts a thread that runs start_address(arg) and registers it before it returns; the caller is registered, too.
+ *   stack_bottom  not used
+ *   stack_size    bytes; at least 524288 are given; 0: the system's default
+ *   name          its first 15 bytes (whole UTF-8 characters) name the thread for debuggers and ps -L; null or
+ *                 empty: no name
+ *   attachable    TRUE: some thread calls OS_WaitOnThreadTermination for it, once; FALSE: it releases itself
+ * Returns its descriptor, or null when the thread cannot be created or its descriptor cannot be allocated; the body
+ * then does not run. The descriptor of a thread that is not attachable is gone when that thread ends. Thread-safe. */
 CORVEX_API p_os_thread OS_Begin_Thread_Attachable(an_os_thread_start_address start_address, void* stack_bottom,
                                                   unsigned int stack_size, void* arg, const char* name,
                                                   a_bool attachable);

@@ -18,7 +18,8 @@ protected:
 
 CORVEX_C_BEGIN
 
-// A new mutex, to be released with destroy; null when there is no memory. Thread-safe; not signal-safe: it allocates.
+// A new mutex, to be released with destroy; null when there is no memory, which is also reported on
+// standard output and in the system log. Thread-safe; not signal-safe: it allocates.
 CORVEX_API a_ut_vmutex* UT_Vmutex_Create(void);
 
 CORVEX_C_END

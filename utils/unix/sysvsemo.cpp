@@ -89,7 +89,7 @@ uint32 find_slot(int32 ident)
     return num_slots;
 }
 
-// Relaxed count: it is only shown. The entry may be cleared by another walker at the same time; one of them counts.
+// Relaxed count: it only answers sysv_list_is_empty. The entry may be cleared by another walker at the same time; one of them counts.
 // Signal-safe.
 void clear_entry(uint32 slot, uint64 entry)
 {

@@ -1,5 +1,5 @@
 // utprint.cpp: the message and error channels. No lock: routine and data are plain words, set before others
-// print. Not signal-safe.
+// print. Not signal-safe but for the registrations.
 #include <stdarg.h>
 #include <stdio.h>
 

@@ -2,8 +2,8 @@
 // from it.
 //
 // Two tables: `published` counts the publications, and its parity names the table in force. A refresh fills
-// the other one and publishes it; refreshes are serialised by their callers (start-up, and dumps that hold
-// all queue locks). A lookup that was overtaken by a publication may have read a table that the next refresh fills, sees
+// the other one and publishes it; refreshes are serialised by their callers (start-up, and the
+// one dump that runs). A lookup that was overtaken by a publication may have read a table that the next refresh fills, sees
 // that in the count, and looks again.
 #include "utils/etc/uthist/hist_clock.h"
 

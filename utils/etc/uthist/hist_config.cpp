@@ -2,8 +2,8 @@
 // settings.
 //
 // A new option, column switch or setting is one new row of a table. Nothing stops start-up: what cannot be
-// read is reported on the errout stream and passed over. Runs in start-up only, on one thread; nothing here
-// but ut_hist_setting is signal-safe.
+// read is reported on the errout stream and passed over. Runs in start-up only, on one thread; nothing
+// here but ut_hist_setting and the letters' case is signal-safe.
 #include "utils/etc/uthist/hist_config.h"
 
 #include <limits.h>

@@ -46,7 +46,7 @@ inline constexpr uint32 hist_max_timers = 32;  // of one timer list
 inline constexpr uint32 hist_no_dur = 0xFFFFFFFF;
 inline constexpr size_t cache_line = 64;
 
-// The three words in front make `sigset`, which is seldom used, fill two cache lines of its own: an event touches the
+// The 24 bytes in front make `sigset`, which is seldom used, fill two cache lines of its own: an event touches the
 // first line and the last two.
 struct alignas(cache_line) a_ut_hist_event {
     uint32 seq;
