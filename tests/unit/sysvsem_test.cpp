@@ -164,6 +164,14 @@ TEST(SysvSemaphores, ForkedChildLeavesItsParentsSetsAlone)
         }
         waitpid(pid_t(unmarked), &status, 0);
         EXPECT_EQ(own_sets(before), 1);
+        const pid_t heir = fork();
+        if (heir == 0) {
+            UnixForkProtection_Reset();
+            ut_onsig_call_now(SIGTERM, FALSE, FALSE, TRUE, nullptr, nullptr);
+            _exit(0);
+        }
+        waitpid(heir, &status, 0);
+        EXPECT_EQ(own_sets(before), 0) << "after a reset they are the child's";
         sysv_close_semaphore(&parents);
         EXPECT_EQ(own_sets(before), 0);
     });

@@ -1,6 +1,7 @@
 // threads_test.cpp: the thread table, starting, parking and ending threads, the recursive mutex, identity, virtual mutex.
 #include "corvex/corvex.h"
 
+#include <signal.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -350,6 +351,37 @@ TEST_F(Threads, LocksAreFreeInAForkedChild)
     stop = true;
     for (std::thread& thread : threads)
         thread.join();
+}
+
+// A handler forks under a thread that is parked; in the child another thread wakes it.
+TEST_F(Threads, AParkedThreadCanBeWokenInTheChildThatItsHandlerForks)
+{
+    if (under_tsan)
+        return;
+    static p_os_thread me;
+    static std::atomic<pid_t> child;
+    me = OS_Me();
+    child = -1;
+    signal(SIGUSR2, [](int) {
+        child = fork();
+        if (child == 0 && alarm(20) == 0)
+            OS_Begin_Thread_Attachable([](void*) { OS_Wakeup(me, &me); }, nullptr, 0, nullptr, nullptr, FALSE);
+    });
+    std::thread parent([main_thread = pthread_self()] {
+        usleep(50000);  // by then it is parked
+        pthread_kill(main_thread, SIGUSR2);
+        while (child == -1)
+            usleep(1000);
+        OS_Wakeup(me, nullptr);
+    });
+    void* value = OS_Wait();
+    if (child == 0)
+        _exit(value == &me ? 0 : 1);
+    parent.join();
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    signal(SIGUSR2, SIG_DFL);
 }
 
 TEST(Identity, KeepsTheFirstRootPidAndTheEngineName)
