@@ -149,7 +149,7 @@ CORVEX_API int OS_WaitOnThreadTermination(p_os_thread thread);
 
 /* ---- parking ---- */
 
-/* Parks the calling thread until it is woken, asleep but for the first ten microseconds or so, when it looks for the
+/* Parks the calling thread until it is woken, asleep but for the first few microseconds, when it looks for the
  * wake-up by itself; returns the value of the last wake-up. A wake-up that came before is not lost: the call returns
  * at once. Several before one wait count as one, with the last one's value, which brings along all that its waker
  * stored before. OS_WaitEx takes the caller's own descriptor. Null, too, when the last OS_Fini has been or comes

@@ -22,7 +22,7 @@ constexpr uint32 interface_version = 0x10000b5d;
 constexpr int line_before_body = 514;  // what a mismatch is reported under
 constexpr int line_after_body = 516;
 constexpr size_t name_size = 16;         // the kernel's limit, the terminating NUL included
-constexpr int looks_before_sleep = 300;  // some ten microseconds: what falling asleep and being woken takes
+constexpr int looks_before_sleep = 300;  // some microseconds: less than falling asleep and being woken take
 constexpr size_t longest_character = 4;  // bytes in UTF-8
 
 struct os_helper_parms {

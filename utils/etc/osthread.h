@@ -34,7 +34,7 @@ private:
         pthread_key_t key;
         return pthread_key_create(&key, nullptr) == 0 ? key : no_key;
     }
-    // Relaxed: it changes only at the last OS_Fini, when no other thread uses the layer.
+    // Relaxed: it changes only at the last OS_Fini, when no other thread uses the layer, and at exit.
     pthread_key_t key() const { return __atomic_load_n(&_tls_key, __ATOMIC_RELAXED); }
 
     pthread_key_t _tls_key;
