@@ -4,9 +4,10 @@
     report.py BUILD_DIR        BUILD_DIR holds bench/bench_corvex and, when built, examples/demo_server
 
 Only ratios within one run carry over to another machine, so both sides of each come from one process that interleaves
-their repetitions. Each side is its fastest repetition, which other load on the machine disturbs least; of percentiles,
-load times and two threads (which are fastest when they happen not to meet) it is the median. The same table goes as
-markdown to BUILD_DIR/table.md.
+their repetitions, and from several such processes: where the stack begins is chance, and worth some per cent. Each side
+is its fastest repetition, which other load on the machine disturbs least; of percentiles, load times and two threads
+(which are fastest when they happen not to meet) it is the median. The same table goes as markdown to
+BUILD_DIR/table.md.
 """
 import datetime
 import json
@@ -20,7 +21,8 @@ import subprocess
 import sys
 import tempfile
 
-REPETITIONS = 15
+PROCESSES = 5
+REPETITIONS = 4  # in each process
 MIN_SECONDS = 0.03  # per repetition
 LOAD_ROUNDS = 9
 LOADS_PER_RUN = 3
@@ -170,9 +172,12 @@ def run_benchmarks(program, env, which="."):
     """Name -> value of one repetition each, in ns, of the benchmarks whose names match."""
     command = [program, f"--benchmark_filter={which}", "--benchmark_format=json", f"--benchmark_min_time={MIN_SECONDS}",
                f"--benchmark_repetitions={REPETITIONS}", "--benchmark_enable_random_interleaving=true"]
-    output = subprocess.run(command, env=env, check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
+    runs = []
+    for _ in range(PROCESSES):
+        output = subprocess.run(command, env=env, check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
+        runs += json.loads(output)["benchmarks"]
     values = {}
-    for run in json.loads(output)["benchmarks"]:
+    for run in runs:
         if run["run_type"] != "iteration" or run.get("error_occurred"):
             continue
         name = re.split("/(?:iterations|min_time|repeats|real_time)", run["run_name"])[0]

@@ -16,7 +16,8 @@ CORVEX_API void UnixForkProtection_Init(void);
  * Thread-safe and signal-safe. */
 CORVEX_API a_bool UnixForkProtection_IsChild(void);
 
-/* Makes a child a process of its own, whose exit shuts the library down. Thread-safe and signal-safe. */
+/* Makes a child a process of its own, whose exit shuts the library down (of fork: in a child of _Fork or vfork the
+ * library stays its parent's). Thread-safe and signal-safe. */
 CORVEX_API void UnixForkProtection_Reset(void);
 
 CORVEX_C_END

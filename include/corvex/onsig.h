@@ -10,9 +10,9 @@
  * Callbacks run in signal context and must be async-signal-safe. A callback returns, or ends the process; then
  * those of higher priority do not run, among them the one of priority 1000 that removes the library's kernel
  * semaphores. While one thread's signal ends the process, signals of other threads wait for its end, up to ten
- * seconds. To have the event history written, unblock SIGUSR1 and raise it in one (when it has a handler: its
- * default action ends the process). A dump that another thread is writing at that moment is not waited for and is
- * cut off by the abort.
+ * seconds; then they run the callbacks too, since the first may be stuck (or in a longer delay). To have the event
+ * history written, unblock SIGUSR1 and raise it in one (when it has a handler: its default action ends the process).
+ * A dump that another thread is writing at that moment is not waited for and is cut off by the abort.
  *
  * In a child between fork and its fork handlers, and in one of vfork or _Fork, nothing of this happens: an earlier
  * handler gets the signal, or its default action ends the child.

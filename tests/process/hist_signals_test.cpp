@@ -51,6 +51,25 @@ TEST(HistFork, ChildrenRecordAndDumpAtOnce)
     EXPECT_EQ(result.out + result.err, "failed 0\n");
 }
 
+TEST(HistFork, ErroutFileHoldsWholeLinesOfEveryProcess)
+{
+    const a_scratch_dir dir;
+    run("hist_forks", {"UT_HIST=xn400e=x.err,f-", "UT_HIST_THREAD_SLOT=dense"}, {"4"}, dir.path);
+    std::istringstream lines(read_file(dir.path + "/x.err"));
+    int begun = 0, ended = 0;
+    for (std::string line; std::getline(lines, line);) {
+        begun += line.compare(0, 29, "********** HISTORY DUMP BIGIN") == 0 ? 1 : 0;
+        ended += line.compare(0, 27, "********** HISTORY DUMP END") == 0 ? 1 : 0;
+        const char* end = line[0] == '@' || line[0] == '.' ? "....."
+                          : line[0] == '*'                 ? "*****"
+                          : line[0] == ' '                 ? "e...."
+                                                           : ".cpp";
+        EXPECT_EQ(line.substr(line.size() - std::min(line.size(), strlen(end))), end) << line;
+    }
+    EXPECT_GE(begun, 4);
+    EXPECT_EQ(begun, ended);
+}
+
 TEST(HistFork, HandlersMayForkAtAnyLockAndThreadsMayBeCancelledInADump)
 {
     // The sanitizers take locks of their own in the stand-in for pthread_mutex_lock.

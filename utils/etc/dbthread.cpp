@@ -13,8 +13,8 @@
 
 #include "utils/etc/osthread.h"
 #include "utils/etc/osthrsup.h"
+#include "utils/etc/utcancel.h"
 #include "utils/etc/utenv.h"
-#include "utils/unix/unixcancel.h"
 
 namespace {
 

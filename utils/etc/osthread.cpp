@@ -18,7 +18,7 @@
 
 #include <unistd.h>
 
-#include "utils/unix/unixcancel.h"
+#include "utils/etc/utcancel.h"
 #include "utils/unix/utptmutex.h"
 #include "utils/unix/utptsem.h"
 #include "utils/utmem/utmem.h"

@@ -5,7 +5,7 @@
 #include <stdio.h>
 
 #include "utils/etc/errorlog.h"
-#include "utils/unix/unixcancel.h"
+#include "utils/etc/utcancel.h"
 
 void ut_fatal(const char* str)
 {

@@ -1,8 +1,11 @@
-// unixsigs.cpp: signal dispositions and masks (see unixsigs.h). No state, no locks; everything here is
+// unixsigs.cpp: signal dispositions and masks, and who ends the process (see unixsigs.h). No locks; everything here is
 // signal-safe.
 #include "utils/unix/unixsigs.h"
 
 #include <pthread.h>
+#include <unistd.h>
+
+int32 unix_ending_thread = 0;
 
 namespace {
 
@@ -85,3 +88,7 @@ void unix_sigpause(int signal_number)
     sigdelset(&set, signal_number);
     sigsuspend(&set);
 }
+
+// Relaxed: what it is asked for, this thread wrote itself.
+// Signal-safe.
+bool unix_is_ending_thread() { return __atomic_load_n(&unix_ending_thread, __ATOMIC_RELAXED) == gettid(); }

@@ -16,7 +16,7 @@
 #include <errno.h>
 #include <sys/time.h>
 
-#include "utils/unix/unixcancel.h"
+#include "utils/etc/utcancel.h"
 #include "utils/unix/utptmutex.h"
 
 namespace {

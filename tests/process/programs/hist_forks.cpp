@@ -65,8 +65,11 @@ int main(int, char** argv)
     int failed = 0;
     for (int round = atoi(argv[1]); round > 0; round--) {
         const pid_t forked = fork();
-        if (forked == 0)
-            _exit(child());
+        if (forked == 0) {
+            const int result = child();
+            fflush(nullptr);  // as exit does
+            _exit(result);
+        }
         int status;
         waitpid(forked, &status, 0);
         failed += status != 0 ? 1 : 0;

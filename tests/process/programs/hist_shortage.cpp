@@ -54,6 +54,13 @@ int main(int, char** argv)
         if (!missed)
             break;
     }
+    // A store that was kept, and a start-up with more queues that gets none.
+    setenv("UT_HIST", "x-", 1);
+    ut_hist_init();
+    ut_hist_fini();
+    setenv("UT_HIST", "x-q32", 1);
+    fail_in = 1;
+    ut_hist_init();
     printf("off %d, leaks %d\n", off, leaks);
     return 0;
 }

@@ -367,19 +367,22 @@ void ut_hist_static_defaults()
     hist_cfg.ut_hist_dump_err_file = stderr;
 }
 
-// Reads UT_HIST and UT_HIST_THREAD_SLOT into the settings; false when they leave the history off.
-bool hist_read_environment()
+// Reads UT_HIST; false when it leaves the history off.
+bool hist_is_wanted()
 {
     ut_hist_setting(UT_HIST_SET_EVENTS_OFF);
-    if (ut_getenv("UT_HIST", env_buf, env_buf_size) == nullptr || env_buf[0] == '\0' || strcmp(env_buf, "off") == 0)
-        return false;
+    return ut_getenv("UT_HIST", env_buf, env_buf_size) != nullptr && env_buf[0] != '\0' && strcmp(env_buf, "off") != 0;
+}
+
+// Takes the options that were read, and UT_HIST_THREAD_SLOT, into the settings.
+void hist_read_options()
+{
     hist_zone_refresh();  // before the first message, which begins with the local time
     ut_hist_setting(UT_HIST_SET_EVENTS_ON);
     ut_hist_setting(UT_HIST_SET_STATS_ON);
     hist_cfg.ut_hist_dump_err_name = stderr_str;
     hist_parse_options(env_buf);
     hist_parse_thread_slot(ut_getenv2("UT_HIST_THREAD_SLOT"));
-    return true;
 }
 
 // The settings listing, when diagnostic messages are on.

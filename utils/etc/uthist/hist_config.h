@@ -23,9 +23,6 @@ inline constexpr size_t env_buf_size = 150;  // of UT_HIST's value, the terminat
 
 struct alignas(cache_line) a_ut_hist_settings {
     int32 ut_hist_debug_num = default_num;
-    int32 hist_num_q = default_num_q;
-    int32 ut_hist_debug_q_by_thr = 0;
-    int32 ut_hist_debug_data_size = default_data_size;
     int32 ut_hist_dump_on_fini = 1;
     int32 ut_hist_dump_on_sig = 1;
     int32 ut_hist_z_messages = 0;
@@ -34,11 +31,15 @@ struct alignas(cache_line) a_ut_hist_settings {
     int32 hist_max_id_len = default_id_len;
     int32 hist_max_ev_len = default_ev_len;
     int32 dense_slots = 0;  // UT_HIST_THREAD_SLOT is "dense"
+    uint32 file_fits = 0;   // bit i: a file text that ends at character i is kept whole
     // Copy mode: where a slot's id and event text stand behind its file text, and how long all three are, in bytes.
     size_t id_text_at = 0;
     size_t ev_text_at = 0;
     size_t text_stride = 0;
 
+    int32 hist_num_q = default_num_q;
+    int32 ut_hist_debug_q_by_thr = 0;
+    int32 ut_hist_debug_data_size = default_data_size;
     int32 ut_hist_debug_rec_stats = 0;
     int32 ut_hist_debug_knum = 0;
     int32 ut_hist_debug_data = 1;
@@ -67,10 +68,12 @@ struct alignas(cache_line) a_ut_hist_settings {
     char log_name[env_buf_size] = "";
     char err_name[env_buf_size] = "";
 };
+static_assert(offsetof(a_ut_hist_settings, hist_num_q) == cache_line);
 extern a_ut_hist_settings hist_cfg;
 
 void ut_hist_static_defaults();
-bool hist_read_environment();
+bool hist_is_wanted();
+void hist_read_options();
 void hist_write_settings();
 char* ut_hist_arg(char* s, int* on_off, int* num, const char** str, const char* def);
 void hist_parse_options(char* s);

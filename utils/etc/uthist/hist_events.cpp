@@ -68,7 +68,7 @@ void load_texts(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, a_h
     char* const file = at.texts;
     char* const id = at.texts + hist_cfg.id_text_at;
     char* const ev = at.texts + hist_cfg.ev_text_at;
-    // Of two threads that write one unlocked queue against its rule, one may have stored over the other's NUL.
+    // The recorder ends no text that is too long.
     file[hist_cfg.hist_max_file_len] = id[hist_cfg.hist_max_id_len] = ev[hist_cfg.hist_max_ev_len] = '\0';
     row.file = file;
     row.id = id;
@@ -80,7 +80,8 @@ void load_texts(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, a_h
 void load_widths(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, a_hist_cursor& at)
 {
     load_texts(queue, r, at);
-    at.row.pn = __atomic_load_n(&r.pn, __ATOMIC_ACQUIRE);
+    const int32 pn = __atomic_load_n(&r.pn, __ATOMIC_ACQUIRE);
+    at.row.pn = pn < int32(hist_max_parms) ? pn : int32(hist_max_parms);
 }
 
 // Signal-safe.

@@ -19,12 +19,11 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "corvex/onsig.h"
+#include "utils/etc/utcancel.h"
 #include "utils/etc/uthist/hist_clock.h"
 #include "utils/etc/uthist/hist_config.h"
 #include "utils/etc/uthist/hist_events.h"
 #include "utils/etc/uthist/hist_stats.h"
-#include "utils/unix/unixcancel.h"
 #include "utils/unix/unixfork.h"
 #include "utils/unix/unixsigs.h"
 
@@ -56,6 +55,8 @@ FILE* open_stream(int fd)
     FILE* f = fdopen(fd, hist_cfg.ut_hist_dump_append != 0 ? "a" : "w");
     if (f == nullptr)
         close(fd);
+    else
+        setvbuf(f, nullptr, _IONBF, 0);  // no forked child writes a message once more when it exits
     return f;
 }
 
@@ -77,12 +78,12 @@ bool take_pending() { return __atomic_exchange_n(&hist_cfg.need_to_open_errout, 
 void use_stream(int fd)
 {
     FILE* f = fd >= 0 ? open_stream(fd) : nullptr;
+    __atomic_store_n(&errout_fd, f != nullptr ? fd : STDERR_FILENO, __ATOMIC_RELAXED);
     if (hist_cfg.ut_hist_dump_err_file != stderr)
         fclose(hist_cfg.ut_hist_dump_err_file);
     hist_cfg.ut_hist_dump_err_file = f != nullptr ? f : stderr;
     if (f == nullptr)
         fall_back_to_stderr();
-    __atomic_store_n(&errout_fd, f != nullptr ? fd : STDERR_FILENO, __ATOMIC_RELAXED);
 }
 
 // Signal-safe.
@@ -94,11 +95,17 @@ void put_timestamp_line(a_hist_text& out)
     out.eol();
 }
 
+// By the stream's descriptor if it has one: a forked child must not find pieces of a dump in the stream.
 // Not signal-safe: it opens a stream.
 void begin_errout_stream(a_hist_text& out)
 {
     Open_Errout();
-    out.to_file(hist_cfg.ut_hist_dump_err_file);
+    fflush(hist_cfg.ut_hist_dump_err_file);
+    const int fd = fileno(hist_cfg.ut_hist_dump_err_file);
+    if (fd >= 0)
+        out.to_fd(fd);
+    else
+        out.to_file(hist_cfg.ut_hist_dump_err_file);
     put_timestamp_line(out);
 }
 
@@ -158,7 +165,6 @@ void dump_to_fd(a_ut_hist_dump& f, int fd)
     f.out.to_fd(fd);
     put_tables(f);
     close(fd);
-    f.out.to_fd(-1);  // a dump that a fork in a handler cut in two must not go on into a descriptor with a new meaning
     report(f, " done");
 }
 
@@ -271,6 +277,16 @@ FILE* hist_begin_message()
     return hist_cfg.ut_hist_dump_err_file;
 }
 
+// A thread of the parent may have been about to open the errout file, or to make its stream: the child does it instead.
+// Signal-safe.
+void hist_errout_fork_child()
+{
+    if (hist_cfg.ut_hist_dump_err_file != stderr || name_is_stderr())
+        return;
+    const bool open = __atomic_load_n(&errout_fd, __ATOMIC_RELAXED) != STDERR_FILENO;
+    __atomic_store_n(open ? &errout_without_stream : &hist_cfg.need_to_open_errout, 1, __ATOMIC_RELAXED);
+}
+
 // ---- dumps ----
 
 // Makes the caller the one whose dump runs, waiting for another thread's, up to so many milliseconds; false when that
@@ -298,8 +314,7 @@ void hist_dump_release()
     while (!move_dump(pack_dump(DUMP_RUNNING, me), pack_dump(DUMP_IDLE))) {
         if (!move_dump(pack_dump(DUMP_WANTED, me), pack_dump(DUMP_RUNNING, me)))
             return;  // a fork in a handler has ended it for the child
-        if (running())
-            dump_by_descriptor();
+        dump_by_descriptor();
     }
 }
 
@@ -313,6 +328,7 @@ void ut_hist_dump_to_log_i(a_ut_hist_dump& f)
         dump_to_fd(f, fd);
     else
         dump_to_errout(f);
+    f.out.to_fd(-1);  // a dump that a fork in a handler cut in two must not go on where this one ended
 }
 
 // Not signal-safe: it locks.
@@ -376,7 +392,7 @@ void ut_hist_signal_handler(int)
             break;
         }
         const uint64 now = dump_state(), state = now & dump_state_bits, owner = now & ~dump_state_bits;
-        if (owner == me && ut_onsig_will_do_cleanup()) {
+        if (owner == me && unix_is_ending_thread()) {
             dump_by_descriptor();  // the dump that it interrupted will not go on, or be cut off by the process's end
             break;
         }

@@ -9,6 +9,7 @@ void Close_Errout();
 FILE* hist_begin_message();
 
 inline constexpr int hist_no_limit = -1;
+void hist_errout_fork_child();
 bool hist_dump_claim(int max_wait);
 void hist_dump_release();
 void hist_dump_to_log_unlocked(int max_wait);

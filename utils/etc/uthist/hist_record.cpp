@@ -13,18 +13,13 @@
 
 #include <atomic>
 
+#include "utils/etc/utcancel.h"
 #include "utils/etc/uthist/hist_config.h"
 #include "utils/etc/uthist/hist_log.h"
 #include "utils/etc/uthist/hist_slots.h"
 #include "utils/etc/uthist/hist_stats.h"
-#include "utils/unix/unixcancel.h"
 
 namespace {
-
-struct a_route {
-    int32 q;
-    bool lock;
-};
 
 struct a_named_id {
     int32 ii;          // registry index, -1 for none
@@ -43,43 +38,35 @@ struct an_event {
     void *p1, *p2, *p3, *p4, *p5, *p6, *p7, *p8;
 };
 
-// Signal-safe.
-inline a_route own_queue(uint32 t)
-{
-    const bool by_thread = hist_cfg.ut_hist_debug_q_by_thr != 0 && t + 1 < uint32(hist_cfg.hist_num_q);
-    return {by_thread ? int32(t + 1) : 0, !by_thread};
-}
-
 // The three special ids are the highest values.
 // Signal-safe.
 inline bool is_special(a_ut_hist_id id) { return __builtin_expect(a_ptrint(id) >= a_ptrint(UT_HIST_ID_SIGHANDLER), 0); }
 
+// Which queue an event goes to. Queue 0 has several writers, who lock it; every other has one, who does not.
 // Signal-safe.
-inline a_route route(a_ut_hist_id id, uint32 t)
+inline int32 queue_of(a_ut_hist_id id, const a_ut_hist_thread& thread)
 {
-    const bool by_thread = hist_cfg.ut_hist_debug_q_by_thr != 0;
     if (is_special(id) && id == UT_HIST_ID_SIGHANDLER)
-        return {1, false};
+        return 1;
     if (is_special(id) && id == UT_HIST_ID_Q2)
-        return {by_thread ? 0 : 2, by_thread};
-    return own_queue(t);
+        return hist_cfg.ut_hist_debug_q_by_thr != 0 ? 0 : 2;
+    return thread.own_q;
 }
 
-// Only for a thread whose mark is set: shut-down frees the registry under all others.
+// Only for a thread whose mark is set: shut-down frees the registry under all others. Without a registry no index counts.
 // Signal-safe.
 inline a_named_id name_of(a_ut_hist_id id)
 {
     if (is_special(id))
         return {-1, id == UT_HIST_ID_SIGHANDLER ? "SigHandler" : id == UT_HIST_ID_Q2 ? "Q2" : nullptr};
     // Acquire: an entry below the count is complete.
-    if (hist.hist_ids != nullptr && a_ptrint(id) < uint32(__atomic_load_n(&hist.hist_num_ids, __ATOMIC_ACQUIRE)))
+    if (a_ptrint(id) < uint32(__atomic_load_n(&hist.hist_num_ids, __ATOMIC_ACQUIRE)))
         return {int32(a_ptrint(id)), hist.hist_ids[a_ptrint(id)].desc};
     return {-1, static_cast<const char*>(id)};
 }
 
-// The three text copies are most of what copy mode costs, so they work on blocks of 16 characters, as the C library's
-// string functions do: a block is read whole when it cannot reach into another page, wherever the text ends in it. The
-// sanitizers must not look at that.
+// Texts are copied by blocks of 16 characters, as the C library's string functions do: a block is read whole when it
+// cannot reach into another page, wherever the text ends in it. The sanitizers must not look at that.
 #define READS_WHOLE_BLOCKS __attribute__((no_sanitize("address", "thread")))
 constexpr size_t page = 4096;
 
@@ -91,18 +78,6 @@ alignas(2 * text_block) constexpr char no_ev[2 * text_block] = "?";
 // Bit i is set where byte i of the block is NUL.
 // Signal-safe.
 inline uint32 nuls_of(__m128i block) { return uint32(_mm_movemask_epi8(_mm_cmpeq_epi8(block, _mm_setzero_si128()))); }
-
-// The length of a text. Aligned blocks never cross a page.
-// Signal-safe.
-READS_WHOLE_BLOCKS inline size_t text_length(const char* text)
-{
-    const size_t skip = a_ptrint(text) % text_block;
-    const __m128i* block = reinterpret_cast<const __m128i*>(text - skip);
-    uint32 nuls = nuls_of(_mm_load_si128(block)) >> skip << skip;
-    while (nuls == 0)
-        nuls = nuls_of(_mm_load_si128(++block));
-    return size_t(reinterpret_cast<const char*>(block) - text) + size_t(__builtin_ctz(nuls));
-}
 
 // A block of a text that may end before it: at the end of a page byte by byte.
 // Signal-safe.
@@ -134,7 +109,6 @@ READS_WHOLE_BLOCKS __attribute__((noinline)) void store_long_text(char* dst, con
         if (nuls_of(block) != 0)
             break;
     }
-    __atomic_store_n(dst + max, '\0', __ATOMIC_RELEASE);
 }
 
 using an_unaligned_word [[gnu::may_alias, gnu::aligned(1)]] = uint64;
@@ -149,37 +123,63 @@ READS_WHOLE_BLOCKS inline void copy_block(char* dst, const char* src)
     __atomic_store_n(to + 1, from[1], __ATOMIC_RELEASE);
 }
 
-// Copies at most max characters. What the blocks bring along behind the text's NUL, or behind the NUL at max, is never
-// read; so a text of at most two blocks is copied without a look at its end.
+// Signal-safe.
+inline bool two_blocks_readable(const char* text) { return a_ptrint(text) % page <= page - 2 * text_block; }
+
+// Copies at least what a reader looks at: up to the text's NUL or to character max, where the reader puts one. So a text
+// of at most two blocks is copied without a look at its end.
 // Signal-safe.
 READS_WHOLE_BLOCKS inline void store_text(char* dst, const char* src, size_t max)
 {
-    if (__builtin_expect(max >= 2 * text_block || a_ptrint(src) % page > page - 2 * text_block, 0)) {
+    if (max >= 2 * text_block || !two_blocks_readable(src)) [[unlikely]] {
         store_long_text(dst, src, max);
         return;
     }
     copy_block(dst, src);
-    if (max >= text_block)
+    if (max >= text_block) [[likely]]
         copy_block(dst + text_block, src + text_block);
-    __atomic_store_n(dst + max, '\0', __ATOMIC_RELEASE);
 }
 
-// What copy mode keeps of a file text: of a path too long the end tells more than the beginning.
+// Of a path too long the end tells more than the beginning.
 // Signal-safe.
-inline const char* kept_file(const char* file)
+__attribute__((noinline)) void store_path_end(char* dst, const char* file)
 {
-    if (file == nullptr)
-        return no_file;
-    const size_t len = text_length(file), max = size_t(hist_cfg.hist_max_file_len);
-    return len < max ? file : file + len - (max - 1);
+    const size_t len = strlen(file), max = size_t(hist_cfg.hist_max_file_len);
+    store_text(dst, len < max ? file : file + len - (max - 1), max);
+}
+
+// Bit i is set where one of two blocks, as one, has a NUL at character i.
+// Signal-safe.
+READS_WHOLE_BLOCKS inline uint32 nuls_of_two(const char* text)
+{
+    const __m128i* const blocks = reinterpret_cast<const __m128i*>(text);
+    return nuls_of(_mm_loadu_si128(blocks)) | nuls_of(_mm_loadu_si128(blocks + 1)) << text_block;
+}
+
+// The two blocks of a short name may reach into the id's text, which is stored after it.
+// Signal-safe.
+inline void store_file(char* dst, const char* file)
+{
+    if (file == nullptr) [[unlikely]] {
+        store_text(dst, no_file, size_t(hist_cfg.hist_max_file_len));
+    } else if (two_blocks_readable(file) && (nuls_of_two(file) & hist_cfg.file_fits) != 0) [[likely]] {
+        copy_block(dst, file);
+        copy_block(dst + text_block, file + text_block);
+    } else {
+        store_path_end(dst, file);
+    }
 }
 
 // Signal-safe.
 inline void store_texts(char* dst, const char* file, const char* id, const char* ev)
 {
-    store_text(dst, file, size_t(hist_cfg.hist_max_file_len));
-    store_text(dst + hist_cfg.id_text_at, id != nullptr ? id : no_id, size_t(hist_cfg.hist_max_id_len));
-    store_text(dst + hist_cfg.ev_text_at, ev != nullptr ? ev : no_ev, size_t(hist_cfg.hist_max_ev_len));
+    if (id == nullptr) [[unlikely]]
+        id = no_id;
+    if (ev == nullptr) [[unlikely]]
+        ev = no_ev;
+    store_file(dst, file);
+    store_text(dst + hist_cfg.id_text_at, id, size_t(hist_cfg.hist_max_id_len));
+    store_text(dst + hist_cfg.ev_text_at, ev, size_t(hist_cfg.hist_max_ev_len));
 }
 
 // Copies a data block, whole words where the ring is aligned. Release, so that a reader of any of these bytes sees the
@@ -253,7 +253,7 @@ inline void store_parms(a_ut_hist_event& r, const an_event& event)
     __atomic_store_n(&r.p[1], event.p2, __ATOMIC_RELEASE);
     __atomic_store_n(&r.p[2], event.p3, __ATOMIC_RELEASE);
     __atomic_store_n(&r.p[3], event.p4, __ATOMIC_RELEASE);
-    if (uint32(event.pn) <= 4)
+    if (uint32(event.pn) <= 4) [[likely]]
         return;
     __atomic_store_n(&r.p[4], event.p5, __ATOMIC_RELEASE);
     __atomic_store_n(&r.p[5], event.p6, __ATOMIC_RELEASE);
@@ -316,18 +316,23 @@ inline void advance(a_ut_hist_event_list& queue, a_ring_pos at)
     __atomic_store_n(&queue.ring_pos, pack_ring(next_slot(at, uint32(hist_cfg.ut_hist_debug_num))), __ATOMIC_RELEASE);
 }
 
+// For an event during which a signal handler forked: in the child the ring went on behind its slot, and what the handler
+// recorded may stand there by now. A row made of both is never read.
+// Signal-safe.
+__attribute__((noinline, cold)) void give_up(a_ut_hist_event& r, a_ring_pos at)
+{
+    __atomic_store_n(&r.seq, seq_writing(at.laps), __ATOMIC_RELAXED);
+}
+
 // Fills the queue's next slot and publishes it. Returns the slot.
 // Not signal-safe: see record_times.
-inline uint32 record(const an_event& event, const a_route& to, uint32 t)
+inline uint32 record(const an_event& event, a_ut_hist_event_list& queue, int32 q, uint32 t, const a_hist_lock& lock)
 {
     struct timeval now;
     gettimeofday(&now, nullptr);
-    const bool copies = hist_cfg.ut_hist_dump_on_fini != 0;
-    const char* const file = copies ? kept_file(event.file) : event.file;
     // The clock waits for all loads before it, a locked instruction for all stores: so both come before what finds and
     // fills the slot. Relaxed: the count orders nothing, it only has to be unique.
     const uint32 num = __atomic_add_fetch(&hist.hist_count, 1u, __ATOMIC_RELAXED);
-    a_ut_hist_event_list& queue = hist.hist_evs[to.q];
     // Relaxed: only writers of this queue move it, and they are serialised or alone.
     const a_ring_pos at = unpack_ring(__atomic_load_n(&queue.ring_pos, __ATOMIC_RELAXED));
     a_ut_hist_event& r = queue.evs[at.next];
@@ -335,24 +340,29 @@ inline uint32 record(const an_event& event, const a_route& to, uint32 t)
 
     __atomic_store_n(&r.time_of_day.tv_sec, now.tv_sec, __ATOMIC_RELEASE);
     __atomic_store_n(&r.time_of_day.tv_usec, now.tv_usec, __ATOMIC_RELEASE);
-    if (copies)
-        store_texts(queue.texts + at.next * hist_cfg.text_stride, file, event.id.text, event.ev);
+    if (hist_cfg.ut_hist_dump_on_fini != 0)
+        store_texts(queue.texts + at.next * hist_cfg.text_stride, event.file, event.id.text, event.ev);
     else
-        store_pointers(r, file, event.id.text, event.ev);
+        store_pointers(r, event.file, event.id.text, event.ev);
     __atomic_store_n(&r.line, event.line, __ATOMIC_RELEASE);
     __atomic_store_n(&r.num, num, __ATOMIC_RELEASE);
     __atomic_store_n(&r.thread, t, __ATOMIC_RELEASE);
-    if (hist_cfg.ut_hist_inc_sigmask != 0)
+    if (hist_cfg.ut_hist_inc_sigmask != 0) [[unlikely]]
         store_sigmask(r);
     __atomic_store_n(&r.cl, event.cl, __ATOMIC_RELEASE);
     __atomic_store_n(&r.pn, event.pn, __ATOMIC_RELEASE);
     store_parms(r, event);
-    if (event.cl == UT_HIST_CL_DATA)
+    if (event.cl == UT_HIST_CL_DATA) [[unlikely]]
         record_data(queue, r, event.p1, int64_t(a_ptrint(event.p2)));
     uint32 dur = hist_no_dur;
-    if (event.loc != nullptr || event.id.ii >= 0)
-        dur = record_times(event.loc, event.cl, event.id.ii, t, {to.q, at.next, num}, now);
+    // The others are the straight way, since they can least afford a jump.
+    if (event.loc != nullptr || event.id.ii >= 0) [[unlikely]]
+        dur = record_times(event.loc, event.cl, event.id.ii, t, {q, at.next, num}, now);
     __atomic_store_n(&r.dur, dur, __ATOMIC_RELEASE);
+    if (lock.forked()) [[unlikely]] {
+        give_up(r, at);
+        return at.next;
+    }
     // Release: who sees the even word sees the record behind it.
     __atomic_store_n(&r.seq, seq_whole(at.laps), __ATOMIC_RELEASE);
     advance(queue, at);
@@ -361,12 +371,13 @@ inline uint32 record(const an_event& event, const a_route& to, uint32 t)
 
 // Records under the queue's lock, if it has one.
 // Not signal-safe: it may lock. With UT_HIST_ID_SIGHANDLER it is.
-inline uint32 record_locked(const an_event& event, const a_route& to, uint32 t)
+inline uint32 record_locked(const an_event& event, int32 q, uint32 t)
 {
-    const a_hist_lock lock(to.lock ? &hist.hist_evs[to.q].mutex : nullptr);
-    if (to.lock && hist_cfg.ut_hist_dump_on_sig >= 2)
+    a_ut_hist_event_list& queue = hist.hist_evs[q];
+    const a_hist_lock lock(q == 0 ? &queue.mutex : nullptr);
+    if (q == 0 && hist_cfg.ut_hist_dump_on_sig >= 2) [[unlikely]]
         hist_install_signal_handler_once();
-    return record(event, to, t);
+    return record(event, queue, q, t, lock);
 }
 
 // The two messages of a recording go straight to the present errout stream: they open nothing and have no timestamp
@@ -404,16 +415,16 @@ void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl
                  int32 pn, void* p1, void* p2, void* p3, void* p4, void* p5, void* p6, void* p7, void* p8)
 {
     // Acquire: who sees the history running sees its whole store.
-    if (!__atomic_load_n(&hist.hist_initialized, __ATOMIC_ACQUIRE))
+    if (!__atomic_load_n(&hist.hist_initialized, __ATOMIC_ACQUIRE)) [[unlikely]]
         return;
     const a_slot slot = hist_thread_slot();
-    if (slot.thread == nullptr) {
+    if (slot.thread == nullptr) [[unlikely]] {
         miss(slot.t);
         return;
     }
-    const a_route to = route(id, slot.t);
-    int32& recursing = slot.thread->recursing[to.q];
-    if (__atomic_load_n(&recursing, __ATOMIC_RELAXED) > 0)
+    const int32 q = queue_of(id, *slot.thread);
+    int32& recursing = slot.thread->recursing[q];
+    if (__atomic_load_n(&recursing, __ATOMIC_RELAXED) > 0) [[unlikely]]
         return;
     __atomic_store_n(&recursing, 1, __ATOMIC_RELAXED);
     // A handler on this thread must find the mark for as long as the record is being written, and no longer.
@@ -423,14 +434,12 @@ void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl
         __atomic_store_n(&recursing, 0, __ATOMIC_RELAXED);
         return;
     }
-    const int32 stored_pn = pn < int32(hist_max_parms) ? pn : int32(hist_max_parms);
-    const an_event event = {file, line, loc, cl, name_of(id), ev, stored_pn, p1, p2, p3, p4, p5, p6, p7, p8};
-    const bool say = __builtin_expect(hist_cfg.ut_hist_z_messages > 1, 0);
-    if (say)
+    const an_event event = {file, line, loc, cl, name_of(id), ev, pn, p1, p2, p3, p4, p5, p6, p7, p8};
+    if (hist_cfg.ut_hist_z_messages > 1) [[unlikely]]
         say_begin(event);
-    const uint32 n = record_locked(event, to, slot.t);
-    if (say)
-        say_done(to.q, n);
+    const uint32 n = record_locked(event, q, slot.t);
+    if (hist_cfg.ut_hist_z_messages > 1) [[unlikely]]
+        say_done(q, n);
     // Release: shut-down frees the store only after what was written here.
     __atomic_store_n(&recursing, 0, __ATOMIC_RELEASE);
 }

@@ -108,10 +108,13 @@ a_slot claim()
 
 }  // namespace
 
-// The calling thread's new slot, number 256 while 256 live threads hold one. Keeps errno.
+// The calling thread's new slot, number 256 while 256 live threads hold one, and in a vfork child: the slots are its
+// parent's, whose threads the kernel does not know under the child's id. Keeps errno.
 // Signal-safe.
 a_slot hist_claim_slot()
 {
+    if (!unix_is_home_process())
+        return hist_slot(hist_max_threads);
     if (events_until_sweep != 0) {
         events_until_sweep--;
         return hist_slot(hist_max_threads);

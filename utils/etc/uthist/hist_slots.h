@@ -15,6 +15,8 @@
 
 #include <pthread.h>
 
+#include <atomic>
+
 #include "utils/etc/uthist/hist_config.h"
 
 inline constexpr uint32 thread_slot_mask = 0x3FF;
@@ -38,10 +40,14 @@ inline a_slot hist_slot(uint32 t) { return {t < hist_max_threads ? &hist.threads
 // Signal-safe.
 inline a_slot hist_thread_slot()
 {
-    if (hist_cfg.dense_slots == 0)
+    if (hist_cfg.dense_slots == 0) [[unlikely]]
         return hist_slot(uint32(a_ptrint(pthread_self())) & thread_slot_mask);
-    const a_slot mine = hist_my_slot;
-    return __builtin_expect(mine.thread != nullptr, 1) ? mine : hist_claim_slot();
+    a_ut_hist_thread* const thread = hist_my_slot.thread;
+    if (thread == nullptr) [[unlikely]]
+        return hist_claim_slot();
+    // The number second: a handler that claims between the two sets it first.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    return {thread, hist_my_slot.t};
 }
 
 #endif

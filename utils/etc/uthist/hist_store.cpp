@@ -10,16 +10,17 @@
 #include "utils/etc/uthist/hist_text.h"
 #include "utils/utmem/utmem.h"
 
-a_ut_hist_store hist;
+constinit a_ut_hist_store hist{};
 
 namespace {
 
-// Zero-filled memory for `count` elements, its pages touched; null when there is none or the product is too large.
+// Zero-filled memory for `count` elements, its pages touched, that shares no cache line with any other; null when there is
+// none or the product is too large. The allocation behind it stands in the word before it.
 // Not signal-safe: it allocates.
-void* touched_alloc(size_t count, size_t size, size_t extra)
+void* store_alloc(size_t count, size_t size)
 {
     size_t bytes;
-    if (__builtin_mul_overflow(count, size, &bytes) || __builtin_add_overflow(bytes, extra, &bytes))
+    if (__builtin_mul_overflow(count, size, &bytes) || __builtin_add_overflow(bytes, 3 * cache_line, &bytes))
         return nullptr;
     char* block = static_cast<char*>(ut_calloc(bytes));
     if (block == nullptr)
@@ -28,22 +29,24 @@ void* touched_alloc(size_t count, size_t size, size_t extra)
     constexpr size_t page = 4096;
     for (size_t at = 0; at < bytes; at += page)
         static_cast<volatile char*>(block)[at] = 0;
-    return block;
+    char* lines = block + 2 * cache_line - a_ptrint(block) % cache_line;
+    reinterpret_cast<void**>(lines)[-1] = block;
+    return lines;
 }
 
-// Not signal-safe: it allocates.
-void* aligned_alloc_touched(size_t count, size_t size, void*& block)
+// Not signal-safe: it frees.
+void store_free(void* lines)
 {
-    block = touched_alloc(count, size, cache_line);
-    if (block == nullptr)
-        return nullptr;
-    return reinterpret_cast<void*>((reinterpret_cast<a_ptrint>(block) + cache_line - 1) & ~a_ptrint(cache_line - 1));
+    if (lines != nullptr)
+        ut_free(static_cast<void**>(lines)[-1]);
 }
 
 // Not signal-safe: used while nobody records.
 void lay_out_texts()
 {
     const size_t file = text_bytes(hist_cfg.hist_max_file_len), id = text_bytes(hist_cfg.hist_max_id_len);
+    const uint32 max_file = uint32(hist_cfg.hist_max_file_len);
+    hist_cfg.file_fits = max_file < 2 * text_block ? (1u << max_file) - 1 : UINT32_MAX;
     hist_cfg.id_text_at = file;
     hist_cfg.ev_text_at = file + id;
     hist_cfg.text_stride = file + id + text_bytes(hist_cfg.hist_max_ev_len);
@@ -73,16 +76,16 @@ bool alloc_queue(a_ut_hist_event_list& queue)
     if (ut_safe_pthread_mutex_init(&queue.mutex, nullptr) != 0)
         return false;
     const size_t num = size_t(hist_cfg.ut_hist_debug_num);
-    queue.evs = static_cast<a_ut_hist_event*>(aligned_alloc_touched(num, sizeof(a_ut_hist_event), queue.evs_block));
+    queue.evs = static_cast<a_ut_hist_event*>(store_alloc(num, sizeof(a_ut_hist_event)));
     if (queue.evs == nullptr)
         return false;
     queue.data_pos = pack_data({1, 0});
     // A data ring that cannot be had is just not there: the records then keep address and length only.
     if (hist.dump->data != nullptr)
-        queue.data_buf = static_cast<char*>(touched_alloc(data_ring_bytes(), 1, 0));
+        queue.data_buf = static_cast<char*>(store_alloc(data_ring_bytes(), 1));
     if (hist_cfg.ut_hist_dump_on_fini == 0)
         return true;
-    queue.texts = static_cast<char*>(touched_alloc(num, hist_cfg.text_stride, 0));
+    queue.texts = static_cast<char*>(store_alloc(num, hist_cfg.text_stride));
     if (queue.texts == nullptr)
         return false;
     bind_texts(queue);
@@ -94,17 +97,16 @@ void free_queue(a_ut_hist_event_list& queue, bool destroy_lock)
 {
     if (destroy_lock)
         ut_safe_pthread_mutex_destroy(&queue.mutex);
-    ut_free(queue.texts);
-    ut_free(queue.evs_block);
-    ut_free(queue.data_buf);
+    store_free(queue.texts);
+    store_free(queue.evs);
+    store_free(queue.data_buf);
 }
 
 // Not signal-safe: it allocates.
 bool alloc_queues()
 {
     const size_t num_q = size_t(hist_cfg.hist_num_q);
-    hist.hist_evs =
-        static_cast<a_ut_hist_event_list*>(aligned_alloc_touched(num_q, sizeof(a_ut_hist_event_list), hist.evs_block));
+    hist.hist_evs = static_cast<a_ut_hist_event_list*>(store_alloc(num_q, sizeof(a_ut_hist_event_list)));
     if (hist.hist_evs == nullptr)
         return false;
     for (size_t q = 0; q < num_q; q++)
@@ -117,15 +119,13 @@ bool alloc_queues()
 // Not signal-safe: it allocates.
 void alloc_ids()
 {
-    hist.hist_num_ids = 0;
-    hist.hist_ids = nullptr;
     if (hist_cfg.ut_hist_debug_knum <= 0)
         return;
-    void* ids = touched_alloc(size_t(hist_cfg.ut_hist_debug_knum), sizeof(a_ut_hist_id_data), 0);
+    void* ids = store_alloc(size_t(hist_cfg.ut_hist_debug_knum), sizeof(a_ut_hist_id_data));
     if (ids != nullptr && ut_safe_pthread_mutex_init(&hist.hist_ids_mutex, nullptr) == 0)
         hist.hist_ids = static_cast<a_ut_hist_id_data*>(ids);
     else
-        ut_free(ids);
+        store_free(ids);
 }
 
 // Takes a pointer out of the store before what it names is freed: a process that another thread forks meanwhile must not
@@ -140,20 +140,41 @@ T* take_out(T*& from)
 // Not signal-safe: it frees.
 void free_ids()
 {
+    const int32 num_ids = hist.hist_num_ids;
+    hist.hist_num_ids = 0;
     a_ut_hist_id_data* ids = take_out(hist.hist_ids);
     if (ids == nullptr)
         return;
-    for (int32 i = 0; i < hist.hist_num_ids; i++) {
+    for (int32 i = 0; i < num_ids; i++) {
         for (a_ut_hist_timer_list& list : ids[i].by_key)
             ut_safe_pthread_mutex_destroy(&list.mutex);
         ut_free(ids[i].file);
         ut_free(ids[i].desc);
     }
-    ut_free(ids);
+    store_free(ids);
     ut_safe_pthread_mutex_destroy(&hist.hist_ids_mutex);
 }
 
+// The queue of a thread slot, 0 for those that share it.
+// Signal-safe.
+int32 own_queue(uint32 t)
+{
+    return hist_cfg.ut_hist_debug_q_by_thr != 0 && t + 1 < uint32(hist_cfg.hist_num_q) ? int32(t + 1) : 0;
+}
+
 }  // namespace
+
+// Start-up begins with no store: one that option x- kept is let go of before the settings that tell its size change.
+// Signal-safe.
+void hist_store_forget()
+{
+    __atomic_store_n(&hist.hist_initialized, false, __ATOMIC_RELAXED);
+    __atomic_store_n(&hist.dump_state, pack_dump(DUMP_CLOSED), __ATOMIC_RELEASE);
+    hist.hist_evs = nullptr;
+    hist.hist_ids = nullptr;
+    hist.hist_num_ids = 0;
+    hist.dump = nullptr;
+}
 
 // Allocates the store that the settings describe and resets the state of all threads; false when memory is short, with
 // nothing kept.
@@ -161,12 +182,14 @@ void free_ids()
 bool hist_store_alloc()
 {
     lay_out_texts();
-    for (a_ut_hist_thread& thread : hist.threads)
-        hist_reset_thread(thread);
+    for (uint32 t = 0; t < hist_max_threads; t++) {
+        hist.threads[t].own_q = own_queue(t);
+        hist_reset_thread(hist.threads[t]);
+    }
     hist.dump = hist_dump_alloc();
     // Without room to copy a block to, nothing could be dumped from data rings: there are none then.
     if (hist.dump != nullptr && hist_cfg.ut_hist_debug_data != 0 && hist_cfg.ut_hist_debug_data_size > 0)
-        hist.dump->data = static_cast<char*>(touched_alloc(data_ring_bytes(), 1, 0));
+        hist.dump->data = static_cast<char*>(store_alloc(data_ring_bytes(), 1));
     if (hist.dump == nullptr || !alloc_queues()) {
         hist_store_free(true);
         return false;
@@ -184,10 +207,10 @@ void hist_store_free(bool destroy_queue_locks)
     if (queues != nullptr)
         for (int32 q = 0; q < hist_cfg.hist_num_q; q++)
             free_queue(queues[q], destroy_queue_locks);
-    ut_free(take_out(hist.evs_block));
+    store_free(queues);
     a_ut_hist_dump* dump = take_out(hist.dump);
     if (dump != nullptr)
-        ut_free(dump->data);
+        store_free(dump->data);
     ut_free(dump);
 }
 
@@ -204,8 +227,7 @@ void hist_reset_thread(a_ut_hist_thread& thread)
 }
 
 // Moves a forked child's ring past a record that the fork cut in two. When its thread lives on in the child, since a
-// handler forked, it completes its own slot, and no other event's; it then takes the ring back to behind that slot, so
-// that what the handler recorded into this queue is dropped. Start-up in another thread may not have got to this queue.
+// handler forked, it gives the record up. Start-up in another thread may not have got to this queue.
 // Signal-safe.
 void hist_pass_unfinished(a_ut_hist_event_list& queue)
 {

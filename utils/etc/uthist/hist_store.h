@@ -86,7 +86,9 @@ inline constexpr a_ring_pos unpack_ring(uint64 word) { return {uint32(word >> 32
 inline constexpr uint32 next_lap(uint32 laps) { return laps == UINT32_MAX ? 0x80000000 : laps + 1; }
 inline constexpr a_ring_pos next_slot(a_ring_pos at, uint32 ring_size)
 {
-    return at.next + 1 == ring_size ? a_ring_pos{next_lap(at.laps), 0} : a_ring_pos{at.laps, at.next + 1};
+    if (at.next + 1 == ring_size) [[unlikely]]
+        return {next_lap(at.laps), 0};
+    return unpack_ring(pack_ring(at) + 1);  // one addition to the packed word, wherever it is not unpacked
 }
 
 // Sequence words of a record written in a lap.
@@ -104,11 +106,10 @@ inline constexpr a_data_pos unpack_data(uint64 word) { return {uint32(word >> 32
 struct alignas(cache_line) a_ut_hist_event_list {
     a_critical_sect mutex;
     uint64 ring_pos;       // a_ring_pos, packed
-    a_ut_hist_event* evs;  // into evs_block, at a cache line
+    a_ut_hist_event* evs;  // owned
     uint64 data_pos;       // a_data_pos, packed
     char* data_buf;        // owned; null while data capture is off
     char* texts;           // owned; copy mode: the texts of all slots, one after the other, else null
-    void* evs_block;       // owned; the allocation behind evs
 };
 static_assert(sizeof(a_ut_hist_event_list) == cache_line);
 
@@ -138,6 +139,7 @@ struct a_ut_hist_id_data {
 // What the history keeps of one thread slot. Touched only by the slot's thread, or by several when their slots collide,
 // so all accesses are atomic.
 struct alignas(cache_line) a_ut_hist_thread {
+    int32 own_q;  // the queue that only this thread writes, 0 when it has none; set at start-up
     int32 last_marker_ii;
     a_ut_hist_loc last_marker_loc;
     int32 recursing[hist_max_queues];  // 1 while the thread is inside ut_hist_add for that queue
@@ -153,7 +155,7 @@ inline constexpr uint64 pack_dump(a_dump_state state, uint64 owner = 0) { return
 
 struct alignas(cache_line) a_ut_hist_store {
     // Read by every event, written by start-up and shut-down.
-    a_ut_hist_event_list* hist_evs;  // owned, hist_num_q queues (into evs_block)
+    a_ut_hist_event_list* hist_evs;  // owned, hist_num_q queues
     a_ut_hist_id_data* hist_ids;     // owned, or null
     int32 hist_num_ids;
     bool hist_initialized;
@@ -161,7 +163,6 @@ struct alignas(cache_line) a_ut_hist_store {
     int32 sig_handler_installed;
     uint32 fork_count;     // unix_fork_count, on a line that every event reads
     a_ut_hist_dump* dump;  // owned; the buffers of the one dump that may run
-    void* evs_block;       // owned; the allocation behind hist_evs
     a_critical_sect hist_ids_mutex;
     uint64 dump_state;     // a_dump_state and its owner, packed
     bool closing;          // shut-down is about to free the store
@@ -190,6 +191,7 @@ uint32 hist_elapsed(const struct timeval& from, const struct timeval& to);
 
 void hist_reset_thread(a_ut_hist_thread& thread);
 void hist_pass_unfinished(a_ut_hist_event_list& queue);
+void hist_store_forget();
 bool hist_store_alloc();
 void hist_store_free(bool destroy_queue_locks);
 
@@ -202,37 +204,57 @@ public:
     // Not signal-safe: it locks.
     explicit a_hist_lock(a_critical_sect* section) : mutex(section)
     {
-        if (mutex == nullptr)
-            return;
-        pthread_mutex_lock(mutex->p_mutex);
+        if (mutex != nullptr)
+            pthread_mutex_lock(mutex->p_mutex);
         forks = __atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED);
     }
     // Not signal-safe: it unlocks.
     ~a_hist_lock()
     {
-        if (mutex != nullptr && forks == __atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED))
+        if (mutex != nullptr && !forked())
             pthread_mutex_unlock(mutex->p_mutex);
     }
+    // Whether this is a child that a handler has forked meanwhile.
+    // Signal-safe.
+    bool forked() const { return forks != __atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED); }
     a_hist_lock(const a_hist_lock&) = delete;
     a_hist_lock& operator=(const a_hist_lock&) = delete;
 
 private:
     a_critical_sect* mutex;
-    uint32 forks = 0;
+    uint32 forks;
 };
 
 // A thread that dumps or registers an id, for a scope. Shut-down first sets `closing` and then waits for the users: either
 // it sees this one, or this one sees that it closes.
 class a_hist_user {
 public:
+    // Looks first, so that shut-down does not wait for those that come after it.
     // Signal-safe.
-    a_hist_user() : counted(hist.users) {}
+    a_hist_user() : counted(store_stands()), forks(counted ? hist.users.enter() : 0) {}
+    // Signal-safe.
+    ~a_hist_user()
+    {
+        if (counted)
+            hist.users.leave(forks);
+    }
+    a_hist_user(const a_hist_user&) = delete;
+    a_hist_user& operator=(const a_hist_user&) = delete;
 
     // Signal-safe.
-    bool has_store() const { return !__atomic_load_n(&hist.closing, __ATOMIC_SEQ_CST) && hist.hist_evs != nullptr; }
+    bool has_store() const { return counted && store_stands(); }
 
 private:
-    a_counted counted;
+    // Acquire: who finds the dump open finds the whole store.
+    // Signal-safe.
+    static bool store_stands()
+    {
+        return !__atomic_load_n(&hist.closing, __ATOMIC_SEQ_CST) &&
+               __atomic_load_n(&hist.dump_state, __ATOMIC_ACQUIRE) != pack_dump(DUMP_CLOSED);
+    }
+
+    bool counted;
+    uint32 forks;
 };
 
 // All queues' mutexes for a scope, taken and given back in ascending order.

@@ -16,7 +16,7 @@ void sink_file(a_hist_text& text) { fwrite(text.buf, 1, text.used, text.file); }
 namespace {
 
 // A descriptor in non-blocking mode gets a second to take more; then the rest of the dump is given up, so that it always
-// ends, and no row is joined with a half one. Signals may shorten the second.
+// ends, and none of its rows is joined with a half one. Signals may shorten the second.
 constexpr int poll_timeout_ms = 100;
 constexpr int max_polls = 10;
 
@@ -111,6 +111,21 @@ void a_hist_text::flush()
     used = 0;
 }
 
+// Hands on what ends at the last line end, so that a dump that is cut off, by a process's death or by one beside it, leaves
+// no half row for the next to join; of a line longer than the buffer, what there is.
+// Signal-safe when the sink is a descriptor.
+void a_hist_text::hand_over()
+{
+    size_t whole = used;
+    while (whole > 0 && buf[whole - 1] != '\n')
+        whole--;
+    const size_t rest = whole > 0 ? used - whole : 0;
+    used -= rest;
+    flush();
+    memmove(buf, buf + whole, rest);
+    used = rest;
+}
+
 // Signal-safe.
 void a_hist_text::long_mem(const char* s, size_t len)
 {
@@ -120,7 +135,7 @@ void a_hist_text::long_mem(const char* s, size_t len)
         used += piece;
         s += piece;
         len -= piece;
-        flush();
+        hand_over();
     }
     memcpy(buf + used, s, len);
     used += len;
@@ -134,7 +149,7 @@ void a_hist_text::long_fill(char c, size_t n)
         memset(buf + used, c, piece);
         used += piece;
         n -= piece;
-        flush();
+        hand_over();
     }
     memset(buf + used, c, n);
     used += n;

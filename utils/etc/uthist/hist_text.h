@@ -1,6 +1,6 @@
 // hist_text.h: the one formatter that all dumps write through, and the buffers of the dump that is running.
 //
-// Text is gathered in a fixed buffer and handed to a sink when that is full: a caller's FILE*, or a file
+// Text is gathered in a fixed buffer and handed to a sink, by whole lines, when that is full: a caller's FILE*, or a file
 // descriptor. With a descriptor everything here is signal-safe; nothing allocates but hist_dump_alloc, at
 // start-up. Only one dump runs at a time (hist.dump_state), so there is one set of buffers.
 #ifndef UTHIST_HIST_TEXT_H
@@ -33,14 +33,15 @@ private:
     // Every field but a text or a wide fill fits into this, so one check makes room for it.
     static constexpr size_t field = 64;
 
+    void hand_over();
     void long_mem(const char* s, size_t len);
     void long_fill(char c, size_t n);
     void digits(char* at, char* end, size_t width, char pad);
     // Signal-safe.
     void room()
     {
-        if (__builtin_expect(used > sizeof buf - field, 0))
-            flush();
+        while (__builtin_expect(used > sizeof buf - field, 0))
+            hand_over();
     }
 
     void (*sink)(a_hist_text& text);

@@ -11,10 +11,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "utils/etc/utcancel.h"
 #include "utils/etc/uthist/hist_config.h"
 #include "utils/etc/uthist/hist_log.h"
 #include "utils/etc/uthist/hist_slots.h"
-#include "utils/unix/unixcancel.h"
 #include "utils/unix/utptmutex.h"
 
 namespace {
@@ -47,24 +47,27 @@ bool somebody_records()
 bool wait_for_users()
 {
     const struct timespec millisecond = {0, 1000000};
-    syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0);
-    syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
+    if (syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) != 0 ||
+        syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) != 0)
+        nanosleep(&millisecond, nullptr);  // refused to a confined process: a mark is seen long before that
     __atomic_store_n(&hist.closing, true, __ATOMIC_SEQ_CST);
     const auto busy = [] { return somebody_records() || hist.users.now() > 0; };
-    for (int i = 0; i < max_waits && busy(); i++)
+    for (int i = 0; busy(); i++) {
+        if (i == max_waits)
+            return false;
         nanosleep(&millisecond, nullptr);
-    return !busy();
+    }
+    return true;
 }
 
 // Frees the store unless option x- keeps it. False while another thread is inside, say in a dump that does not end: all
-// that it uses stays then, the errout stream too.
+// that it uses stays then, the errout stream too. When true the caller has claimed the dump.
 // Not signal-safe: it frees.
 bool clean_up()
 {
     const bool frees = hist_cfg.ut_hist_exit_cleanup > 0;
     if ((frees && !wait_for_users()) || !hist_dump_claim(max_waits))
         return false;
-    __atomic_store_n(&hist.dump_state, pack_dump(frees ? DUMP_CLOSED : DUMP_IDLE), __ATOMIC_RELEASE);
     if (frees)
         hist_store_free(hist_cfg.ut_hist_exit_cleanup > 1);
     return true;
@@ -80,8 +83,10 @@ void free_lock(a_critical_sect& section) { ut_safe_pthread_mutex_fork_child(&sec
 void ut_hist_init(void)
 {
     const an_uncancelled_scope uncancelled;
-    if (!hist_read_environment())
+    if (!hist_is_wanted())
         return;
+    hist_store_forget();
+    hist_read_options();
     hist_write_settings();
     if (!hist_store_alloc()) {
         ut_hist_setting(UT_HIST_SET_EVENTS_OFF);
@@ -119,6 +124,8 @@ void ut_hist_fini(void)
         return;
     say_fini("done");
     Close_Errout();
+    // A store that was kept can be dumped from here on.
+    __atomic_store_n(&hist.dump_state, pack_dump(hist.hist_evs != nullptr ? DUMP_IDLE : DUMP_CLOSED), __ATOMIC_RELEASE);
 }
 
 // Frees every lock of the history and forgets what the parent's other threads were doing, so that the child can record
@@ -128,6 +135,7 @@ void ut_hist_fork_child()
 {
     __atomic_store_n(&hist.fork_count, unix_fork_count(), __ATOMIC_RELAXED);
     hist_slots_fork_child();
+    hist_errout_fork_child();
     for (a_ut_hist_thread& thread : hist.threads)
         for (int32& recursing : thread.recursing)
             __atomic_store_n(&recursing, 0, __ATOMIC_RELAXED);

@@ -1,6 +1,6 @@
-// unixcancel.h: keeps a thread from being cancelled where it holds what others need.
-#ifndef UNIX_UNIXCANCEL_H
-#define UNIX_UNIXCANCEL_H
+// utcancel.h: keeps a thread from being cancelled where it holds what others need.
+#ifndef ETC_UTCANCEL_H
+#define ETC_UTCANCEL_H
 
 #include <pthread.h>
 
