@@ -283,7 +283,7 @@ void put_parms(a_ut_hist_dump& f, int32, const a_hist_row& row)
 // Signal-safe.
 void put_class(a_ut_hist_dump& f, int32, const a_hist_row& row)
 {
-    f.out.str(uint32(row.cl) < UT_HIST_CL_LAST ? hist_cl_strs[row.cl] : " ?");
+    f.out.mem(uint32(row.cl) < UT_HIST_CL_LAST ? hist_cl_strs[row.cl] : " ?", 2);
 }
 
 // Signal-safe.

@@ -35,9 +35,33 @@ bool try_again(int fd, int& polls)
     return false;
 }
 
-// Writes a number's digits before `end`; gives where they begin. Two digits a division: it is most of a number's cost.
+struct a_power_table {
+    constexpr a_power_table()
+    {
+        for (uint64 power = 1, i = 1; i < 20; i++)
+            of_ten[i] = power *= 10;
+    }
+    uint64 of_ten[20] = {};
+};
+
 // Signal-safe.
-inline char* put_decimal(char* end, uint64 value)
+inline size_t bits(uint64 value) { return 64 - size_t(__builtin_clzll(value | 1)); }
+
+// The bits of a number tell the count of its decimal digits but for one: 1233 / 4096 is the logarithm of 2.
+// Signal-safe.
+inline size_t decimal_digits(uint64 value)
+{
+    static constexpr a_power_table powers;
+    const size_t least = bits(value) * 1233 / 4096;
+    return least + (value >= powers.of_ten[least] ? 1 : 0);
+}
+
+// Signal-safe.
+inline size_t hex_digits(uint64 value) { return (bits(value) + 3) / 4; }
+
+// Writes a number's digits before `end`. Two digits a division: it is most of a number's cost.
+// Signal-safe.
+inline void put_decimal(char* end, uint64 value)
 {
     static constexpr char pairs[] =
         "00010203040506070809101112131415161718192021222324252627282930313233343536373839404142434445464748"
@@ -47,23 +71,19 @@ inline char* put_decimal(char* end, uint64 value)
         end -= 2;
         memcpy(end, pairs + value % 100 * 2, 2);
     }
-    if (value < 10) {
-        *--end = char('0' + value);
-        return end;
-    }
-    end -= 2;
-    memcpy(end, pairs + value * 2, 2);
-    return end;
+    if (value < 10)
+        end[-1] = char('0' + value);
+    else
+        memcpy(end - 2, pairs + value * 2, 2);
 }
 
 // Signal-safe.
-inline char* put_hex(char* end, uint64 value)
+inline void put_hex(char* end, uint64 value)
 {
     do {
         *--end = "0123456789abcdef"[value & 15];
         value >>= 4;
     } while (value != 0);
-    return end;
 }
 
 }  // namespace
@@ -172,41 +192,39 @@ void a_hist_text::left(const char* s, size_t width)
         fill(' ', width - len);
 }
 
-// Writes the digits in [at, end), padded on the left; the caller's array has room for the padding up to `field`.
+// Room for a field of so many characters, padded on the left to the width; gives its end. Numbers are written where they
+// stay: what was written by twos and read again as a whole would cost a stall.
 // Signal-safe.
-inline void a_hist_text::digits(char* at, char* end, size_t width, char pad)
+inline char* a_hist_text::field_end(size_t len, size_t width, char pad)
 {
-    while (size_t(end - at) < width)
-        *--at = pad;
-    mem(at, size_t(end - at));
+    room();
+    for (; width > len; width--)
+        buf[used++] = pad;
+    used += len;
+    return buf + used;
 }
 
 // Signal-safe.
 void a_hist_text::dec(uint64 value, size_t width, char pad)
 {
-    char text[field];
-    char* const end = text + field;
-    char* at = put_decimal(end, value);
-    digits(at, end, width, pad);
+    put_decimal(field_end(decimal_digits(value), width, pad), value);
 }
 
 // Signal-safe.
 void a_hist_text::sdec(int64_t value, size_t width)
 {
-    char text[field];
-    char* const end = text + field;
-    char* at = put_decimal(end, value < 0 ? 0 - uint64(value) : uint64(value));
+    const uint64 magnitude = value < 0 ? 0 - uint64(value) : uint64(value);
+    const size_t len = decimal_digits(magnitude);
+    char* const end = field_end(value < 0 ? len + 1 : len, width, ' ');
     if (value < 0)
-        *--at = '-';
-    digits(at, end, width, ' ');
+        *(end - len - 1) = '-';
+    put_decimal(end, magnitude);
 }
 
 // Signal-safe.
 void a_hist_text::hex(uint64 value, size_t width, char pad)
 {
-    char text[field];
-    char* const end = text + field;
-    digits(put_hex(end, value), end, width, pad);
+    put_hex(field_end(hex_digits(value), width, pad), value);
 }
 
 // Signal-safe.
@@ -216,12 +234,11 @@ void a_hist_text::ptr(const void* value, size_t width)
         right("(nil)", 5, width);
         return;
     }
-    char text[field];
-    char* const end = text + field;
-    char* at = put_hex(end, uint64(a_ptrint(value)));
-    *--at = 'x';
-    *--at = '0';
-    digits(at, end, width, ' ');
+    const uint64 number = uint64(a_ptrint(value));
+    const size_t len = hex_digits(number);
+    char* const end = field_end(len + 2, width, ' ');
+    memcpy(end - len - 2, "0x", 2);
+    put_hex(end, number);
 }
 
 // Signal-safe.

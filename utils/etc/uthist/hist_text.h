@@ -36,7 +36,7 @@ private:
     void hand_over();
     void long_mem(const char* s, size_t len);
     void long_fill(char c, size_t n);
-    void digits(char* at, char* end, size_t width, char pad);
+    char* field_end(size_t len, size_t width, char pad);
     // Signal-safe.
     void room()
     {
