@@ -243,30 +243,3 @@ TEST(BitArray, FindsAndCountsByWords)
     EXPECT_EQ(bits.get_first(FALSE), 0);
     EXPECT_EQ(bits.get_first(TRUE), -1);
 }
-
-TEST(List, LinksAndUnlinks)
-{
-    const int64_t kept = c_sysv_semaphore_set::MAX_NSEMS;
-    c_sysv_semaphore_set::MAX_NSEMS = 1;  // so that making a set asks the kernel nothing
-    c_sysv_semaphore_set a, b;
-    c_sysv_semaphore_set_list list;
-    a.unlink();
-    EXPECT_EQ(a.next, &a);
-    EXPECT_EQ(list.get_first(), nullptr);
-    list.append(&a);
-    list.insert_before(&a, &b);
-    EXPECT_EQ(list.next(&b), &a);
-    EXPECT_EQ(list.next(&a), nullptr);
-    c_sysv_semaphore_set_iter iter(list);
-    EXPECT_EQ(iter.get(), &b);
-    iter.last();
-    EXPECT_EQ(iter.get(), &a);
-    iter.next();
-    EXPECT_TRUE(iter.is_past());
-    EXPECT_EQ(iter.get(), nullptr);
-    EXPECT_EQ(list.get_last(), &a);
-    list.clear();
-    EXPECT_TRUE(list.is_empty());
-    EXPECT_FALSE(b.is_linked());
-    c_sysv_semaphore_set::MAX_NSEMS = kept;
-}

@@ -4,6 +4,8 @@
 
 #include <errno.h>
 #include <stddef.h>
+#include <stdio.h>
+#include <unistd.h>
 
 static long live_blocks = 0;  // changed atomically: threads allocate
 static long fail_in = 0;      // the call that fails from now on; 0: none
@@ -12,6 +14,16 @@ static bool fails()
 {
     errno = ENOMEM;
     return __atomic_load_n(&fail_in, __ATOMIC_RELAXED) > 0 && __atomic_sub_fetch(&fail_in, 1, __ATOMIC_RELAXED) == 0;
+}
+
+// Ends the program with what is not good after the k-th call failed.
+[[maybe_unused]] static void check(bool good, const char* what, long k)
+{
+    if (good)
+        return;
+    printf("%s (failing call %ld)\n", what, k);
+    fflush(stdout);
+    _exit(1);
 }
 
 static void* counted(void* block)

@@ -148,26 +148,10 @@ static void with_heap_lock(const char* name)
     }
     __atomic_store_n(&heap_lock, 0, __ATOMIC_RELEASE);
 }
-extern "C" void* malloc(size_t size)
-{
-    with_heap_lock("malloc");
-    return __libc_malloc(size);
-}
-extern "C" void* calloc(size_t n, size_t size)
-{
-    with_heap_lock("calloc");
-    return __libc_calloc(n, size);
-}
-extern "C" void* realloc(void* block, size_t size)
-{
-    with_heap_lock("realloc");
-    return __libc_realloc(block, size);
-}
-extern "C" void free(void* block)
-{
-    with_heap_lock("free");
-    __libc_free(block);
-}
+extern "C" void* malloc(size_t size) { return with_heap_lock("malloc"), __libc_malloc(size); }
+extern "C" void* calloc(size_t n, size_t size) { return with_heap_lock("calloc"), __libc_calloc(n, size); }
+extern "C" void* realloc(void* at, size_t size) { return with_heap_lock("realloc"), __libc_realloc(at, size); }
+extern "C" void free(void* block) { with_heap_lock("free"), __libc_free(block); }
 
 extern "C" int gettimeofday(struct timeval* tv, void*) noexcept
 {

@@ -6,7 +6,6 @@
 #include <stdlib.h>
 #include <sys/sem.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include "corvex/corvex.h"
 #include "failing_calls.h"
@@ -16,14 +15,6 @@ namespace {
 long live_sets = 0;
 long zeros = 0;  // sets that are still to come back as 0
 bool zero_lives = false;
-
-void check(bool good, const char* what, long k)
-{
-    if (good)
-        return;
-    printf("%s (failing call %ld)\n", what, k);
-    exit(1);
-}
 
 bool open_and_close()
 {

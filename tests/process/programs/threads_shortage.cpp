@@ -13,15 +13,6 @@ namespace {
 
 int bodies = 0;
 
-void check(bool good, const char* what, long k)
-{
-    if (good)
-        return;
-    printf("%s (failing allocation %ld)\n", what, k);
-    fflush(stdout);
-    _exit(1);
-}
-
 void body(void* waiter) { OS_End_Thread_Wakeup(static_cast<p_os_thread>(waiter), &bodies); }
 
 // A thread that is still going keeps its stack, and with it some blocks, from the next.
