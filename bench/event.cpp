@@ -83,6 +83,20 @@ void clock_alone(benchmark::State& state)
 }
 BENCHMARK(clock_alone)->Name("event/clock");
 
+// What an event on the shared queue cannot do without: its lock, the clock, the atomic count of events.
+void least(benchmark::State& state)
+{
+    struct timeval now;
+    for (auto _ : state) {
+        pthread_mutex_lock(&rings[0].mutex);
+        gettimeofday(&now, nullptr);
+        benchmark::DoNotOptimize(now);
+        __atomic_add_fetch(&rings[1].next, 1u, __ATOMIC_RELAXED);
+        pthread_mutex_unlock(&rings[0].mutex);
+    }
+}
+BENCHMARK(least)->Name("event/shared/least");
+
 // Sixteen sites per iteration, so that the loop around them does not hide what one costs.
 template <typename Site>
 [[gnu::always_inline]] inline void sixteen_times(Site site)
