@@ -230,6 +230,15 @@ const std::map<std::string, void (*)(const an_arg_list& args)> commands = {
     {"mine", [](const an_arg_list&) { signal(SIGUSR1, mine); }},
     {"handler", show_handler},
     {"child", fork_child},
+    {"vfork",
+     [](const an_arg_list& args) {
+         const pid_t child = vfork();
+         if (child == 0) {
+             play(rest(args, 1));
+             _exit(0);
+         }
+         waitpid(child, nullptr, 0);
+     }},
 };
 
 void play(const std::string& line)
