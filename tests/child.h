@@ -35,7 +35,7 @@ a_child in_child(F body)
     EXPECT_EQ(0, pipe(child_pipe));
     const pid_t pid = fork();
     if (pid == 0) {
-        alarm(30);
+        alarm(120);
         prctl(PR_SET_DUMPABLE, 0);
         body();
         fflush(stdout);

@@ -132,7 +132,8 @@ CORVEX_API void ut_hist_setting(a_ut_hist_setting s);
  * second call without a shut-down between, which loses the first store. Shut-down dumps (option f), removes
  * the handler and frees the store (option x); it does nothing unless the history is running. After a
  * shut-down a new start-up reads the environment again: options that it does not name keep their values, but for
- * e, ye, ys and the slot rule, which begin anew.
+ * e, ye, ys and the slot rule, which begin anew. A shut-down that had to leave the store to a thread, say one
+ * whose dump does not end, was the last: a start-up then leaves the history off.
  * Neither is thread-safe or signal-safe: no other thread may use the history meanwhile. */
 CORVEX_API void ut_hist_init(void);
 CORVEX_API void ut_hist_fini(void);

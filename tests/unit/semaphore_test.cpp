@@ -142,8 +142,9 @@ TEST(Semaphore, LosesNoValueStoredBeforeASignal)
     std::atomic<long> value{0}, done{0};  // relaxed: the semaphore alone orders the value
     std::thread waiter([&] {
         for (long last = 0; last < 2 * rounds;) {
-            while (!ut_pthread_test_semaphore(&sem.sem))
-                continue;
+            for (long n = 1; !ut_pthread_test_semaphore(&sem.sem); n++)
+                if (n % 10000 == 0)  // the other may be waiting for this processor
+                    std::this_thread::yield();
             ut_pthread_waiton_semaphore(&sem.sem);
             last = value.load(std::memory_order_relaxed);
             if (last % 2 == 0)
@@ -151,7 +152,8 @@ TEST(Semaphore, LosesNoValueStoredBeforeASignal)
         }
     });
     bool stuck = false;
-    for (long i = 1; i <= rounds && !stuck; i++) {
+    const auto enough = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (long i = 1; i <= rounds && !stuck && std::chrono::steady_clock::now() < enough; i++) {
         value.store(2 * i - 1, std::memory_order_relaxed);
         ut_pthread_signal_semaphore(&sem.sem);
         for (volatile long n = i % 64; n > 0;)
@@ -160,7 +162,10 @@ TEST(Semaphore, LosesNoValueStoredBeforeASignal)
         ut_pthread_signal_semaphore(&sem.sem);
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         for (long n = 1; done != 2 * i && !stuck; n++)
-            stuck = n % 100000 == 0 && std::chrono::steady_clock::now() > end;
+            if (n % 10000 == 0) {
+                std::this_thread::yield();
+                stuck = std::chrono::steady_clock::now() > end;
+            }
         EXPECT_FALSE(stuck) << "the second value of round " << i << " was lost";
     }
     value = 2 * rounds;

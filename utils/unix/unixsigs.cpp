@@ -3,9 +3,8 @@
 #include "utils/unix/unixsigs.h"
 
 #include <pthread.h>
-#include <unistd.h>
 
-int32 unix_ending_thread = 0;
+constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_ends_process = false;
 
 namespace {
 
@@ -88,7 +87,3 @@ void unix_sigpause(int signal_number)
     sigdelset(&set, signal_number);
     sigsuspend(&set);
 }
-
-// Relaxed: what it is asked for, this thread wrote itself.
-// Signal-safe.
-bool unix_is_ending_thread() { return __atomic_load_n(&unix_ending_thread, __ATOMIC_RELAXED) == gettid(); }

@@ -47,7 +47,8 @@ a_handled_signal handled[] = {
 a_bool sig_handlers_installed = FALSE;
 a_bool install_sig_handlers_at_lib_init = FALSE;
 a_bool linux_kill_other_threads = FALSE;
-int aborting = 0;  // 1 once the handler has aborted the process
+int aborting = 0;         // 1 once the handler has aborted the process
+int32 ending_thread = 0;  // the first thread whose handler ends the process; 0 while none does
 
 // Whether this thread is inside the handler for SIGABRT and runs callbacks. A child that one of them forks is, too: when
 // it aborts, no callback forks again. initial-exec: no first touch allocates.
@@ -186,7 +187,7 @@ void pass_on(int sig, siginfo_t* siginfo, void* context, a_signal_handler_func e
 // Signal-safe.
 bool another_ends(int32 me)
 {
-    const int32 first = __atomic_load_n(&unix_ending_thread, __ATOMIC_ACQUIRE);
+    const int32 first = __atomic_load_n(&ending_thread, __ATOMIC_ACQUIRE);
     return first != 0 && first != me;
 }
 
@@ -198,7 +199,7 @@ void leave_it_to_the_first(bool ends)
     int32 none = 0;
     const int32 me = gettid();
     if (ends)
-        __atomic_compare_exchange_n(&unix_ending_thread, &none, me, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+        __atomic_compare_exchange_n(&ending_thread, &none, me, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
     for (int i = 0; i < max_pauses && another_ends(me); i++)
         syscall(SYS_poll, nullptr, 0, pause_ms);
 }
@@ -224,6 +225,7 @@ void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context)
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
     leave_it_to_the_first(cleanup);
     if (cleanup) {
+        unix_ends_process = true;
         // Sequentially consistent: see the making of kernel sets, which looks at it.
         __atomic_store_n(&will_do_cleanup, 1, __ATOMIC_SEQ_CST);
     }
@@ -289,8 +291,9 @@ void ut_onsig_remove_signal_handlers()
 // Signal-safe.
 void ut_onsig_fork_child()
 {
-    __atomic_store_n(&unix_ending_thread, 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&ending_thread, 0, __ATOMIC_RELAXED);
     __atomic_store_n(&aborting, 0, __ATOMIC_RELAXED);
+    unix_ends_process = false;
 }
 
 // Signal-safe.

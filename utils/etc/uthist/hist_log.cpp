@@ -11,7 +11,7 @@
 // Errout: need_to_open_errout is exchanged, so that exactly one thread opens the file. The handler opens a
 // pending file by descriptor; Open_Errout makes the stream for it later.
 //
-// The log goes out through a descriptor everywhere; the errout stream through its FILE* outside the handler.
+// Dumps and the reports about them go out through descriptors everywhere; messages through the errout stream.
 #include "utils/etc/uthist/hist_log.h"
 
 #include <errno.h>
@@ -73,15 +73,23 @@ bool name_is_stderr() { return strcmp(errout_name(), stderr_str) == 0; }
 // Signal-safe.
 bool take_pending() { return __atomic_exchange_n(&hist_cfg.need_to_open_errout, 0, __ATOMIC_RELAXED) != 0; }
 
+// In this order: a process that another thread forks meanwhile must not find the closed one.
+// Not signal-safe: it closes a stream.
+void replace_stream(FILE* by)
+{
+    FILE* const replaced = hist_cfg.ut_hist_dump_err_file;
+    hist_cfg.ut_hist_dump_err_file = by;
+    if (replaced != stderr)
+        fclose(replaced);
+}
+
 // Makes `fd` the errout stream; standard error when it could not be opened.
 // Not signal-safe: it allocates.
 void use_stream(int fd)
 {
     FILE* f = fd >= 0 ? open_stream(fd) : nullptr;
     __atomic_store_n(&errout_fd, f != nullptr ? fd : STDERR_FILENO, __ATOMIC_RELAXED);
-    if (hist_cfg.ut_hist_dump_err_file != stderr)
-        fclose(hist_cfg.ut_hist_dump_err_file);
-    hist_cfg.ut_hist_dump_err_file = f != nullptr ? f : stderr;
+    replace_stream(f != nullptr ? f : stderr);
     if (f == nullptr)
         fall_back_to_stderr();
 }
@@ -262,9 +270,8 @@ void Close_Errout()
     if (hist_cfg.ut_hist_dump_err_file == stderr)
         return;
     __atomic_store_n(&errout_fd, STDERR_FILENO, __ATOMIC_RELAXED);
-    fclose(hist_cfg.ut_hist_dump_err_file);
-    hist_cfg.ut_hist_dump_err_file = stderr;
     fall_back_to_stderr();
+    replace_stream(stderr);
 }
 
 // Opens the errout stream and begins a group of messages on it with the timestamp line.
@@ -392,7 +399,7 @@ void ut_hist_signal_handler(int)
             break;
         }
         const uint64 now = dump_state(), state = now & dump_state_bits, owner = now & ~dump_state_bits;
-        if (owner == me && unix_is_ending_thread()) {
+        if (owner == me && unix_ends_process) {
             dump_by_descriptor();  // the dump that it interrupted will not go on, or be cut off by the process's end
             break;
         }

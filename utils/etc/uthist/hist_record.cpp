@@ -316,8 +316,9 @@ inline void advance(a_ut_hist_event_list& queue, a_ring_pos at)
     __atomic_store_n(&queue.ring_pos, pack_ring(next_slot(at, uint32(hist_cfg.ut_hist_debug_num))), __ATOMIC_RELEASE);
 }
 
-// For an event during which a signal handler forked: in the child the ring went on behind its slot, and what the handler
-// recorded may stand there by now. A row made of both is never read.
+// For an event during which a signal handler forked: in the child the ring may have gone on behind its slot, and what the
+// handler recorded may stand there by now. A row made of both is never read. (A fork after that look, in the event's last
+// instructions, takes the ring back over what the handler recorded.)
 // Signal-safe.
 __attribute__((noinline, cold)) void give_up(a_ut_hist_event& r, a_ring_pos at)
 {

@@ -113,12 +113,12 @@ a_slot claim()
 // Signal-safe.
 a_slot hist_claim_slot()
 {
-    if (!unix_is_home_process())
-        return hist_slot(hist_max_threads);
     if (events_until_sweep != 0) {
         events_until_sweep--;
         return hist_slot(hist_max_threads);
     }
+    if (!unix_is_home_process())
+        return hist_slot(hist_max_threads);
     const int kept = errno;
     const a_slot slot = claim();
     errno = kept;

@@ -42,16 +42,16 @@ bool somebody_records()
 // Lets threads that are just recording or dumping finish: a server may exit under its threads. The barrier runs on all their
 // processors, so that it costs recording nothing: afterwards either a thread's mark is seen here, or the thread sees
 // that the history has stopped. Bounded: a thread that was ended in the middle of its event leaves its mark for ever.
-// False when somebody is still there.
+// Those that only dump a store that is kept are not waited for. False when somebody is still there.
 // Not signal-safe: it sleeps.
-bool wait_for_users()
+bool wait_for_users(bool store_goes)
 {
     const struct timespec millisecond = {0, 1000000};
     if (syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) != 0 ||
         syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) != 0)
         nanosleep(&millisecond, nullptr);  // refused to a confined process: a mark is seen long before that
-    __atomic_store_n(&hist.closing, true, __ATOMIC_SEQ_CST);
-    const auto busy = [] { return somebody_records() || hist.users.now() > 0; };
+    __atomic_store_n(&hist.closing, store_goes, __ATOMIC_SEQ_CST);
+    const auto busy = [&] { return somebody_records() || (store_goes && hist.users.now() > 0); };
     for (int i = 0; busy(); i++) {
         if (i == max_waits)
             return false;
@@ -66,11 +66,19 @@ bool wait_for_users()
 bool clean_up()
 {
     const bool frees = hist_cfg.ut_hist_exit_cleanup > 0;
-    if ((frees && !wait_for_users()) || !hist_dump_claim(max_waits))
+    if (!wait_for_users(frees) || !hist_dump_claim(max_waits))
         return false;
     if (frees)
         hist_store_free(hist_cfg.ut_hist_exit_cleanup > 1);
     return true;
+}
+
+// Whether the last shut-down gave up, and left the store to a thread that is inside.
+// Signal-safe.
+bool left_to_a_thread()
+{
+    return hist.hist_evs != nullptr && (__atomic_load_n(&hist.closing, __ATOMIC_SEQ_CST) ||
+                                        __atomic_load_n(&hist.dump_state, __ATOMIC_ACQUIRE) != pack_dump(DUMP_IDLE));
 }
 
 // Frees one lock in the child, whoever of the parent held it.
@@ -85,6 +93,10 @@ void ut_hist_init(void)
     const an_uncancelled_scope uncancelled;
     if (!hist_is_wanted())
         return;
+    if (left_to_a_thread()) {
+        ut_hist_setting(UT_HIST_SET_EVENTS_OFF);
+        return;
+    }
     hist_store_forget();
     hist_read_options();
     hist_write_settings();
