@@ -112,8 +112,9 @@ CORVEX_API a_ut_hist_id ut_hist_id_alloc(const char* file, uint32 line, const ch
 
 /* Writes a whole dump to f: event table, statistics, end banner. f is an open, writable stream and stays the
  * caller's: it is neither flushed nor closed, and write errors are not reported. Writes nothing while there
- * is no store. Holds every queue's lock meanwhile, so recorders that lock wait. Thread-safe. Not signal-safe:
- * it locks. */
+ * is no store. Holds every queue's lock meanwhile, so recorders that lock wait. A SIGUSR1 meanwhile is answered
+ * by a dump of its own at the end, by descriptor: where that goes to f's file too, f should be unbuffered.
+ * Thread-safe. Not signal-safe: it locks. */
 CORVEX_API void ut_hist_dump_to_file(FILE* f);
 
 /* Writes a whole dump to the log file of option l, or to the errout stream (option e; standard error) when none is

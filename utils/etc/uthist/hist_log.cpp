@@ -49,17 +49,6 @@ int open_file(const char* name)
     return fd;
 }
 
-// Not signal-safe: it allocates.
-FILE* open_stream(int fd)
-{
-    FILE* f = fdopen(fd, hist_cfg.ut_hist_dump_append != 0 ? "a" : "w");
-    if (f == nullptr)
-        close(fd);
-    else
-        setvbuf(f, nullptr, _IONBF, 0);  // no forked child writes a message once more when it exits
-    return f;
-}
-
 // Signal-safe.
 const char* errout_name() { return __atomic_load_n(&hist_cfg.ut_hist_dump_err_name, __ATOMIC_RELAXED); }
 
@@ -83,15 +72,23 @@ void replace_stream(FILE* by)
         fclose(replaced);
 }
 
-// Makes `fd` the errout stream; standard error when it could not be opened.
+// Makes `fd` the errout stream; standard error when it could not be opened. Unbuffered: no forked child writes a message
+// once more when it exits. A handler that forked meanwhile has told the child to do what this goes on to do there.
 // Not signal-safe: it allocates.
 void use_stream(int fd)
 {
-    FILE* f = fd >= 0 ? open_stream(fd) : nullptr;
+    FILE* const f = fd >= 0 ? fdopen(fd, hist_cfg.ut_hist_dump_append != 0 ? "a" : "w") : nullptr;
     __atomic_store_n(&errout_fd, f != nullptr ? fd : STDERR_FILENO, __ATOMIC_RELAXED);
-    replace_stream(f != nullptr ? f : stderr);
-    if (f == nullptr)
+    if (f != nullptr) {
+        setvbuf(f, nullptr, _IONBF, 0);
+    } else {
         fall_back_to_stderr();
+        if (fd >= 0)
+            close(fd);
+    }
+    replace_stream(f != nullptr ? f : stderr);
+    __atomic_store_n(&hist_cfg.need_to_open_errout, 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&errout_without_stream, 0, __ATOMIC_RELAXED);
 }
 
 // Signal-safe.

@@ -1,9 +1,9 @@
 // uthist.cpp: start-up and shut-down of the event history, and its part in a forked child.
 //
 // States: off (no store) -> running (hist_initialized) -> shut down (store freed, or kept with option x-).
-// Start-up gets the whole store or leaves the history off. Shut-down closes the dump before it frees the
-// store, so that a SIGUSR1 that comes at that moment finds none. No locks: both run while nobody else uses
-// the history. Only the fork and the unload step are signal-safe.
+// Start-up gets the whole store or leaves the history off. Shut-down claims the dump before it frees the
+// store, and a SIGUSR1 that comes once the history is stopped does nothing. No locks: both run while nobody else
+// uses the history. Only the fork and the unload step are signal-safe.
 #include "utils/etc/uthist/uthist.h"
 
 #include <linux/membarrier.h>
@@ -136,8 +136,10 @@ void ut_hist_fini(void)
         return;
     say_fini("done");
     Close_Errout();
-    // A store that was kept can be dumped from here on.
-    __atomic_store_n(&hist.dump_state, pack_dump(hist.hist_evs != nullptr ? DUMP_IDLE : DUMP_CLOSED), __ATOMIC_RELEASE);
+    if (hist.hist_evs == nullptr)
+        __atomic_store_n(&hist.dump_state, pack_dump(DUMP_CLOSED), __ATOMIC_RELEASE);
+    else
+        hist_dump_release();
 }
 
 // Frees every lock of the history and forgets what the parent's other threads were doing, so that the child can record
@@ -155,6 +157,8 @@ void ut_hist_fork_child()
         return;
     if (hist.dump_state != pack_dump(DUMP_CLOSED))
         __atomic_store_n(&hist.dump_state, pack_dump(DUMP_IDLE), __ATOMIC_RELEASE);
+    if (hist.dump != nullptr)
+        hist.dump->out.to_fd(-1);  // a dump that a handler's fork cut in two is the parent's to finish
     for (int32 q = 0; q < hist_cfg.hist_num_q; q++) {
         free_lock(hist.hist_evs[q].mutex);
         hist_pass_unfinished(hist.hist_evs[q]);
