@@ -317,12 +317,19 @@ inline void advance(a_ut_hist_event_list& queue, a_ring_pos at)
 }
 
 // For an event during which a signal handler forked: in the child the ring may have gone on behind its slot, and what the
-// handler recorded may stand there by now. A row made of both is never read. (A fork after that look, in the event's last
-// instructions, takes the ring back over what the handler recorded.)
+// handler recorded may stand there by now, its data blocks under the rest of this one's. No row made of both is ever read,
+// and no block: the generation goes on beyond all that were given out. (A fork before the slot is marked lets the handler's
+// first record go with this one; one after this look, in the event's last instructions, takes the ring back over what the
+// handler recorded.)
 // Signal-safe.
-__attribute__((noinline, cold)) void give_up(a_ut_hist_event& r, a_ring_pos at)
+__attribute__((noinline, cold)) void give_up(a_ut_hist_event_list& queue, a_ut_hist_event& r, a_ring_pos at, int32 cl)
 {
+    constexpr uint32 far = 0x100000;
     __atomic_store_n(&r.seq, seq_writing(at.laps), __ATOMIC_RELAXED);
+    if (cl != UT_HIST_CL_DATA)
+        return;
+    const a_data_pos pos = unpack_data(__atomic_load_n(&queue.data_pos, __ATOMIC_RELAXED));
+    __atomic_store_n(&queue.data_pos, pack_data({pos.data_gen + far, 0}), __ATOMIC_RELEASE);
 }
 
 // Fills the queue's next slot and publishes it. Returns the slot.
@@ -360,13 +367,12 @@ inline uint32 record(const an_event& event, a_ut_hist_event_list& queue, int32 q
     if (event.loc != nullptr || event.id.ii >= 0) [[unlikely]]
         dur = record_times(event.loc, event.cl, event.id.ii, t, {q, at.next, num}, now);
     __atomic_store_n(&r.dur, dur, __ATOMIC_RELEASE);
-    if (lock.forked()) [[unlikely]] {
-        give_up(r, at);
-        return at.next;
-    }
     // Release: who sees the even word sees the record behind it.
     __atomic_store_n(&r.seq, seq_whole(at.laps), __ATOMIC_RELEASE);
-    advance(queue, at);
+    if (lock.forked()) [[unlikely]]
+        give_up(queue, r, at, event.cl);
+    else
+        advance(queue, at);
     return at.next;
 }
 

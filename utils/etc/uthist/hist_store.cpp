@@ -25,10 +25,11 @@ void* store_alloc(size_t count, size_t size)
     char* block = static_cast<char*>(ut_calloc(bytes));
     if (block == nullptr)
         return nullptr;
-    // An allocator may hand out zero pages that are mapped by their first write only.
+    // A compiler may clear them by taking zero pages, which are mapped by their first write only.
     constexpr size_t page = 4096;
     for (size_t at = 0; at < bytes; at += page)
         static_cast<volatile char*>(block)[at] = 0;
+    static_cast<volatile char*>(block)[bytes - 1] = 0;
     char* lines = block + 2 * cache_line - a_ptrint(block) % cache_line;
     reinterpret_cast<void**>(lines)[-1] = block;
     return lines;

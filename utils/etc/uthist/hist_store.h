@@ -154,7 +154,7 @@ inline constexpr uint64 dump_state_bits = 3;
 inline constexpr uint64 pack_dump(a_dump_state state, uint64 owner = 0) { return owner | state; }
 
 struct alignas(cache_line) a_ut_hist_store {
-    // Read by every event, written by start-up and shut-down.
+    // Read by every event, written by start-up and shut-down, and now and then by a registration or a dump.
     a_ut_hist_event_list* hist_evs;  // owned, hist_num_q queues
     a_ut_hist_id_data* hist_ids;     // owned, or null
     int32 hist_num_ids;

@@ -131,8 +131,8 @@ void a_hist_text::flush()
     used = 0;
 }
 
-// Hands on what ends at the last line end, so that a dump that is cut off, by a process's death or by one beside it, leaves
-// no half row for the next to join; of a line longer than the buffer, what there is.
+// Hands on what ends at the last line end, so that a dump beside another, or one that is cut off, seldom leaves a half row
+// for the next to join (a write may be cut itself); of a line longer than the buffer, what there is.
 // Signal-safe when the sink is a descriptor.
 void a_hist_text::hand_over()
 {
