@@ -137,7 +137,7 @@ struct a_ut_hist_id_data {
 };
 
 // What the history keeps of one thread slot. Touched only by the slot's thread, or by several when their slots collide,
-// so all accesses are atomic.
+// so all accesses but those of `own_q` are atomic.
 struct alignas(cache_line) a_ut_hist_thread {
     int32 own_q;  // the queue that only this thread writes, 0 when it has none; set at start-up
     int32 last_marker_ii;
