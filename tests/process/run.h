@@ -6,7 +6,10 @@
 #define PROCESS_RUN_H
 
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -69,6 +72,21 @@ inline void become(const std::string& program, const a_text_list& args, const a_
     _exit(127);
 }
 
+// A program that hangs fails its test.
+inline int end_of(pid_t child)
+{
+    const int seconds = 120;
+    struct pollfd ended = {int(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
+    if (ended.fd >= 0 && poll(&ended, 1, seconds * 1000) == 0) {
+        ADD_FAILURE() << "the program did not end in " << seconds << " s";
+        kill(child, SIGKILL);
+    }
+    close(ended.fd);
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+}
+
 // Runs a program of tests/process/programs (or an absolute path) to its end, in `dir`.
 inline a_run run(const std::string& program, const a_text_list& env, const a_text_list& args, const std::string& dir)
 {
@@ -77,7 +95,7 @@ inline a_run run(const std::string& program, const a_text_list& env, const a_tex
     const pid_t child = fork();
     if (child == 0)
         become(path, args, env, dir);
-    waitpid(child, &result.status, 0);
+    result.status = end_of(child);
     result.out = read_file(dir + "/.out");
     result.err = read_file(dir + "/.err");
     return result;
