@@ -144,6 +144,15 @@ void fork_child(const an_arg_list& args)
         printf("child %x\n", status);
 }
 
+// From here on in two processes, of which the child ends after the command that this is part of; the parent waits for it.
+void split()
+{
+    const pid_t child = fork();
+    in_child = child == 0;
+    if (!in_child)
+        waitpid(child, nullptr, 0);
+}
+
 // Records a text of some length three times over, as file, id and event; behind its NUL no byte can be read.
 void add_at_page_end(const an_arg_list& args)
 {
@@ -230,6 +239,7 @@ const std::map<std::string, void (*)(const an_arg_list& args)> commands = {
     {"mine", [](const an_arg_list&) { signal(SIGUSR1, mine); }},
     {"handler", show_handler},
     {"child", fork_child},
+    {"split", [](const an_arg_list&) { split(); }},
     {"vfork",
      [](const an_arg_list& args) {
          const pid_t child = vfork();
@@ -301,8 +311,10 @@ int main(int argc, char** argv)
         bytes[i] = static_cast<unsigned char>(i);
     setvbuf(stdout, nullptr, _IONBF, 0);
     slot = 7;
-    for (int i = 1; i < argc; i++)
+    for (int i = 1; i < argc && !in_child; i++)
         play(argv[i]);
+    if (in_child)
+        _exit(0);
     while (!players.empty())
         play("stop " + players.begin()->first);
     return 0;

@@ -11,7 +11,11 @@
 // Errout: need_to_open_errout is exchanged, so that exactly one thread opens the file. The handler opens a
 // pending file by descriptor; Open_Errout makes the stream for it later.
 //
-// Dumps and the reports about them go out through descriptors everywhere; messages through the errout stream.
+// Dumps and the reports about them go out through descriptors, but for a dump into the caller's stream; messages go out
+// through the errout stream.
+//
+// A handler may fork in the middle of a dump. The child's fork step takes the dump from the interrupted thread, whose text
+// then goes nowhere: the dump is the parent's to finish.
 #include "utils/etc/uthist/hist_log.h"
 
 #include <errno.h>
@@ -37,7 +41,34 @@ struct sigaction hist_signal_oldhandler;  // the whole disposition of SIGUSR1 be
 
 constexpr char dumping_to[] = "********** Dumping history to (";
 
-// Opens as fopen does with mode "a" or "w", but not for programs that the process starts.
+// Moves the dump from one state to another if it is in that one. Acquire and release: the next dump finds the buffers
+// as the last one left them.
+// Signal-safe.
+bool move_dump(uint64 from, uint64 to)
+{
+    return __atomic_compare_exchange_n(&hist.dump_state, &from, to, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+}
+
+// Relaxed: who acts on it moves the state by compare-and-swap, or owns it.
+// Signal-safe.
+uint64 dump_state() { return __atomic_load_n(&hist.dump_state, __ATOMIC_RELAXED); }
+
+// Signal-safe.
+uint64 this_thread() { return uint64(reinterpret_cast<a_ptrint>(__builtin_thread_pointer())); }
+
+// Signal-safe.
+bool runs_for(uint64 owner) { return (dump_state() & ~dump_state_bits) == owner; }
+
+// For a dump that has just been directed anew: looked at afterwards, since a fork before it has found the earlier direction.
+// Signal-safe.
+void stop_if_taken(a_hist_text& out)
+{
+    if (!runs_for(this_thread()))
+        out.to_fd(-1);
+}
+
+// Opens as fopen does with mode "a" or "w", but not for programs that the process starts, and never by the number of a
+// standard stream that the process has closed: what it prints would get into the file.
 // Signal-safe.
 int open_file(const char* name)
 {
@@ -46,7 +77,11 @@ int open_file(const char* name)
     do
         fd = open(name, O_WRONLY | O_CREAT | O_CLOEXEC | mode, 0666);
     while (fd < 0 && errno == EINTR);
-    return fd;
+    if (fd < 0 || fd > STDERR_FILENO)
+        return fd;
+    const int high = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(fd);
+    return high;
 }
 
 // Signal-safe.
@@ -111,7 +146,16 @@ void begin_errout_stream(a_hist_text& out)
         out.to_fd(fd);
     else
         out.to_file(hist_cfg.ut_hist_dump_err_file);
+    stop_if_taken(out);
     put_timestamp_line(out);
+}
+
+// None when the program has closed standard error, whose number another file may have by now.
+// Signal-safe.
+int errout_descriptor()
+{
+    const int fd = __atomic_load_n(&errout_fd, __ATOMIC_RELAXED);
+    return fd != STDERR_FILENO ? fd : fileno(stderr);
 }
 
 // Signal-safe.
@@ -122,11 +166,13 @@ void begin_errout_fd(a_hist_text& out)
         if (fd >= 0) {
             __atomic_store_n(&errout_fd, fd, __ATOMIC_RELAXED);
             __atomic_store_n(&errout_without_stream, 1, __ATOMIC_RELEASE);
+            __atomic_store_n(&hist_cfg.need_to_open_errout, 0, __ATOMIC_RELAXED);  // see use_stream
         } else {
             fall_back_to_stderr();
         }
     }
-    out.to_fd(__atomic_load_n(&errout_fd, __ATOMIC_RELAXED));
+    out.to_fd(errout_descriptor());
+    stop_if_taken(out);
     put_timestamp_line(out);
 }
 
@@ -168,6 +214,7 @@ void dump_to_fd(a_ut_hist_dump& f, int fd)
 {
     report(f, "");
     f.out.to_fd(fd);
+    stop_if_taken(f.out);
     put_tables(f);
     close(fd);
     report(f, " done");
@@ -195,24 +242,6 @@ void dump_by_descriptor()
     hist.dump->begin_errout = begin_errout_fd;
     ut_hist_dump_to_log_i(*hist.dump);
 }
-
-// Moves the dump from one state to another if it is in that one. Acquire and release: the next dump finds the buffers
-// as the last one left them.
-// Signal-safe.
-bool move_dump(uint64 from, uint64 to)
-{
-    return __atomic_compare_exchange_n(&hist.dump_state, &from, to, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
-}
-
-// Relaxed: who acts on it moves the state by compare-and-swap, or owns it.
-// Signal-safe.
-uint64 dump_state() { return __atomic_load_n(&hist.dump_state, __ATOMIC_RELAXED); }
-
-// Signal-safe.
-uint64 this_thread() { return uint64(reinterpret_cast<a_ptrint>(__builtin_thread_pointer())); }
-
-// Signal-safe.
-bool runs_for(uint64 owner) { return (dump_state() & ~dump_state_bits) == owner; }
 
 // Signal-safe.
 bool running() { return __atomic_load_n(&hist.hist_initialized, __ATOMIC_ACQUIRE); }
@@ -327,12 +356,13 @@ void hist_dump_release()
 void ut_hist_dump_to_log_i(a_ut_hist_dump& f)
 {
     const char* log = hist_cfg.ut_hist_dump_log_name;
-    const int fd = log != nullptr ? open_file(log) : -1;
+    // With option a- opening it in a forked child would take away what the parent has written.
+    const int fd = log != nullptr && runs_for(this_thread()) ? open_file(log) : -1;
     if (fd >= 0)
         dump_to_fd(f, fd);
     else
         dump_to_errout(f);
-    f.out.to_fd(-1);  // a dump that a fork in a handler cut in two must not go on where this one ended
+    f.out.to_fd(-1);  // the dump that this one's process was forked in must not go on where this one ended
 }
 
 // Not signal-safe: it locks.
@@ -346,7 +376,9 @@ void ut_hist_dump_to_file(FILE* f)
     hist_dump_claim(hist_no_limit);
     hist_zone_refresh();
     hist.dump->out.to_file(f);
+    stop_if_taken(hist.dump->out);
     put_tables(*hist.dump);
+    hist.dump->out.to_fd(-1);
     hist_dump_release();
 }
 

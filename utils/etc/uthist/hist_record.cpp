@@ -317,10 +317,11 @@ inline void advance(a_ut_hist_event_list& queue, a_ring_pos at)
 }
 
 // For an event during which a signal handler forked: in the child the ring may have gone on behind its slot, and what the
-// handler recorded may stand there by now, its data blocks under the rest of this one's. No row made of both is ever read,
-// and no block: the generation goes on beyond all that were given out. (A fork before the slot is marked lets the handler's
-// first record go with this one; one after this look, in the event's last instructions, takes the ring back over what the
-// handler recorded.)
+// handler recorded may stand there by now, its data blocks under the rest of this one's. No row made of both is read from
+// now on, and no block: the generation goes on beyond all that were given out, those of older events too. (A fork before the
+// slot is marked lets the handler's first record go with this one; one after this look, in the event's last instructions,
+// takes the ring back over what the handler recorded. If it recorded more events than the ring holds, a dump by signal
+// before this shows what this event has written over.)
 // Signal-safe.
 __attribute__((noinline, cold)) void give_up(a_ut_hist_event_list& queue, a_ut_hist_event& r, a_ring_pos at, int32 cl)
 {

@@ -21,6 +21,8 @@ namespace {
 
 constexpr int max_waits = 1000;  // for recorders and for dumps, a millisecond each
 
+bool left_behind = false;  // the last shut-down gave up, and left the store to a thread that is inside
+
 // Not signal-safe: it prints.
 void say_fini(const char* text)
 {
@@ -42,7 +44,7 @@ bool somebody_records()
 // Lets threads that are just recording or dumping finish: a server may exit under its threads. The barrier runs on all their
 // processors, so that it costs recording nothing: afterwards either a thread's mark is seen here, or the thread sees
 // that the history has stopped. Bounded: a thread that was ended in the middle of its event leaves its mark for ever.
-// Those that only dump a store that is kept are not waited for. False when somebody is still there.
+// Those that wait for their turn to dump a store that is kept are not waited for. False when somebody is still there.
 // Not signal-safe: it sleeps.
 bool wait_for_users(bool store_goes)
 {
@@ -73,12 +75,12 @@ bool clean_up()
     return true;
 }
 
-// Whether the last shut-down gave up, and left the store to a thread that is inside.
+// Whether a thread may still use the store of the last start-up, or be dumping it.
 // Signal-safe.
 bool left_to_a_thread()
 {
-    return hist.hist_evs != nullptr && (__atomic_load_n(&hist.closing, __ATOMIC_SEQ_CST) ||
-                                        __atomic_load_n(&hist.dump_state, __ATOMIC_ACQUIRE) != pack_dump(DUMP_IDLE));
+    return hist.hist_evs != nullptr &&
+           (left_behind || __atomic_load_n(&hist.dump_state, __ATOMIC_ACQUIRE) != pack_dump(DUMP_IDLE));
 }
 
 // Frees one lock in the child, whoever of the parent held it.
@@ -132,7 +134,8 @@ void ut_hist_fini(void)
     }
     if (hist_cfg.ut_hist_dump_on_fini != 0)
         hist_dump_to_log_unlocked(max_waits);
-    if (!clean_up())
+    left_behind = !clean_up();
+    if (left_behind)
         return;
     say_fini("done");
     Close_Errout();
@@ -158,7 +161,7 @@ void ut_hist_fork_child()
     if (hist.dump_state != pack_dump(DUMP_CLOSED))
         __atomic_store_n(&hist.dump_state, pack_dump(DUMP_IDLE), __ATOMIC_RELEASE);
     if (hist.dump != nullptr)
-        hist.dump->out.to_fd(-1);  // a dump that a handler's fork cut in two is the parent's to finish
+        hist.dump->out.to_fd(-1);  // see hist_log.cpp
     for (int32 q = 0; q < hist_cfg.hist_num_q; q++) {
         free_lock(hist.hist_evs[q].mutex);
         hist_pass_unfinished(hist.hist_evs[q]);
