@@ -91,8 +91,8 @@ extern CORVEX_API int32 ut_hist_debug;
  *   pn          how many of p1..p8 count, 0..8; a larger value is stored as 8; a negative one is stored as it is and shows
  *               every parameter column of the dump
  * Texts are copied when option f is on, else only their addresses are kept and the texts must stay valid until the
- * last dump. Of an id 15 characters are kept, of an event text 31, of a file text shorter than 23 all and of a
- * longer one the last 22 (option m changes the numbers). Thread-safe. Signal-safe with UT_HIST_ID_SIGHANDLER only,
+ * last dump. Of an id 15 characters are kept, of an event text 31, of a file text shorter than 23 all and of any
+ * other one the last 22 (option m changes the numbers). Thread-safe. Signal-safe with UT_HIST_ID_SIGHANDLER only,
  * and not under option Z, which prints each event. Does nothing while the history is not running. An event is
  * dropped silently when a signal handler records on the thread and queue that it interrupted in this function, and
  * counted as missed when the thread has no slot (see UT_HIST_THREAD_SLOT in the user's guide). Allocates nothing,
@@ -163,27 +163,16 @@ inline void* ut_hist_parm(T value)
 }
 #define UT_HIST_P_(x) ut_hist_parm(x)
 #else
-static inline void* ut_hist_parm_double(double value)
-{
-    void* parm;
-    __builtin_memcpy(&parm, &value, sizeof parm);
-    return parm;
-}
-/* Both branches of the selection must compile for every type, so each converts what the other would refuse.
- */
+/* The conditional makes a pointer of an array. */
 #define UT_HIST_P_(x)                                                                                                  \
-    ((void)sizeof(struct {                                                                                             \
-         _Static_assert(sizeof(1 ? (x) : (x)) == sizeof(void*),                                                        \
-                        "a parameter of an event is as wide as a pointer: cast it to long");                           \
-         int unused;                                                                                                   \
-     }),                                                                                                               \
-     _Generic((x), double                                                                                              \
-              : ut_hist_parm_double(_Generic((x), double                                                               \
-                                             : (x), default : 0.0)),                                                   \
-                default                                                                                                \
-              : (void*)_Generic((x), double                                                                            \
-                                : (a_ptrint)0, default                                                                 \
-                                : (x))))
+    (__extension__({                                                                                                   \
+        __typeof__(1 ? (x) : (x)) ut_hist_value_ = (x);                                                                \
+        _Static_assert(sizeof ut_hist_value_ == sizeof(void*),                                                         \
+                       "a parameter of an event is as wide as a pointer: cast it to long");                            \
+        void* ut_hist_parm_;                                                                                           \
+        __builtin_memcpy(&ut_hist_parm_, &ut_hist_value_, sizeof ut_hist_parm_);                                       \
+        ut_hist_parm_;                                                                                                 \
+    }))
 #endif
 
 /* Call-site plumbing: N text, parameters -> the arguments of ut_hist_add from the event text on. */
