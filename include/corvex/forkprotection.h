@@ -1,6 +1,9 @@
 /* forkprotection.h: tells a process created by fork from the one that started the library, for C11 and C++20.
  * The exit of a process so marked stops nothing of the library: kernel objects and log files stay its
- * parent's. */
+ * parent's.
+ *
+ * A child forked by a signal handler must end by exec or _exit: it may use the whole library until then, record and dump
+ * included, but never return from the handler into what that interrupted. */
 #ifndef CORVEX_FORKPROTECTION_H
 #define CORVEX_FORKPROTECTION_H
 

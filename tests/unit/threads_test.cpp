@@ -344,37 +344,6 @@ TEST_F(Threads, LocksAreFreeInAForkedChild)
         thread.join();
 }
 
-// A handler forks under a thread that is parked; in the child another thread wakes it.
-TEST_F(Threads, AParkedThreadCanBeWokenInTheChildThatItsHandlerForks)
-{
-    if (under_tsan)
-        return;
-    static p_os_thread me;
-    static std::atomic<pid_t> child;
-    me = OS_Me();
-    child = -1;
-    signal(SIGUSR2, [](int) {
-        child = fork();
-        if (child == 0 && alarm(20) == 0)
-            OS_Begin_Thread_Attachable([](void*) { OS_Wakeup(me, &me); }, nullptr, 0, nullptr, nullptr, FALSE);
-    });
-    std::thread parent([main_thread = pthread_self()] {
-        usleep(50000);  // by then it is parked
-        pthread_kill(main_thread, SIGUSR2);
-        while (child == -1)
-            usleep(1000);
-        OS_Wakeup(me, nullptr);
-    });
-    void* value = OS_Wait();
-    if (child == 0)
-        _exit(value == &me ? 0 : 1);
-    parent.join();
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
-    signal(SIGUSR2, SIG_DFL);
-}
-
 TEST(Identity, KeepsTheFirstRootPidAndTheEngineName)
 {
     EXPECT_EQ(OS_GetRootPid(), getpid());

@@ -250,20 +250,20 @@ void OS_Init(void)
     add_current_thread(FALSE);
 }
 
-an_os_stay::an_os_stay() : started(starts() != 0), forks(0)
+an_os_stay::an_os_stay() : started(starts() != 0)
 {
     if (!started)
         return;
-    forks = stays.enter();
+    stays.enter();
     started = starts() != 0;
     if (!started)
-        stays.leave(forks);
+        stays.leave();
 }
 
 an_os_stay::~an_os_stay()
 {
     if (started)
-        stays.leave(forks);
+        stays.leave();
 }
 
 namespace {
@@ -318,12 +318,11 @@ void OS_Fini(void)
 // Signal-safe.
 void os_thread_fork_child()
 {
+    stays.fork_child();
     os_mutex_fork_child(&ThreadTableMutex);
     for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next) {
-        const bool mine = thread->tid == pthread_self();
-        // This thread may be parked, and a handler have forked: its condition variable must go on knowing that it waits.
-        mine ? ut_safe_pthread_mutex_fork_child(&thread->wait.mutex) : ut_pthread_semaphore_fork_child(&thread->wait);
-        if (!mine)
+        ut_pthread_semaphore_fork_child(&thread->wait);
+        if (thread->tid != pthread_self())
             thread->tid = os_no_thread;
     }
 }

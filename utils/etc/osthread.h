@@ -59,9 +59,6 @@ public:
     an_os_stay& operator=(const an_os_stay&) = delete;
 
     bool started;
-
-private:
-    uint32 forks;
 };
 
 // A mutex of the layer itself, which must work also when there is no memory: then it is the reserve.

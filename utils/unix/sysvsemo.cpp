@@ -621,6 +621,9 @@ void sysv_list_fini_semaphore()
 // Signal-safe.
 void sysv_list_fork_child()
 {
+    creators.fork_child();
+    cleaners.fork_child();
+    users.fork_child();
     if (list_of_process() != nullptr)
         list_of_process()->fork_child();
 }

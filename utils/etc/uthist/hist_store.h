@@ -231,12 +231,16 @@ class a_hist_user {
 public:
     // Looks first, so that shut-down does not wait for those that come after it.
     // Signal-safe.
-    a_hist_user() : counted(store_stands()), forks(counted ? hist.users.enter() : 0) {}
+    a_hist_user() : counted(store_stands())
+    {
+        if (counted)
+            hist.users.enter();
+    }
     // Signal-safe.
     ~a_hist_user()
     {
         if (counted)
-            hist.users.leave(forks);
+            hist.users.leave();
     }
     a_hist_user(const a_hist_user&) = delete;
     a_hist_user& operator=(const a_hist_user&) = delete;
@@ -254,7 +258,6 @@ private:
     }
 
     bool counted;
-    uint32 forks;
 };
 
 // All queues' mutexes for a scope, taken and given back in ascending order.

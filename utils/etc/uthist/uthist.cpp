@@ -151,6 +151,7 @@ void ut_hist_fini(void)
 void ut_hist_fork_child()
 {
     __atomic_store_n(&hist.fork_count, unix_fork_count(), __ATOMIC_RELAXED);
+    hist.users.fork_child();
     hist_slots_fork_child();
     hist_errout_fork_child();
     for (a_ut_hist_thread& thread : hist.threads)
