@@ -17,6 +17,7 @@
 #include "utils/unix/sysvsemo.h"
 #include "utils/unix/unixfork.h"
 #include "utils/unix/utcore.h"
+#include "utils/unix/utending.h"
 #include "utils/unix/utptmutex.h"
 
 int init_fini_call_count_corvex = 0;  // start-up calls minus shut-down calls
@@ -25,6 +26,7 @@ namespace {
 
 void InitTheInternalStuff_corvex()
 {
+    unix_process_starts();
     UnixForkProtection_Init();
     ut_safe_pthread_mutex_crit_init();
     ut_safe_pthread_cond_crit_init();
@@ -35,6 +37,7 @@ void InitTheInternalStuff_corvex()
 
 void FiniTheInternalStuff_corvex()
 {
+    unix_process_ends();
     ut_hist_fini();
     sysv_list_fini_semaphore();
     ut_onsig_fini();
@@ -48,7 +51,7 @@ void FiniTheInternalStuff_corvex()
 // Signal-safe.
 void FreeLocksInChild_corvex()
 {
-    ut_onsig_fork_child();
+    unix_ending_fork_child();
     ut_safe_pthread_mutex_pool_fork_child();
     ut_safe_pthread_cond_pool_fork_child();
     os_thread_fork_child();

@@ -9,6 +9,7 @@
 #include "tests/child.h"
 #include "utils/unix/unixsigs.h"
 #include "utils/unix/utcore.h"
+#include "utils/unix/utending.h"
 
 // Stands in for the delay before the abort.
 extern "C" unsigned sleep(unsigned seconds)
@@ -238,6 +239,24 @@ TEST(SignalHandlers, UseTheAlternateStackOfTheInstallingThread)
     EXPECT_EQ(SIGABRT, overflown.status);
     EXPECT_EQ("chain 11 cleanup will 1\n", overflown.said);
 #endif
+}
+
+TEST(Ending, WaitsForStreamsShareTwoSeconds)
+{
+    const a_child child = in_child([] {
+        say("%d ", unix_ending_wait_ms(5000));
+        unix_process_ends();
+        say("%d ", unix_ending_wait_ms(1000));
+        unix_ending_wait_ms(-400);  // the wait was over sooner
+        unix_process_ends();        // by a signal in the shut-down
+        say("%d ", unix_ending_wait_ms(1000));
+        for (const char* which : {"", "child "}) {
+            if (*which != '\0' && fork() != 0)
+                return void(wait(nullptr));
+            say("%s%d, then %d ", which, unix_process_is_ending(), unix_ending_wait_ms(1000));
+        }
+    });
+    EXPECT_EQ(child.said, "5000 1000 1000 1, then 300 child 0, then 1000 ");
 }
 
 }  // namespace

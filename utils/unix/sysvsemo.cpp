@@ -33,7 +33,6 @@
 #include "corvex/forkprotection.h"
 #include "utils/unix/unixfork.h"
 #include "utils/unix/utcore.h"
-#include "utils/unix/utonsig.h"
 
 int64_t c_sysv_semaphore_set::MAX_NSEMS = 0;
 

@@ -1,10 +1,8 @@
-// unixsigs.cpp: signal dispositions and masks, and who ends the process (see unixsigs.h). No locks; everything here is
+// unixsigs.cpp: signal dispositions and masks (see unixsigs.h). No locks; everything here is
 // signal-safe.
 #include "utils/unix/unixsigs.h"
 
 #include <pthread.h>
-
-constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_ends_process = false;
 
 namespace {
 

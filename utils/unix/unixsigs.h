@@ -24,10 +24,6 @@ a_bool unix_restore_signal(int signal_number, const struct sigaction* dispositio
 a_signal_handler_func_with_context unix_saved_handler(const struct sigaction* disposition);
 a_signal_handler_func_with_context unix_current_handler(int signal_number);
 
-// Whether this thread's signal handler ends the process: what the thread was doing will not go on. initial-exec: no first
-// touch allocates.
-extern constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_ends_process;
-
 void unix_hold_signal(int signal_number);     // adds to the calling thread's blocked set
 void unix_release_signal(int signal_number);  // removes from it
 void unix_sigpause(int signal_number);        // removes and suspends until a signal arrives, in one step

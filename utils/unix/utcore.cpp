@@ -12,22 +12,19 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include "utils/etc/utenv.h"
 #include "utils/unix/unixfork.h"
 #include "utils/unix/unixsigs.h"
-#include "utils/unix/utonsig.h"
+#include "utils/unix/utending.h"
 
 namespace {
 
 constexpr size_t env_size = 8;
 constexpr unsigned default_delay = 2;  // seconds before the abort
-constexpr int pause_ms = 10;           // at a time, for another thread that ends the process
-constexpr int max_pauses = 1000;
-constexpr unsigned max_delay = 3600;  // a process that is to die does so within the hour
+constexpr unsigned max_delay = 3600;   // a process that is to die does so within the hour
 
 // A handled signal: whether it is a crash signal (its core dump is allowed), and the disposition in force before the
 // library's, all zero (the default action) for none.
@@ -47,8 +44,6 @@ a_handled_signal handled[] = {
 a_bool sig_handlers_installed = FALSE;
 a_bool install_sig_handlers_at_lib_init = FALSE;
 a_bool linux_kill_other_threads = FALSE;
-int aborting = 0;         // 1 once the handler has aborted the process
-int32 ending_thread = 0;  // the first thread whose handler ends the process; 0 while none does
 
 // Whether this thread is inside the handler for SIGABRT and runs callbacks. A child that one of them forks is, too: when
 // it aborts, no callback forks again. initial-exec: no first touch allocates.
@@ -157,7 +152,7 @@ void delay_abort()
 // Signal-safe.
 [[noreturn]] ENDS_THE_PROCESS void abort_process()
 {
-    if (__atomic_exchange_n(&aborting, 1, __ATOMIC_RELAXED) != 0)
+    if (unix_aborts_again())
         abort_by_default();
     in_abort = false;
     abort();
@@ -187,27 +182,6 @@ void pass_on(int sig, siginfo_t* siginfo, void* context, a_signal_handler_func e
     raise(sig);
 }
 
-// Whether another thread's handler is ending the process.
-// Signal-safe.
-bool another_ends(int32 me)
-{
-    const int32 first = __atomic_load_n(&ending_thread, __ATOMIC_ACQUIRE);
-    return first != 0 && first != me;
-}
-
-// Of two threads whose signals may end the process the second leaves it to the first, whose callbacks must come to their
-// end; not for ever, since the first may be stuck. By a plain system call: poll is a cancellation point.
-// Signal-safe.
-void leave_it_to_the_first(bool ends)
-{
-    int32 none = 0;
-    const int32 me = gettid();
-    if (ends)
-        __atomic_compare_exchange_n(&ending_thread, &none, me, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
-    for (int i = 0; i < max_pauses && another_ends(me); i++)
-        syscall(SYS_poll, nullptr, 0, pause_ms);
-}
-
 // Signal-safe.
 ENDS_THE_PROCESS void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context)
 {
@@ -227,12 +201,9 @@ ENDS_THE_PROCESS void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* co
     // A thread that is cancelled must not vanish here: the process would live on half cleaned up.
     int cancel_state;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
-    leave_it_to_the_first(cleanup);
-    if (cleanup) {
-        unix_ends_process = true;
-        // Sequentially consistent: see the making of kernel sets, which looks at it.
-        __atomic_store_n(&will_do_cleanup, 1, __ATOMIC_SEQ_CST);
-    }
+    unix_leave_it_to_the_first(cleanup);
+    if (cleanup)
+        unix_thread_ends_process();
     ut_onsig_call_now(sig, chained, chaining, cleanup, siginfo, context);
     if (chaining) {
         pthread_setcancelstate(cancel_state, nullptr);
@@ -289,15 +260,6 @@ void ut_onsig_remove_signal_handlers()
         return;
     for (a_handled_signal& row : handled)
         remove(row);
-}
-
-// The child is a process of its own, and nobody ends it yet.
-// Signal-safe.
-void ut_onsig_fork_child()
-{
-    __atomic_store_n(&ending_thread, 0, __ATOMIC_RELAXED);
-    __atomic_store_n(&aborting, 0, __ATOMIC_RELAXED);
-    unix_ends_process = false;
 }
 
 // Signal-safe.

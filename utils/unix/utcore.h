@@ -7,7 +7,6 @@
 void ut_onsig_init();
 void ut_onsig_fini();
 void ut_onsig_remove_signal_handlers();
-void ut_onsig_fork_child();
 
 // Puts back what was in place before every handler that is still the library's, also those of a crash-only
 // installation, which a removal leaves: nothing may point into the library once it has left the process.

@@ -4,11 +4,10 @@
 // claimer stores priority and arg; it is freed by one to null, which leaves both as they were. No locks,
 // no allocation: everything here is signal-safe. A chain that runs between a claim and its two stores calls
 // the new func with the slot's last priority and arg; registering before handlers are installed avoids that.
-#include "utils/unix/utonsig.h"
+#include "corvex/onsig.h"
 
 #include "utils/etc/utcswap.h"
-
-int will_do_cleanup = 0;
+#include "utils/unix/utending.h"
 
 namespace {
 

@@ -30,6 +30,7 @@
 #include "utils/etc/uthist/hist_stats.h"
 #include "utils/unix/unixfork.h"
 #include "utils/unix/unixsigs.h"
+#include "utils/unix/utending.h"
 
 namespace {
 

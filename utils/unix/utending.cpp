@@ -1,0 +1,102 @@
+// utending.cpp: what says that the process is ending (see utending.h).
+//
+// Each word stands for itself; only will_do_cleanup and ending_thread order what other threads see, as said there. What
+// streams may still be waited for is one count of milliseconds, which every wait of an ending process takes from.
+#include "utils/unix/utending.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+int will_do_cleanup = 0;
+constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_ends_process = false;
+
+namespace {
+
+constexpr int pause_ms = 10;  // at a time, for another thread that ends the process
+constexpr int max_pauses = 1000;
+constexpr int all_waits_ms = 1900;  // for streams: under two seconds with what the calls themselves take
+
+bool ending = false;
+int waits_left_ms = all_waits_ms;
+int aborting = 0;         // 1 once the handler has aborted the process
+int32 ending_thread = 0;  // the first thread whose handler ends the process; 0 while none does
+
+// Relaxed: neither word orders anything.
+// Signal-safe.
+void set_ending(bool ends)
+{
+    __atomic_store_n(&waits_left_ms, all_waits_ms, __ATOMIC_RELAXED);
+    __atomic_store_n(&ending, ends, __ATOMIC_RELAXED);
+}
+
+// Whether another thread's handler is ending the process.
+// Signal-safe.
+bool another_ends(int32 me)
+{
+    const int32 first = __atomic_load_n(&ending_thread, __ATOMIC_ACQUIRE);
+    return first != 0 && first != me;
+}
+
+}  // namespace
+
+// Signal-safe.
+void unix_process_starts() { set_ending(false); }
+
+// A clean-up inside a shut-down has the waits that are left.
+// Signal-safe.
+void unix_process_ends()
+{
+    if (!unix_process_is_ending())
+        set_ending(true);
+}
+
+// Relaxed: it tells how long to wait, no more.
+// Signal-safe.
+bool unix_process_is_ending() { return __atomic_load_n(&ending, __ATOMIC_RELAXED); }
+
+// Signal-safe.
+void unix_thread_ends_process()
+{
+    unix_process_ends();
+    unix_ends_process = true;
+    // Sequentially consistent: see the making of kernel sets, which looks at it.
+    __atomic_store_n(&will_do_cleanup, 1, __ATOMIC_SEQ_CST);
+}
+
+// Signal-safe.
+int unix_ending_wait_ms(int wanted)
+{
+    if (!unix_process_is_ending())
+        return wanted;
+    int left = __atomic_load_n(&waits_left_ms, __ATOMIC_RELAXED), granted;
+    do
+        granted = wanted < left ? wanted : left;
+    while (
+        !__atomic_compare_exchange_n(&waits_left_ms, &left, left - granted, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED));
+    return granted;
+}
+
+// By a plain system call: poll is a cancellation point.
+// Signal-safe.
+void unix_leave_it_to_the_first(bool ends)
+{
+    int32 none = 0;
+    const int32 me = gettid();
+    if (ends)
+        __atomic_compare_exchange_n(&ending_thread, &none, me, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+    for (int i = 0; i < max_pauses && another_ends(me); i++)
+        syscall(SYS_poll, nullptr, 0, pause_ms);
+}
+
+// Signal-safe.
+bool unix_aborts_again() { return __atomic_exchange_n(&aborting, 1, __ATOMIC_RELAXED) != 0; }
+
+// The child is a process of its own, and nobody ends it yet.
+// Signal-safe.
+void unix_ending_fork_child()
+{
+    set_ending(false);
+    __atomic_store_n(&ending_thread, 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&aborting, 0, __ATOMIC_RELAXED);
+    unix_ends_process = false;
+}

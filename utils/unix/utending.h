@@ -1,0 +1,32 @@
+// utending.h: what says that the process is ending, by exit, unload or signal, and which thread ends it; and how long it may
+// still wait for streams meanwhile. No locks; everything here is signal-safe. In a forked child nothing ends yet, but for
+// will_do_cleanup, which is for ever.
+#ifndef UNIX_UTENDING_H
+#define UNIX_UTENDING_H
+
+#include "corvex/types.h"
+
+// Set for ever by the handler just before it runs the chain with cleanup true.
+extern int will_do_cleanup;
+
+// Whether this thread's signal handler ends the process: what the thread was doing will not go on. initial-exec: no first
+// touch allocates.
+extern constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_ends_process;
+
+void unix_process_starts();  // a start-up after a shut-down
+void unix_process_ends();    // the shut-down of the library begins, or a handler's clean-up
+bool unix_process_is_ending();
+void unix_thread_ends_process();  // the calling thread's handler begins its clean-up
+
+// How many of the wanted milliseconds a thread may wait for a stream: all of them, unless the process is ending; then they
+// are taken off what all its waits for streams share. A negative number gives back what was not waited.
+int unix_ending_wait_ms(int wanted);
+
+// Of two threads whose signals may end the process the second leaves it to the first, whose callbacks must come to their
+// end; not for ever, since the first may be stuck.
+void unix_leave_it_to_the_first(bool ends);
+
+bool unix_aborts_again();  // false for the first abort alone
+void unix_ending_fork_child();
+
+#endif
