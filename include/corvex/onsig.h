@@ -19,7 +19,8 @@
  *
  * Environment, read when handlers are installed or run: ZT_INSTALL_SIG_HANDLERS (n...: none, c... or s...: the five
  * crash signals only; capitals too), ZT_ALWAYS_GEN_CORE (set: the core limit is left alone), ZT_LINUX_COREDUMP_DELAY
- * (seconds to sleep before the abort: leading decimal digits, 0 to 3600, 2 when empty). */
+ * (seconds to sleep before the abort: leading decimal digits, 0 to 3600, 2 when empty). In a set-uid or set-gid program, or one with
+ * capabilities, none of them counts. */
 #ifndef CORVEX_ONSIG_H
 #define CORVEX_ONSIG_H
 

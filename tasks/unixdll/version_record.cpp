@@ -5,9 +5,9 @@
 #include "tasks/unixdll/version_record.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
+#include "utils/etc/utenv.h"
 #include "version_record.inc"
 
 // Used: nothing refers to the marker, tools look for it. The literal's own zero byte is the last.
@@ -41,7 +41,7 @@ constexpr int entries_before_uname = 14;  // the marker with MODULE counts as th
 
 dbversion_info::dbversion_info()
 {
-    if (getenv("VORNE_VERSION_INFO") == nullptr)
+    if (ut_getenv2("VORNE_VERSION_INFO") == nullptr)
         return;
     const char* entry = __DBVersionInfo_corvex16_r;
     for (int i = 0; i < entries_before_uname; i++)

@@ -63,6 +63,25 @@ TEST(VersionRecord, IsTheSameInEveryBuildOfOneSourceDate)
         EXPECT_NE(std::string::npos, first.find(text)) << text << " in\n" << first;
 }
 
+TEST(PrivilegedProgram, HasNoSettingsFromItsCallersEnvironment)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root makes a set-uid program";
+    namespace fs = std::filesystem;
+    const a_scratch_dir dir;
+    const std::string program = dir.path + "/play", log = dir.path + "/log";
+    fs::copy(PROGRAM_DIR "/hist_play", program);
+    fs::permissions(dir.path, fs::perms::all);
+    for (const bool privileged : {false, true}) {
+        fs::permissions(program, fs::perms(privileged ? 04755 : 0755));
+        const a_run result = run("/usr/bin/setpriv", {"UT_HIST=zl=" + log, "VORNE_VERSION_INFO=", "TBX_MAX_NSEMS=16"},
+                                 {"--reuid=65534", "--clear-groups", program, "ev - - a"}, dir.path);
+        EXPECT_TRUE(result.exited_well()) << result.err;
+        EXPECT_EQ(privileged, result.out + result.err == "") << result.out << result.err;
+        EXPECT_NE(privileged, fs::remove(log));
+    }
+}
+
 TEST(ForkedChild, StopsNothingAtItsExitUnlessReset)
 {
     for (const bool reset : {false, true}) {

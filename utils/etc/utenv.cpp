@@ -1,4 +1,4 @@
-// utenv.cpp: environment lookup (see utenv.h).
+// utenv.cpp: environment lookup (see utenv.h). No state, no locks; all of it is signal-safe.
 #include "utils/etc/utenv.h"
 
 #include <stdlib.h>
@@ -7,7 +7,7 @@
 // Signal-safe.
 char* ut_getenv(const char* name, char* buf, size_t bufsize)
 {
-    const char* value = getenv(name);
+    const char* value = ut_getenv2(name);
     if (value == nullptr)
         return nullptr;
     const size_t len = strnlen(value, bufsize - 1);
@@ -17,4 +17,4 @@ char* ut_getenv(const char* name, char* buf, size_t bufsize)
 }
 
 // Signal-safe.
-char* ut_getenv2(const char* name) { return getenv(name); }
+char* ut_getenv2(const char* name) { return secure_getenv(name); }

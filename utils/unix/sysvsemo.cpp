@@ -31,6 +31,7 @@
 #include <new>
 
 #include "corvex/forkprotection.h"
+#include "utils/etc/utenv.h"
 #include "utils/unix/unixfork.h"
 #include "utils/unix/utcore.h"
 
@@ -195,7 +196,7 @@ int new_kernel_set(int64_t members) { return semget(IPC_PRIVATE, int(members), s
 // What TBX_MAX_NSEMS or else the kernel says a set may hold.
 int candidate_size()
 {
-    const char* wanted = getenv("TBX_MAX_NSEMS");
+    const char* wanted = ut_getenv2("TBX_MAX_NSEMS");
     if (wanted != nullptr && atoi(wanted) > 0)
         return atoi(wanted);
     struct seminfo info = {};
