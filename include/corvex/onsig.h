@@ -59,9 +59,8 @@ CORVEX_API int ut_onsig_will_do_cleanup(void);
  * library's. A handler that the program put on top of an earlier crash-only installation stays on top. A signal that
  * was ignored before counts as having no handler, and ends the process from now on.
  *
- * Handlers are installed with SA_ONSTACK too when the calling thread has an alternate signal stack: give it one first
- * to survive a stack overflow. Each thread that is to survive one needs an alternate stack of its own, at any time
- * before. Not thread-safe, not signal-safe. */
+ * Handlers run on the alternate signal stack of a thread which has one (SA_ONSTACK): a thread that is to survive a
+ * stack overflow needs one of its own. Not thread-safe, not signal-safe. */
 CORVEX_API void ut_onsig_install_signal_handlers(a_bool called_during_lib_init);
 
 /* Sets the soft limit of core files to 0, unless ZT_ALWAYS_GEN_CORE is set. Thread-safe and signal-safe. */

@@ -7,13 +7,6 @@
 namespace {
 
 // Signal-safe.
-bool has_alternate_stack()
-{
-    stack_t stack;
-    return sigaltstack(nullptr, &stack) == 0 && (stack.ss_flags & SS_DISABLE) == 0;
-}
-
-// Signal-safe.
 void change_mask(int how, int signal_number)
 {
     sigset_t set;
@@ -29,7 +22,7 @@ a_bool unix_handle_signal_keeping(int signal_number, a_signal_handler_func_with_
                                   struct sigaction* previous)
 {
     struct sigaction disposition = {};
-    disposition.sa_flags = SA_SIGINFO | SA_RESTART | (has_alternate_stack() ? SA_ONSTACK : 0);
+    disposition.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
     disposition.sa_sigaction = handler;  // null is SIG_DFL
     sigemptyset(&disposition.sa_mask);
     sigaddset(&disposition.sa_mask, signal_number);

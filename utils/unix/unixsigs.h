@@ -10,7 +10,7 @@ using a_signal_handler_func_with_context = void (*)(int signal_number, siginfo_t
 using a_signal_handler_func = a_signal_handler_func_with_context;  // saved handlers are called with all three
 
 // Installs handler (null: the default action) for the signal, restarting interrupted system calls and blocking only the
-// signal itself meanwhile; on the alternate signal stack when the calling thread has one. Stores the previous handler,
+// signal itself meanwhile; on the alternate signal stack of a thread which has one. Stores the previous handler,
 // null for none, through pprev_handler unless that is null. TRUE when it was installed; else nothing is stored.
 a_bool unix_handle_signal_with_context(int signal_number, a_signal_handler_func_with_context handler,
                                        a_signal_handler_func_with_context* pprev_handler);
