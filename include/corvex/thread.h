@@ -3,9 +3,9 @@
  *
  * OS_Init comes before any other OS_ operation on threads and is matched by one OS_Fini. A thread gets its
  * descriptor at its first use (OS_Me, OS_Attach_Thread, OS_Wait, OS_Begin_Thread_Attachable) or when the layer
- * starts it, keeps it while it holds an attach reference, and loses it with the last. A thread that ends without
- * detaching (and was not started by the layer) leaves its descriptor in the table until the last OS_Fini, which
- * releases all of them.
+ * starts it, keeps it while it holds an attach reference, and loses it with the last. A thread which the layer started
+ * loses it at its end in any case, also by pthread_exit and cancellation. Another one that ends without detaching leaves
+ * its descriptor in the table until the last OS_Fini, which releases all of them.
  *
  * In a forked child every lock of the layer is free, but those that the forking thread holds; it keeps its
  * descriptor, and those of the parent's other threads stay in the table until OS_Fini, for threads that there are

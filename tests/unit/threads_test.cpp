@@ -240,6 +240,40 @@ TEST_F(Threads, StartRegistersNamesAndGivesTheStackAskedFor)
     EXPECT_TRUE(wait_for_table(1)) << "a body that returns gives its descriptor up, whatever its references";
 }
 
+TEST_F(Threads, ThoseThatLeaveEarlyGiveTheirDescriptorUp)
+{
+    static std::atomic<int> destroyed;
+    struct a_local {
+        ~a_local() { destroyed++; }
+    };
+    const an_os_thread_start_address bodies[] = {[](void*) {
+                                                     const a_local local;
+                                                     pthread_exit(nullptr);
+                                                 },
+                                                 [](void*) {
+                                                     const a_local local;
+                                                     OS_Attach_Thread();
+                                                     OS_End_Thread();
+                                                 },
+                                                 [](void*) {
+                                                     const a_local local;
+                                                     for (;;)
+                                                         pthread_testcancel();  // the thread sanitizer knows it
+                                                 }};
+    for (const a_bool attachable : {FALSE, TRUE})
+        for (const auto& body : bodies) {
+            p_os_thread thread = OS_Begin_Thread_Attachable(body, nullptr, 0, nullptr, nullptr, attachable);
+            if (&body == std::end(bodies) - 1)
+                pthread_cancel(thread->tid);
+            if (attachable) {
+                EXPECT_EQ(table_size(), 2);
+                EXPECT_EQ(OS_WaitOnThreadTermination(thread), 0);
+            }
+            EXPECT_TRUE(wait_for_table(1)) << attachable << (&body - bodies);
+        }
+    EXPECT_EQ(destroyed, 6) << "what the bodies hold goes as well";
+}
+
 // The sanitizers' own start of a thread cannot do without memory.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_F(Threads, RefusedStartGivesNullAndLosesNothing)

@@ -57,11 +57,22 @@ void name_thread(const char* name)
         pthread_setname_np(pthread_self(), name);
 }
 
+void leave_layer(void*)
+{
+    const an_os_stay stay;
+    if (stay.started)
+        remove_current_thread();
+}
+
+// However the body ends, by return, pthread_exit or cancellation, the thread leaves the layer: not by a destructor, which
+// an unwinding does not run in code without exceptions.
 void run_thread_body(an_os_thread_start_address func, void* parm)
 {
+    pthread_cleanup_push(leave_layer, nullptr);
     Perform_Version_Check(interface_version, line_before_body);
     func(parm);
     Perform_Version_Check(interface_version, line_after_body);
+    pthread_cleanup_pop(1);
 }
 
 void begin_helper(void* _parms)
@@ -73,12 +84,8 @@ void begin_helper(void* _parms)
     void* const parm = block->parm;
     block->child = me;
     ut_pthread_signal_semaphore(&block->child_started);
-    if (me == nullptr)
-        return;
-    run_thread_body(func, parm);
-    const an_os_stay stay;
-    if (stay.started)
-        remove_current_thread();
+    if (me != nullptr)
+        run_thread_body(func, parm);
 }
 
 void* begin_routine(void* _parms)
