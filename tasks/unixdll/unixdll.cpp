@@ -37,6 +37,7 @@ void InitTheInternalStuff_corvex()
 
 void FiniTheInternalStuff_corvex()
 {
+    const a_shut_down shuts_down;
     unix_process_ends();
     ut_hist_fini();
     sysv_list_fini_semaphore();

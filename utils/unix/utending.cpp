@@ -9,6 +9,7 @@
 
 int will_do_cleanup = 0;
 constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_ends_process = false;
+constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_shuts_down = false;
 
 namespace {
 
@@ -78,6 +79,9 @@ int unix_ending_wait_ms(int wanted)
 
 // By a plain system call: poll is a cancellation point.
 // Signal-safe.
+void unix_pause(int ms) { syscall(SYS_poll, nullptr, 0, ms); }
+
+// Signal-safe.
 void unix_leave_it_to_the_first(bool ends)
 {
     int32 none = 0;
@@ -85,7 +89,7 @@ void unix_leave_it_to_the_first(bool ends)
     if (ends)
         __atomic_compare_exchange_n(&ending_thread, &none, me, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
     for (int i = 0; i < max_pauses && another_ends(me); i++)
-        syscall(SYS_poll, nullptr, 0, pause_ms);
+        unix_pause(pause_ms);
 }
 
 // Signal-safe.

@@ -1,5 +1,5 @@
 // utending.h: what says that the process is ending, by exit, unload or signal, and which thread ends it; and how long it may
-// still wait for streams meanwhile. No locks; everything here is signal-safe. In a forked child nothing ends yet, but for
+// still wait meanwhile. No locks; everything here is signal-safe. In a forked child nothing ends yet, but for
 // will_do_cleanup, which is for ever.
 #ifndef UNIX_UTENDING_H
 #define UNIX_UTENDING_H
@@ -21,6 +21,35 @@ void unix_thread_ends_process();  // the calling thread's handler begins its cle
 // How many of the wanted milliseconds a thread may wait for a stream: all of them, unless the process is ending; then they
 // are taken off what all its waits for streams share. A negative number gives back what was not waited.
 int unix_ending_wait_ms(int wanted);
+
+// Whether the calling thread shuts the library or the thread layer down, perhaps by an exit in a handler that interrupted the
+// holder of a lock: it takes each lock within a second (unix_in_time) or goes on without, and leaves what that guards alone.
+extern constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_shuts_down;
+
+class a_shut_down {
+public:
+    a_shut_down() : kept(unix_shuts_down) { unix_shuts_down = true; }  // Signal-safe.
+    ~a_shut_down() { unix_shuts_down = kept; }                         // Signal-safe.
+    a_shut_down(const a_shut_down&) = delete;
+    a_shut_down& operator=(const a_shut_down&) = delete;
+
+private:
+    const bool kept;
+};
+
+void unix_pause(int ms);  // no cancellation point
+
+// Whether one of the attempts of a second succeeds. Not by pthread_mutex_clocklock, which the thread sanitizer does not know.
+template <typename F>
+bool unix_in_time(F attempt)
+{
+    for (int ms = 0; ms < 1000; ms++) {
+        if (attempt())
+            return true;
+        unix_pause(1);
+    }
+    return false;
+}
 
 // Of two threads whose signals may end the process the second leaves it to the first, whose callbacks must come to their
 // end; not for ever, since the first may be stuck.

@@ -5,6 +5,7 @@
 
 #include "corvex/ptcondvar.h"
 #include "corvex/ptmutex.h"
+#include "utils/unix/utending.h"
 #include "utils/utmem/utmem.h"
 
 // One POSIX mutex with default attributes.
@@ -18,9 +19,13 @@ public:
     void get() { pthread_mutex_lock(&mutex); }
     void give() { pthread_mutex_unlock(&mutex); }
     int try_get() { return pthread_mutex_trylock(&mutex); }
+    // For a shut-down: FALSE when it could not be had within a second.
+    a_bool get_in_time()
+    {
+        return unix_in_time([this] { return try_get() == 0; });
+    }
 
-    // In a forked child: free, whoever of the parent held it. A holder interrupted by the handler that forked unlocks a
-    // free mutex later, which the C library's default mutex takes without harm.
+    // In a forked child: free, whoever of the parent held it.
     // Signal-safe.
     void fork_child() { pthread_mutex_init(&mutex, nullptr); }
 

@@ -289,7 +289,7 @@ extern "C" __attribute__((no_sanitize("thread"))) int pthread_sigmask(int how, c
 }
 
 // Unless option x is given, the queues' locks stay at exit.
-extern "C" const char* __lsan_default_suppressions() { return "leak:ut_safe_pthread_mutex_alloc_now\n"; }
+extern "C" const char* __lsan_default_suppressions() { return "leak:a_pool\n"; }
 extern "C" int __lsan_is_turned_off()  // in a child it cannot look at the stacks of the parent's threads
 {
     return in_child ? 1 : 0;

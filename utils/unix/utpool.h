@@ -1,0 +1,182 @@
+// utpool.h: the pool behind the safe mutexes and the safe condition variables.
+//
+// Every entry is on the free list or behind exactly one handle; its object is initialised once, with default attributes, and
+// stays so until the entry is freed. The critical section guards the list and the counts, and is a leaf. The list's stores
+// are ordered so that it is sound at every moment: a process forked in the middle of an operation of another thread may
+// miss an entry, but never finds one that is being freed. Not signal-safe but for the fork step.
+#ifndef UNIX_UTPOOL_H
+#define UNIX_UTPOOL_H
+
+#include <stdlib.h>
+
+#include "utils/unix/utptmutex.h"
+
+enum a_pool_use { POOL_OF_MUTEXES, POOL_OF_CONDITIONS };
+
+// The two differ in this: entries of mutexes are zero-filled, and their section is created on demand. Without a section the
+// pool goes on unlocked.
+template <a_pool_use use, typename an_object, auto init, auto destroy>
+class a_pool {
+public:
+    // Null when there is no memory, and in a shut-down that does not get the section.
+    an_object* take()
+    {
+        const a_guard guard(*this);
+        if (guard.entered && next_free == nullptr)
+            alloc_now(num_to_grab);
+        an_entry* entry = guard.entered ? next_free : nullptr;
+        if (entry == nullptr)
+            return nullptr;
+        set_head(entry->next);
+        num_in_use++;
+        return &entry->object;
+    }
+
+    // Null is left alone. What a shut-down cannot give back stays as it is.
+    void give_back(an_object* object)
+    {
+        if (object == nullptr)
+            return;
+        const a_guard guard(*this);
+        if (!guard.entered)
+            return;
+        renew(object);
+        num_in_use--;
+        push(reinterpret_cast<an_entry*>(object));
+        if (num_in_use == 0)
+            clean_now();
+    }
+
+    void alloc(uint32 num)
+    {
+        const a_guard guard(*this);
+        if (guard.entered)
+            alloc_now(num);
+    }
+
+    void clean()
+    {
+        const a_guard guard(*this);
+        if (guard.entered)
+            clean_now();
+    }
+
+    // No lock: start-up creates the section before the pool is used.
+    void crit_init()
+    {
+        if (critical_mutex_p == nullptr)
+            critical_mutex_p = new a_utpt_mutex;
+    }
+
+    void crit_fini()
+    {
+        a_utpt_mutex* section = critical_mutex_p;
+        if (section == nullptr || !enter(*section))
+            return;
+        critical_mutex_p = nullptr;  // first: a process that another thread forks meanwhile must not find it
+        section->give();
+        delete section;
+    }
+
+    // Signal-safe.
+    void fork_child()
+    {
+        forked = true;
+        if (critical_mutex_p != nullptr)
+            critical_mutex_p->fork_child();
+    }
+
+private:
+    static constexpr uint32 batch = 50;
+
+    struct an_entry {
+        an_object object;  // first, so that a handle's pointer is the entry's address
+        an_entry* next;
+    };
+
+    // The section for a scope.
+    class a_guard {
+    public:
+        explicit a_guard(a_pool& pool)
+        {
+            if (use == POOL_OF_MUTEXES)
+                pool.crit_init();
+            section = pool.critical_mutex_p;
+            entered = section == nullptr || pool.enter(*section);
+        }
+        ~a_guard()
+        {
+            if (section != nullptr && entered)
+                section->give();
+        }
+        a_guard(const a_guard&) = delete;
+        a_guard& operator=(const a_guard&) = delete;
+
+        bool entered;
+
+    private:
+        a_utpt_mutex* section;
+    };
+
+    // A shut-down that once waited in vain for the section only tries from then on: its holder never goes on, and hundreds
+    // of entries may still be given back.
+    bool enter(a_utpt_mutex& section)
+    {
+        if (!unix_shuts_down) {
+            section.get();
+            return true;
+        }
+        abandoned = !(abandoned ? section.try_get() == 0 : section.get_in_time());
+        return !abandoned;
+    }
+
+    void alloc_now(uint32 num)
+    {
+        for (uint32 i = 0; i < num; i++) {
+            constexpr size_t size = sizeof(an_entry);
+            an_entry* entry = static_cast<an_entry*>(use == POOL_OF_MUTEXES ? calloc(1, size) : malloc(size));
+            if (entry == nullptr)
+                break;
+            init(&entry->object, nullptr);
+            push(entry);
+        }
+        num_to_grab = batch;
+    }
+
+    void clean_now()
+    {
+        while (next_free != nullptr) {
+            an_entry* entry = next_free;
+            set_head(entry->next);
+            renew(&entry->object);
+            destroy(&entry->object);
+            free(entry);
+        }
+    }
+
+    // In a forked child a mutex may be held, and a condition may count waiting threads, that only the parent has: to destroy
+    // it would wait for them for ever, and its next owner's signals might be spent on them.
+    void renew(an_object* object)
+    {
+        if (forked)
+            init(object, nullptr);
+    }
+
+    // Release: a forked child that finds the head finds the entry complete.
+    void set_head(an_entry* entry) { __atomic_store_n(&next_free, entry, __ATOMIC_RELEASE); }
+
+    void push(an_entry* entry)
+    {
+        entry->next = next_free;
+        set_head(entry);
+    }
+
+    uint32 num_to_grab = batch;
+    uint32 num_in_use = 0;
+    a_utpt_mutex* critical_mutex_p = nullptr;
+    an_entry* next_free = nullptr;
+    bool forked = false;     // in a forked child
+    bool abandoned = false;  // the section, by a shut-down
+};
+
+#endif
