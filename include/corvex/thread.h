@@ -80,7 +80,8 @@ CORVEX_API void OS_Init(void);
 /* Ends what one OS_Init began. The last one releases every descriptor, also those of threads that still run: they
  * must not use them, or the layer, any more, until the next OS_Init. It waits for threads that are parked, which it
  * wakes with null, and for those that it started and that are just ending. Attachable threads that nobody waited for
- * are detached. */
+ * are detached. Where a lock or a thread takes more than a second, as in an exit from a signal handler that interrupted
+ * its own thread there, all is left as it is. */
 CORVEX_API void OS_Fini(void);
 
 /* The calling thread's descriptor, made when it has none; null when there is no memory or no thread-specific key, and

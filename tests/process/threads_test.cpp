@@ -14,3 +14,11 @@ TEST(ThreadExit, EndsWellUnderThreadsThatWait)
     for (int i = 0; i < 10; i++)
         EXPECT_TRUE(run("threads_exit", {"MALLOC_PERTURB_=7", "TSAN_OPTIONS=report_thread_leaks=0"}).exited_well());
 }
+
+TEST(ThreadExit, EndsWhateverLockItsHandlerInterruptedAHolderOf)
+{
+    if (CORVEX_SANITIZE[0] != '\0')
+        return;  // the sanitizers' own locks are not to be stood in for
+    const a_run result = run("threads_interrupted", {"UT_HIST=q40l=/dev/null,r-"});
+    EXPECT_EQ(result.out, "exited at every lock, 0 hung or crashed\n") << result.err;
+}

@@ -75,11 +75,18 @@ void run_thread_body(an_os_thread_start_address func, void* parm)
     pthread_cleanup_pop(1);
 }
 
+// Null, too, when the last OS_Fini has come meanwhile: by an exit in a handler of the starter.
+p_os_thread enter_layer(a_bool attachable)
+{
+    const an_os_stay stay;
+    return stay.started ? add_current_thread(attachable) : nullptr;
+}
+
 void begin_helper(void* _parms)
 {
     os_helper_parms* block = static_cast<os_helper_parms*>(_parms);
     name_thread(block->name);
-    p_os_thread me = add_current_thread(block->attachable);
+    p_os_thread me = enter_layer(block->attachable);
     const an_os_thread_start_address func = block->func;
     void* const parm = block->parm;
     block->child = me;

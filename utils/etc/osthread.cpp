@@ -1,22 +1,21 @@
 // osthread.cpp: the thread table and its descriptors, and the recursive mutex.
 //
-// The table is a list through table_next, newest first. ThreadTableMutex guards it and, after the first start, the count
-// of starts; it is held only to link, unlink or walk, never across a join or a thread's body, and the pools' sections are
-// taken inside it. A descriptor is destroyed after it has left the table, outside the lock (but for OS_Fini). The table's
-// links are stored so that a process forked at any moment finds a sound list. Not signal-safe but for the fork step.
+// The table is a list through table_next, newest first. ThreadTableMutex guards it; it is held only to link, unlink or walk,
+// never across a join or a thread's body, and the pools' sections are taken inside it. A descriptor is destroyed after it
+// has left the table, outside the lock (but for OS_Fini). The table's links are stored so that a process forked at any
+// moment finds a sound list. Not signal-safe but for the fork step.
 //
-// The last OS_Fini releases descriptors under threads that may be parked on them, or that the layer has started and that
-// are just giving theirs up. Both are counted in `stays`, and OS_Fini wakes them and waits until they are gone:
+// The last OS_Fini releases descriptors under threads that may be parked on them, or that the layer has started and that are
+// just taking theirs or giving them up. All of these are counted in `stays`, and OS_Fini wakes them and waits for them:
 //
 //     thread                                OS_Fini
 //     count itself                          no start is left
 //     a start left? else keep off           somebody counted? then wait
 //
 // Both sides are sequentially consistent: either the thread keeps off, or OS_Fini waits for it. A thread that finds no
-// start left does not count itself at all: threads that come again and again must not keep OS_Fini waiting.
+// start left does not count itself at all: threads that come again and again must not keep OS_Fini waiting. It waits for a
+// second, since the counted thread may be its own, in a handler that exits: then it leaves everything as it is.
 #include "utils/etc/osthread.h"
-
-#include <unistd.h>
 
 #include "utils/etc/utcancel.h"
 #include "utils/unix/utptmutex.h"
@@ -24,8 +23,6 @@
 #include "utils/utmem/utmem.h"
 
 namespace {
-
-constexpr unsigned pause_us = 50;  // between two looks at the threads that stay
 
 p_os_thread ThreadTable = nullptr;
 a_mutex ThreadTableMutex;
@@ -54,8 +51,6 @@ p_os_thread* find_link(p_os_thread thread)
 }
 
 uint32 starts() { return __atomic_load_n(&ThreadTableMutex_initialized, __ATOMIC_SEQ_CST); }
-
-void set_starts(uint32 count) { __atomic_store_n(&ThreadTableMutex_initialized, count, __ATOMIC_SEQ_CST); }
 
 // Relaxed: a thread finds its own id there only if it stored it itself.
 a_thread_id owner_of(const a_mutex* mutex) { return __atomic_load_n(&mutex->owner, __ATOMIC_RELAXED); }
@@ -240,14 +235,13 @@ void OS_ThreadWalk(an_os_walker walker, void* parm)
 
 void OS_Init(void)
 {
-    if (starts() != 0) {
-        const a_table_lock lock;
-        set_starts(starts() + 1);
-        return;
-    }
-    os_mutex_init(&ThreadTableMutex, table_mutex_reserve);
-    set_starts(1);  // behind the mutex: a thread that waits without a start may see it
-    add_current_thread(FALSE);
+    const bool first = starts() == 0;
+    if (first)
+        os_mutex_init(&ThreadTableMutex, table_mutex_reserve);
+    // After the mutex: a thread that waits without a start may see it.
+    __atomic_add_fetch(&ThreadTableMutex_initialized, 1u, __ATOMIC_SEQ_CST);
+    if (first)
+        add_current_thread(FALSE);
 }
 
 an_os_stay::an_os_stay() : started(starts() != 0)
@@ -268,24 +262,29 @@ an_os_stay::~an_os_stay()
 
 namespace {
 
-// Wakes who is parked, until nobody stays: a thread may only now be on its way in. A wake-up that has come already keeps
-// its value.
-void send_everybody_away()
+// Not so the mutex of a wake-up that the calling thread was in when its handler called exit.
+bool is_free(a_ut_safe_pthread_mutex_t& mutex)
 {
-    while (stays.now() > 0) {
-        {
-            const a_table_lock lock;
-            for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next)
-                if (!ut_pthread_test_semaphore(&thread->wait))
-                    OS_Wakeup(thread, nullptr);
-        }
-        usleep(pause_us);
-    }
+    return ut_safe_pthread_mutex_trylock(&mutex) == 0 && ut_safe_pthread_mutex_unlock(&mutex) == 0;
+}
+
+// Locks the table for good when nobody stays, else wakes who is parked: again and again, since a thread may only now be on
+// its way in. A wake-up that has come already keeps its value.
+bool lock_deserted_table()
+{
+    if (!OS_MutexTryGet(&ThreadTableMutex))
+        return false;
+    if (stays.now() == 0)
+        return true;
+    for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next)
+        if (!ut_pthread_test_semaphore(&thread->wait) && is_free(thread->wait.mutex))
+            OS_Wakeup(thread, nullptr);
+    OS_MutexGive(&ThreadTableMutex);
+    return false;
 }
 
 void release_table()
 {
-    const a_table_lock lock;
     remove_current_thread();
     while (ThreadTable != nullptr) {
         p_os_thread thread = ThreadTable;
@@ -301,15 +300,14 @@ void release_table()
 
 void OS_Fini(void)
 {
+    if (__atomic_sub_fetch(&ThreadTableMutex_initialized, 1u, __ATOMIC_SEQ_CST) != 0)
+        return;
     const an_uncancelled_scope uncancelled;
-    {
-        const a_table_lock lock;
-        set_starts(starts() - 1);
-        if (starts() != 0)
-            return;
-    }
-    send_everybody_away();
+    const a_shut_down shuts_down;
+    if (!unix_in_time(lock_deserted_table))
+        return;
     release_table();
+    OS_MutexGive(&ThreadTableMutex);
     os_mutex_fini(&ThreadTableMutex, table_mutex_reserve);
     TLSMe.Reinitialize();
 }
