@@ -4,8 +4,9 @@
  * (crash) and SIGHUP, SIGINT, SIGQUIT, SIGTERM (termination). On such a signal it runs the registered callbacks in
  * ascending priority. When another handler had been in place before, that one is called next and the process goes on
  * as it decides; otherwise the library takes its handlers away, suppresses the core dump of a termination signal and
- * aborts the process: it ends by SIGABRT, whatever the signal was. After an installation for crash signals only, the
- * handler for SIGABRT is still there then, and the callbacks run once more for it.
+ * aborts the process: it ends by SIGABRT, whatever the signal was (the first process of a container, for which SIGABRT
+ * does nothing by default, by SIGSEGV). After an installation for crash signals only, the handler for SIGABRT is still
+ * there then, and the callbacks run once more for it.
  *
  * Callbacks run in signal context and must be async-signal-safe. A callback returns, or ends the process; then
  * those of higher priority do not run, among them the one of priority 1000 that removes the library's kernel

@@ -152,11 +152,18 @@ TEST(SignalHandlers, EndTheProcessOfATerminationSignalWithoutACore)
         expect("ZT_LINUX_COREDUMP_DELAY", value, std::string("sleep ") + seconds + "\n" + no_core);
 }
 
+void abort_again(int sig, void*, a_bool, a_bool, a_bool, void*, void*)
+{
+    if (sig == SIGABRT)
+        raise(SIGABRT);  // as another process may: it is pending until the handler's own
+}
+
 // Removal leaves a crash-only installation in place, so the abort comes back to the handler: once.
 TEST(SignalHandlers, EndByAbortAlsoAfterCrashOnlyInstallations)
 {
     for (int sig : {SIGFPE, SIGABRT}) {
         const a_child child = in_fresh_child("ZT_INSTALL_SIG_HANDLERS", "crash", [&] {
+            ut_onsig_call_add(1, abort_again, nullptr);
             ut_onsig_install_signal_handlers(FALSE);
             ut_onsig_install_signal_handlers(FALSE);
             ut_onsig_remove_signal_handlers();
@@ -164,6 +171,29 @@ TEST(SignalHandlers, EndByAbortAlsoAfterCrashOnlyInstallations)
         });
         EXPECT_EQ(SIGABRT, child.status);
         EXPECT_EQ("chain " + std::to_string(sig) + " cleanup will 1\nchain 6 cleanup will 1\n", child.said);
+    }
+}
+
+// Whose signals' default action does nothing.
+TEST(SignalHandlers, EndTheFirstProcessOfAContainer)
+{
+    for (const char* mode : {"crash", "all"}) {
+        const a_child child = in_fresh_child("ZT_INSTALL_SIG_HANDLERS", mode, [] {
+            if (unshare(CLONE_NEWPID) != 0)
+                return say("no container");
+            if (fork() == 0) {
+                ut_onsig_install_signal_handlers(FALSE);
+                raise(SIGABRT);
+                _exit(0);
+            }
+            int status;
+            wait(&status);
+            say("status %d", status);
+        });
+        const std::string once = "chain 6 cleanup will 1\n", twice = once + once;
+        if (child.said == "no container")
+            GTEST_SKIP() << "only root makes containers";
+        EXPECT_EQ(child.said, (*mode == 'c' ? twice : once) + "status 11");
     }
 }
 

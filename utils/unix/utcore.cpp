@@ -139,11 +139,17 @@ void delay_abort()
 // allocates: it would wait for ever where the signal came in the middle of an allocation.
 #define ENDS_THE_PROCESS __attribute__((no_sanitize("address")))
 
+// SIGABRT is let through first: abort does so itself, but not where it was interrupted by another SIGABRT that was pending.
+// The first process of a container survives the default action: there abort goes on to an instruction that traps, whose
+// SIGSEGV ends that process too when it has no handler.
 // Signal-safe.
 [[noreturn]] ENDS_THE_PROCESS void abort_by_default()
 {
     const struct sigaction default_action = {};
     unix_restore_signal(SIGABRT, &default_action);
+    unix_release_signal(SIGABRT);
+    raise(SIGABRT);
+    unix_restore_signal(SIGSEGV, &default_action);
     abort();
 }
 
@@ -152,10 +158,12 @@ void delay_abort()
 // Signal-safe.
 [[noreturn]] ENDS_THE_PROCESS void abort_process()
 {
-    if (unix_aborts_again())
-        abort_by_default();
-    in_abort = false;
-    abort();
+    if (!unix_aborts_again()) {
+        in_abort = false;
+        unix_release_signal(SIGABRT);
+        raise(SIGABRT);
+    }
+    abort_by_default();
 }
 
 // A callback that aborts inside the handler for SIGABRT ends the process there.
