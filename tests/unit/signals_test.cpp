@@ -146,8 +146,15 @@ TEST(SignalHandlers, EndTheProcessOfATerminationSignalWithoutACore)
     };
     expect("-", "", no_core);
     expect("ZT_ALWAYS_GEN_CORE", "", "core 4096 of 8192\n");
-    const char* delays[][2] = {
-        {"", "2"}, {"0", "0"}, {"7x", "7"}, {"-5", "0"}, {"none", "0"}, {"3600", "3600"}, {"99999999999", "3600"}};
+    const char* delays[][2] = {{"", "2"},
+                               {"0", "0"},
+                               {"7x", "7"},
+                               {"-5", "0"},
+                               {"none", "0"},
+                               {"00000005", "5"},
+                               {"3600", "3600"},
+                               {"99999999999", "3600"},
+                               {"42949672960", "3600"}};
     for (const auto& [value, seconds] : delays)
         expect("ZT_LINUX_COREDUMP_DELAY", value, std::string("sleep ") + seconds + "\n" + no_core);
 }

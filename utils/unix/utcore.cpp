@@ -22,7 +22,6 @@
 
 namespace {
 
-constexpr size_t env_size = 8;
 constexpr unsigned default_delay = 2;  // seconds before the abort
 constexpr unsigned max_delay = 3600;   // a process that is to die does so within the hour
 
@@ -116,7 +115,7 @@ a_bool reached_through_another(int sig)
 unsigned read_delay(const char* text)
 {
     unsigned seconds = 0;
-    for (; *text >= '0' && *text <= '9'; text++)
+    for (; *text >= '0' && *text <= '9' && seconds < max_delay; text++)
         seconds = seconds * 10 + unsigned(*text - '0');
     return seconds < max_delay ? seconds : max_delay;
 }
@@ -124,12 +123,11 @@ unsigned read_delay(const char* text)
 // Signal-safe.
 void delay_abort()
 {
-    char value[env_size];
-    const bool set = ut_getenv("ZT_LINUX_COREDUMP_DELAY", value, sizeof value) != nullptr;
-    if (!set && !linux_kill_other_threads)
+    const char* value = ut_getenv2("ZT_LINUX_COREDUMP_DELAY");
+    if (value == nullptr && !linux_kill_other_threads)
         return;
     // Another signal may cut a sleep short.
-    unsigned left = set && value[0] != '\0' ? read_delay(value) : default_delay;
+    unsigned left = value != nullptr && *value != '\0' ? read_delay(value) : default_delay;
     do
         left = sleep(left);
     while (left > 0);
@@ -249,11 +247,11 @@ void ut_onsig_install_signal_handlers(a_bool called_during_lib_init)
 {
     if ((called_during_lib_init && !install_sig_handlers_at_lib_init) || sig_handlers_installed)
         return;
-    char mode[env_size] = "";
-    ut_getenv("ZT_INSTALL_SIG_HANDLERS", mode, sizeof mode);
-    if (mode[0] == 'N' || mode[0] == 'n')
+    const char* value = ut_getenv2("ZT_INSTALL_SIG_HANDLERS");
+    const char mode = value != nullptr ? *value : '\0';
+    if (mode == 'N' || mode == 'n')
         return;
-    const bool crash_only = mode[0] == 'C' || mode[0] == 'c' || mode[0] == 'S' || mode[0] == 's';
+    const bool crash_only = mode == 'C' || mode == 'c' || mode == 'S' || mode == 's';
     sig_handlers_installed = !crash_only;
     for (a_handled_signal& row : handled)
         if (row.crash || !crash_only)
@@ -281,9 +279,8 @@ void ut_onsig_unload()
 // Signal-safe.
 void ut_want_no_core(void)
 {
-    char value[env_size];
     struct rlimit limit;
-    if (ut_getenv("ZT_ALWAYS_GEN_CORE", value, sizeof value) != nullptr || getrlimit(RLIMIT_CORE, &limit) != 0)
+    if (ut_getenv2("ZT_ALWAYS_GEN_CORE") != nullptr || getrlimit(RLIMIT_CORE, &limit) != 0)
         return;
     limit.rlim_cur = 0;
     setrlimit(RLIMIT_CORE, &limit);
