@@ -20,8 +20,8 @@
  *
  * Environment, read when handlers are installed or run: ZT_INSTALL_SIG_HANDLERS (n...: none, c... or s...: the five
  * crash signals only; capitals too), ZT_ALWAYS_GEN_CORE (set: the core limit is left alone), ZT_LINUX_COREDUMP_DELAY
- * (seconds to sleep before the abort: leading decimal digits, 0 to 3600, 2 when empty). In a set-uid or set-gid program, or one with
- * capabilities, none of them counts. */
+ * (seconds to sleep before the abort: leading decimal digits, 0 to 3600, 2 when empty). In a set-uid or set-gid
+ * program, or one with capabilities, none of them counts. */
 #ifndef CORVEX_ONSIG_H
 #define CORVEX_ONSIG_H
 
@@ -60,7 +60,7 @@ CORVEX_API int ut_onsig_will_do_cleanup(void);
  * library's. A handler that the program put on top of an earlier crash-only installation stays on top. A signal that
  * was ignored before counts as having no handler, and ends the process from now on.
  *
- * Handlers run on the alternate signal stack of a thread which has one (SA_ONSTACK): a thread that is to survive a
+ * Handlers run on the alternate signal stack of a thread which has one (SA_ONSTACK): a thread which is to survive a
  * stack overflow needs one of its own. Not thread-safe, not signal-safe. */
 CORVEX_API void ut_onsig_install_signal_handlers(a_bool called_during_lib_init);
 

@@ -5,11 +5,11 @@
  * between its own store and its look at the other's.
  *
  * A signal broadcasts while it holds the mutex. The report that the C library's condition variable may lose wake-ups
- * (glibc bug 25847) is about single wake-ups stolen by a thread that began to wait later; a broadcast leaves no older
+ * (glibc bug 25847) is about single wake-ups stolen by a thread which began to wait later; a broadcast leaves no older
  * waiter behind that could be missed, and who then finds the flag cleared waits again.
  *
  * All operations on an open semaphore are thread-safe; none is signal-safe: they lock. None is a cancellation point: a
- * cancellation of a thread that waits takes effect after the wait. */
+ * cancellation of a thread which waits takes effect after the wait. */
 #ifndef CORVEX_PTSEM_H
 #define CORVEX_PTSEM_H
 

@@ -1,20 +1,20 @@
-/* thread.h: the thread layer, for C11 and C++20: a table with one descriptor per thread that uses it, starting and
+/* thread.h: the thread layer, for C11 and C++20: a table with one descriptor per thread which uses it, starting and
  * ending threads, parking and waking them with a value, and a recursive mutex.
  *
  * OS_Init comes before any other OS_ operation on threads and is matched by one OS_Fini. A thread gets its
  * descriptor at its first use (OS_Me, OS_Attach_Thread, OS_Wait, OS_Begin_Thread_Attachable) or when the layer
  * starts it, keeps it while it holds an attach reference, and loses it with the last. A thread which the layer started
- * loses it at its end in any case, also by pthread_exit and cancellation. Another one that ends without detaching leaves
- * its descriptor in the table until the last OS_Fini, which releases all of them.
+ * loses it at its end in any case, also by pthread_exit and cancellation. Another one which ends without detaching
+ * leaves its descriptor in the table until the last OS_Fini, which releases all of them.
  *
  * In a forked child every lock of the layer is free, but those that the forking thread holds; it keeps its
- * descriptor, and those of the parent's other threads stay in the table until OS_Fini, for threads that there are
+ * descriptor, and those of the parent's other threads stay in the table until OS_Fini, for threads which there are
  * not.
  *
  * Out of memory: a mutex that OS_MutexInit could not make must not be used (its `mutex` is null then). A failed
  * allocation is also reported on standard output and in the system log, which closes the program's own openlog.
  *
- * The library must not be unloaded before the threads that it started have ended: join the attachable ones first.
+ * The library must not be unloaded before the threads which it started have ended: join the attachable ones first.
  *
  * Nothing here is signal-safe, nothing here is a cancellation point but OS_WaitOnThreadTermination. Nothing here
  * calls OS_Init: use outside it is an error that is not checked, but for waiting (see OS_Wait) and for a started
@@ -77,9 +77,9 @@ typedef void (*an_os_thread_start_address)(void* arg);
  * thread uses the layer. */
 CORVEX_API void OS_Init(void);
 
-/* Ends what one OS_Init began. The last one releases every descriptor, also those of threads that still run: they
- * must not use them, or the layer, any more, until the next OS_Init. It waits for threads that are parked, which it
- * wakes with null, and for those that it started and that are just ending. Attachable threads that nobody waited for
+/* Ends what one OS_Init began. The last one releases every descriptor, also those of threads which still run: they
+ * must not use them, or the layer, any more, until the next OS_Init. It waits for threads which are parked, which it
+ * wakes with null, and for those which it started and which are just ending. Attachable threads which nobody waited for
  * are detached. Where a lock or a thread takes more than a second, as in an exit from a signal handler that interrupted
  * its own thread there, all is left as it is. */
 CORVEX_API void OS_Fini(void);
@@ -122,14 +122,14 @@ CORVEX_API void OS_MutexGive(p_mutex mutex);
 
 /* ---- starting and ending threads ---- */
 
-/* Starts a thread that runs start_address(arg) and registers it before it returns; the caller is registered, too.
+/* Starts a thread which runs start_address(arg) and registers it before it returns; the caller is registered, too.
  *   stack_bottom  not used
  *   stack_size    bytes; at least 524288 are given; 0: the system's default
  *   name          its first 15 bytes (whole UTF-8 characters) name the thread for debuggers and ps -L; null or
  *                 empty: no name
  *   attachable    TRUE: some thread calls OS_WaitOnThreadTermination for it, once; FALSE: it releases itself
  * Returns its descriptor, or null when the thread cannot be created or its descriptor cannot be allocated; the body
- * then does not run. The descriptor of a thread that is not attachable is gone when that thread ends. Thread-safe. */
+ * then does not run. The descriptor of a thread which is not attachable is gone when that thread ends. Thread-safe. */
 CORVEX_API p_os_thread OS_Begin_Thread_Attachable(an_os_thread_start_address start_address, void* stack_bottom,
                                                   unsigned int stack_size, void* arg, const char* name,
                                                   a_bool attachable);
@@ -141,7 +141,7 @@ CORVEX_API void OS_End_Thread(void) __attribute__((noreturn));
 CORVEX_API void OS_End_Thread_Wakeup(p_os_thread waiter, void* parm) __attribute__((noreturn));
 
 /* Sends SIGKILL to the thread, which ends the whole process. TRUE when the call succeeded, as it also does for a
- * thread that has ended and is not waited for yet. */
+ * thread which has ended and is not waited for yet. */
 CORVEX_API a_bool OS_TerminateThread(p_os_thread thread);
 
 /* Waits for the end of an attachable thread and releases its descriptor; exactly one thread may, once. Returns the

@@ -37,8 +37,8 @@ void InitTheInternalStuff_corvex()
 
 void FiniTheInternalStuff_corvex()
 {
-    const a_shut_down shuts_down;
     unix_process_ends();
+    unix_shuts_down = true;
     ut_hist_fini();
     sysv_list_fini_semaphore();
     ut_onsig_fini();
@@ -47,8 +47,8 @@ void FiniTheInternalStuff_corvex()
 }
 
 // Makes every lock of the library free in a forked child, but recursive ones that the forking thread itself holds:
-// nothing is locked before a fork, since crash handlers fork, so any lock may have been held by a thread that the child
-// does not have.
+// nothing is locked before a fork, since crash handlers fork, so a thread which the child does not have may have held
+// any.
 // Signal-safe.
 void FreeLocksInChild_corvex()
 {

@@ -1,8 +1,8 @@
 // dbthread.cpp: starts, parks, wakes and ends the threads of the thread layer.
 //
 // A start: the starter fills a block on its stack, creates the thread and waits for child_started; the new thread
-// registers, takes what it needs from the block, and signals. From then on it does not touch the block, which goes with the
-// starter's frame. The starter is always signalled, also when the registration failed.
+// registers, takes what it needs from the block, and signals. From then on it does not touch the block, which goes with
+// the starter's frame. The starter is always signalled, also when the registration failed.
 //
 // A wake-up stores the value, then signals the descriptor's semaphore; a park waits for the semaphore, then reads the
 // value. The semaphore sees to it that the last value is read, or another wake-up follows (utptsem.cpp).
@@ -59,13 +59,13 @@ void name_thread(const char* name)
 
 void leave_layer(void*)
 {
-    const an_os_stay stay;
-    if (stay.started)
+    const an_in_flight_guard guard;
+    if (guard.started)
         remove_current_thread();
 }
 
-// However the body ends, by return, pthread_exit or cancellation, the thread leaves the layer: not by a destructor, which
-// an unwinding does not run in code without exceptions.
+// However the body ends, by return, pthread_exit or cancellation, the thread leaves the layer. Not by a destructor: an
+// unwinding runs none in code that is built without exceptions.
 void run_thread_body(an_os_thread_start_address func, void* parm)
 {
     pthread_cleanup_push(leave_layer, nullptr);
@@ -78,8 +78,8 @@ void run_thread_body(an_os_thread_start_address func, void* parm)
 // Null, too, when the last OS_Fini has come meanwhile: by an exit in a handler of the starter.
 p_os_thread enter_layer(a_bool attachable)
 {
-    const an_os_stay stay;
-    return stay.started ? add_current_thread(attachable) : nullptr;
+    const an_in_flight_guard guard;
+    return guard.started ? add_current_thread(attachable) : nullptr;
 }
 
 void begin_helper(void* _parms)
@@ -102,7 +102,7 @@ void* begin_routine(void* _parms)
 }
 
 // Looks for a wake-up a little while before it sleeps: threads that hand work to each other are then woken while they
-// still run, for a small part of what a sleep costs; who sleeps all the same has paid at most twice. Acquire: see OS_Wakeup.
+// still run, for a small part of what a sleep costs; who sleeps all the same has paid twice. Acquire: see OS_Wakeup.
 void* park(p_os_thread me)
 {
     for (int i = 0; i < looks_before_sleep && !ut_pthread_test_semaphore(&me->wait); i++)
@@ -111,7 +111,7 @@ void* park(p_os_thread me)
     return __atomic_load_n(&me->parm, __ATOMIC_ACQUIRE);
 }
 
-// A thread that could not register has ended, or soon will: its stack is given back.
+// A thread which could not register has ended, or soon will: its stack is given back.
 void reclaim(a_thread_id id, const os_helper_parms& block)
 {
     if (block.child == nullptr && block.attachable)
@@ -150,14 +150,14 @@ p_os_thread OS_Begin_Thread_Attachable(an_os_thread_start_address start_address,
 
 void* OS_WaitEx(p_os_thread me)
 {
-    const an_os_stay stay;
-    return stay.started ? park(me) : nullptr;
+    const an_in_flight_guard guard;
+    return guard.started ? park(me) : nullptr;
 }
 
 void* OS_Wait(void)
 {
-    const an_os_stay stay;
-    p_os_thread me = stay.started ? OS_Me() : nullptr;
+    const an_in_flight_guard guard;
+    p_os_thread me = guard.started ? OS_Me() : nullptr;
     return me != nullptr ? park(me) : nullptr;
 }
 
@@ -171,8 +171,8 @@ void OS_Wakeup(p_os_thread thread, void* parm)
 void OS_End_Thread(void)
 {
     {
-        const an_os_stay stay;
-        if (stay.started)
+        const an_in_flight_guard guard;
+        if (guard.started)
             OS_Detach_Thread();
     }
     os_endthread();
@@ -181,8 +181,8 @@ void OS_End_Thread(void)
 void OS_End_Thread_Wakeup(p_os_thread waiter, void* parm)
 {
     {
-        const an_os_stay stay;  // over both: the waiter may be the one that calls OS_Fini
-        if (stay.started) {
+        const an_in_flight_guard guard;  // over both: the waiter may be the one that calls OS_Fini
+        if (guard.started) {
             OS_Detach_Thread();
             OS_Wakeup(waiter, parm);
         }

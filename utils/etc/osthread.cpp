@@ -1,20 +1,20 @@
 // osthread.cpp: the thread table and its descriptors, and the recursive mutex.
 //
-// The table is a list through table_next, newest first. ThreadTableMutex guards it; it is held only to link, unlink or walk,
-// never across a join or a thread's body, and the pools' sections are taken inside it. A descriptor is destroyed after it
-// has left the table, outside the lock (but for OS_Fini). The table's links are stored so that a process forked at any
-// moment finds a sound list. Not signal-safe but for the fork step.
+// The table is a list through table_next, newest first. ThreadTableMutex guards it; it is held only to link, unlink or
+// walk, never across a join or a thread's body, and the pools' sections are taken inside it. A descriptor that has left
+// the table is destroyed outside the lock (but for OS_Fini). A process forked at any moment finds a sound list. Not
+// signal-safe but for the fork step.
 //
-// The last OS_Fini releases descriptors under threads that may be parked on them, or that the layer has started and that are
-// just taking theirs or giving them up. All of these are counted in `stays`, and OS_Fini wakes them and waits for them:
+// The last OS_Fini releases descriptors under threads which may be parked on them, or which the layer has started and
+// which are just taking theirs or giving them up. All are in flight: counted, and OS_Fini wakes them and waits:
 //
 //     thread                                OS_Fini
 //     count itself                          no start is left
 //     a start left? else keep off           somebody counted? then wait
 //
-// Both sides are sequentially consistent: either the thread keeps off, or OS_Fini waits for it. A thread that finds no
-// start left does not count itself at all: threads that come again and again must not keep OS_Fini waiting. It waits for a
-// second, since the counted thread may be its own, in a handler that exits: then it leaves everything as it is.
+// Both sides are sequentially consistent: either the thread keeps off, or OS_Fini waits for it. A thread which finds no
+// start left does not count itself at all: threads which come again and again must not keep OS_Fini waiting. It waits
+// for a second: the counted thread may be its own, in a handler that exits. Then it leaves everything as it is.
 #include "utils/etc/osthread.h"
 
 #include "utils/etc/utcancel.h"
@@ -28,7 +28,7 @@ p_os_thread ThreadTable = nullptr;
 a_mutex ThreadTableMutex;
 pthread_mutex_t table_mutex_reserve = PTHREAD_MUTEX_INITIALIZER;
 uint32 ThreadTableMutex_initialized = 0;  // OS_Init calls that no OS_Fini has matched yet
-a_thread_count stays;                     // inside an_os_stay
+a_thread_count in_flight;                 // threads inside an_in_flight_guard
 
 class a_table_lock {
 public:
@@ -190,7 +190,7 @@ void remove_current_thread()
     p_os_thread me = TLSMe.Get();
     if (me == nullptr)
         return;
-    // An attachable descriptor stays for the thread that waits for this one's end.
+    // An attachable descriptor stays for the thread which waits for this one's end.
     if (!me->attachable) {
         os_remove_from_table(me);
         delete me;
@@ -238,26 +238,26 @@ void OS_Init(void)
     const bool first = starts() == 0;
     if (first)
         os_mutex_init(&ThreadTableMutex, table_mutex_reserve);
-    // After the mutex: a thread that waits without a start may see it.
+    // After the mutex: a thread which waits without a start may see it.
     __atomic_add_fetch(&ThreadTableMutex_initialized, 1u, __ATOMIC_SEQ_CST);
     if (first)
         add_current_thread(FALSE);
 }
 
-an_os_stay::an_os_stay() : started(starts() != 0)
+an_in_flight_guard::an_in_flight_guard() : started(starts() != 0)
 {
     if (!started)
         return;
-    stays.enter();
+    in_flight.enter();
     started = starts() != 0;
     if (!started)
-        stays.leave();
+        in_flight.leave();
 }
 
-an_os_stay::~an_os_stay()
+an_in_flight_guard::~an_in_flight_guard()
 {
     if (started)
-        stays.leave();
+        in_flight.leave();
 }
 
 namespace {
@@ -268,13 +268,13 @@ bool is_free(a_ut_safe_pthread_mutex_t& mutex)
     return ut_safe_pthread_mutex_trylock(&mutex) == 0 && ut_safe_pthread_mutex_unlock(&mutex) == 0;
 }
 
-// Locks the table for good when nobody stays, else wakes who is parked: again and again, since a thread may only now be on
-// its way in. A wake-up that has come already keeps its value.
+// Locks the table for good when nobody is in flight, else wakes who is parked: again and again, since a thread may only
+// now be on its way in. A wake-up that has come already keeps its value.
 bool lock_deserted_table()
 {
     if (!OS_MutexTryGet(&ThreadTableMutex))
         return false;
-    if (stays.now() == 0)
+    if (in_flight.now() == 0)
         return true;
     for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next)
         if (!ut_pthread_test_semaphore(&thread->wait) && is_free(thread->wait.mutex))
@@ -303,20 +303,21 @@ void OS_Fini(void)
     if (__atomic_sub_fetch(&ThreadTableMutex_initialized, 1u, __ATOMIC_SEQ_CST) != 0)
         return;
     const an_uncancelled_scope uncancelled;
-    const a_shut_down shuts_down;
-    if (!unix_in_time(lock_deserted_table))
-        return;
-    release_table();
-    OS_MutexGive(&ThreadTableMutex);
-    os_mutex_fini(&ThreadTableMutex, table_mutex_reserve);
-    TLSMe.Reinitialize();
+    unix_shuts_down = true;
+    if (unix_in_time(lock_deserted_table)) {
+        release_table();
+        OS_MutexGive(&ThreadTableMutex);
+        os_mutex_fini(&ThreadTableMutex, table_mutex_reserve);
+        TLSMe.Reinitialize();
+    }
+    unix_shuts_down = false;
 }
 
-// Descriptors of threads that the child does not have keep their place, with locks that their end can give back.
+// Descriptors of threads which the child does not have keep their place, with locks that their end can give back.
 // Signal-safe.
 void os_thread_fork_child()
 {
-    stays.fork_child();
+    in_flight.fork_child();
     os_mutex_fork_child(&ThreadTableMutex);
     for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next) {
         ut_pthread_semaphore_fork_child(&thread->wait);

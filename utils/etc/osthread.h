@@ -7,7 +7,7 @@
 #include "corvex/thread.h"
 #include "utils/unix/unixfork.h"
 
-// A thread-local pointer to a T. The key has no destructor routine: a thread that ends leaves its T alone.
+// A thread-local pointer to a T. The key has no destructor routine: a thread which ends leaves its T alone.
 template <typename T>
 class UTThreadLocalStorage {
 public:
@@ -47,16 +47,16 @@ void remove_current_thread();
 bool os_in_table(p_os_thread thread);
 void os_remove_from_table(p_os_thread thread);
 
-inline constexpr a_thread_id os_no_thread = ~a_thread_id(0);  // the id of a thread that there is not (yet)
+inline constexpr a_thread_id os_no_thread = ~a_thread_id(0);  // the id of a thread which there is not (yet)
 
-// A scope in which a thread touches its descriptor without having just asked for it: parked on it, or giving it up at its
-// end. The last OS_Fini waits for all of them; while `started` is false the thread must keep off.
-class an_os_stay {
+// A scope in which a thread touches its descriptor without having just asked for it: parked on it, or taking it or
+// giving it up at its begin and end. The last OS_Fini waits for it; while `started` is false the thread must keep off.
+class an_in_flight_guard {
 public:
-    an_os_stay();
-    ~an_os_stay();
-    an_os_stay(const an_os_stay&) = delete;
-    an_os_stay& operator=(const an_os_stay&) = delete;
+    an_in_flight_guard();
+    ~an_in_flight_guard();
+    an_in_flight_guard(const an_in_flight_guard&) = delete;
+    an_in_flight_guard& operator=(const an_in_flight_guard&) = delete;
 
     bool started;
 };

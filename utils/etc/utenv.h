@@ -1,6 +1,6 @@
-// utenv.h: environment lookup, for all of the library. In secure execution (set-uid, set-gid, capabilities) no variable is
-// set: the user who wrote the environment would have files written and limits changed with the program's rights. Must not
-// run while the environment is being changed; signal-safe otherwise.
+// utenv.h: environment lookup, for all of the library. In secure execution (set-uid, set-gid, capabilities) no variable
+// is set: else whoever calls the program had files written and limits changed with its rights. Must not run while the
+// environment is being changed; signal-safe otherwise.
 #ifndef ETC_UTENV_H
 #define ETC_UTENV_H
 

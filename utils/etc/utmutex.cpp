@@ -1,5 +1,5 @@
-// utmutex.cpp: the mutex behind the virtual interface. The caller owns the object, the object owns its pooled mutex. Not
-// signal-safe.
+// utmutex.cpp: the mutex behind the virtual interface. The caller owns the object, the object owns its pooled mutex.
+// Not signal-safe.
 #include "corvex/ptmutex.h"
 #include "corvex/vmutex.h"
 #include "utils/utmem/utmem.h"

@@ -4,8 +4,8 @@
 // A forked child's locks, lists and counts are its own once its fork handlers have run. Before that, and for ever in a
 // child that runs none (vfork, which shares its parent's memory, and _Fork), they are its parent's.
 //
-// A child that a signal handler forked may use everything, but ends by exec or _exit: the code that the handler interrupted
-// never goes on in it.
+// A child that a signal handler forked may use everything, but ends by exec or _exit: the code that the handler
+// interrupted never goes on in it.
 #ifndef UNIX_UNIXFORK_H
 #define UNIX_UNIXFORK_H
 
@@ -19,8 +19,8 @@ void unix_make_home_process();
 // How many forks lie behind this process since the library was loaded.
 uint32 unix_fork_count();
 
-// A number of threads that are inside something. Sequentially consistent with those who look at it. A forked child begins
-// with none: its fork step says so for each count.
+// A number of threads which are inside something. Sequentially consistent with those who look at it. A forked child
+// begins with none: its fork step says so for each count.
 class a_thread_count {
 public:
     uint32 now() const { return __atomic_load_n(&count, __ATOMIC_SEQ_CST); }  // Signal-safe.

@@ -44,8 +44,8 @@ a_bool sig_handlers_installed = FALSE;
 a_bool install_sig_handlers_at_lib_init = FALSE;
 a_bool linux_kill_other_threads = FALSE;
 
-// Whether this thread is inside the handler for SIGABRT and runs callbacks. A child that one of them forks is, too: when
-// it aborts, no callback forks again. initial-exec: no first touch allocates.
+// Whether this thread is inside the handler for SIGABRT and runs callbacks. A child which one of them forks is, too:
+// when it aborts, no callback forks again. initial-exec: no first touch allocates.
 constinit __attribute__((tls_model("initial-exec"))) thread_local bool in_abort = false;
 
 void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context);
@@ -72,8 +72,8 @@ void keep_earlier(a_handled_signal& row, const struct sigaction& earlier)
 }
 
 // Puts the library's handler in place and keeps the earlier disposition: before the handler is in force, since a signal
-// may come at once, and as it was replaced. A handler put on top of the library's stays there: it may pass signals on to
-// the library's, and being saved as the earlier one it would get them back without end.
+// may come at once, and as it was replaced. A handler put on top of the library's stays there: it may pass signals on
+// to the library's, and being saved as the earlier one it would get them back without end.
 // Signal-safe.
 void install(a_handled_signal& row)
 {
@@ -133,11 +133,11 @@ void delay_abort()
     while (left > 0);
 }
 
-// For what ends the process. Before a call that never returns the address sanitizer asks for the bounds of the stack, which
-// allocates: it would wait for ever where the signal came in the middle of an allocation.
+// For what ends the process. Before a call that never returns the address sanitizer asks for the bounds of the stack,
+// which allocates: it would wait for ever where the signal came in the middle of an allocation.
 #define ENDS_THE_PROCESS __attribute__((no_sanitize("address")))
 
-// SIGABRT is let through first: abort does so itself, but not where it was interrupted by another SIGABRT that was pending.
+// SIGABRT is let through first: abort does so itself, but not where it was interrupted by another one that was pending.
 // The first process of a container survives the default action: there abort goes on to an instruction that traps, whose
 // SIGSEGV ends that process too when it has no handler.
 // Signal-safe.
@@ -173,8 +173,8 @@ ENDS_THE_PROCESS void enter_abort()
     in_abort = true;
 }
 
-// In a process for which the library's state is not made up (unixfork.h) all of that is left alone: an earlier handler gets
-// the signal, or its default action ends the process.
+// In a process for which the library's state is not made up (unixfork.h) all of that is left alone: an earlier handler
+// gets the signal, or its default action ends the process.
 // Signal-safe.
 void pass_on(int sig, siginfo_t* siginfo, void* context, a_signal_handler_func earlier)
 {
@@ -204,7 +204,7 @@ ENDS_THE_PROCESS void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* co
     if (sig == SIGABRT)
         enter_abort();
     const a_bool chained = reached_through_another(sig);
-    // A thread that is cancelled must not vanish here: the process would live on half cleaned up.
+    // A thread which is cancelled must not vanish here: the process would live on half cleaned up.
     int cancel_state;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
     unix_leave_it_to_the_first(cleanup);
@@ -261,7 +261,7 @@ void ut_onsig_install_signal_handlers(a_bool called_during_lib_init)
 // Signal-safe.
 void ut_onsig_remove_signal_handlers()
 {
-    // Exchanged: of two threads that are hit by signals at once only one takes the handlers away.
+    // Exchanged: of two threads which are hit by signals at once only one takes the handlers away.
     if (!__atomic_exchange_n(&sig_handlers_installed, FALSE, __ATOMIC_ACQ_REL))
         return;
     for (a_handled_signal& row : handled)

@@ -1,7 +1,5 @@
-// utending.cpp: what says that the process is ending (see utending.h).
-//
-// Each word stands for itself; only will_do_cleanup and ending_thread order what other threads see, as said there. What
-// streams may still be waited for is one count of milliseconds, which every wait of an ending process takes from.
+// utending.cpp: what says that the process is ending (see utending.h). No locks: each word stands for itself, and only
+// will_do_cleanup and ending_thread order what other threads see, as said there. Signal-safe: all of it.
 #include "utils/unix/utending.h"
 
 #include <sys/syscall.h>
@@ -13,7 +11,7 @@ constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_shut
 
 namespace {
 
-constexpr int pause_ms = 10;  // at a time, for another thread that ends the process
+constexpr int pause_ms = 10;  // at a time, for another thread which ends the process
 constexpr int max_pauses = 1000;
 constexpr int all_waits_ms = 1900;  // for streams: under two seconds with what the calls themselves take
 
@@ -41,7 +39,11 @@ bool another_ends(int32 me)
 }  // namespace
 
 // Signal-safe.
-void unix_process_starts() { set_ending(false); }
+void unix_process_starts()
+{
+    set_ending(false);
+    unix_shuts_down = false;
+}
 
 // A clean-up inside a shut-down has the waits that are left.
 // Signal-safe.

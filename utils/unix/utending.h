@@ -1,6 +1,6 @@
-// utending.h: what says that the process is ending, by exit, unload or signal, and which thread ends it; and how long it may
-// still wait meanwhile. No locks; everything here is signal-safe. In a forked child nothing ends yet, but for
-// will_do_cleanup, which is for ever.
+// utending.h: what says that the process is ending, by exit, unload or signal, and which thread ends it; and how long
+// it may still wait meanwhile. In a forked child nothing ends yet, but for will_do_cleanup, which is for ever. No
+// locks. Signal-safe: all of it.
 #ifndef UNIX_UTENDING_H
 #define UNIX_UTENDING_H
 
@@ -9,8 +9,8 @@
 // Set for ever by the handler just before it runs the chain with cleanup true.
 extern int will_do_cleanup;
 
-// Whether this thread's signal handler ends the process: what the thread was doing will not go on. initial-exec: no first
-// touch allocates.
+// Whether this thread's signal handler ends the process: what the thread was doing will not go on. initial-exec: no
+// first touch allocates.
 extern constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_ends_process;
 
 void unix_process_starts();  // a start-up after a shut-down
@@ -18,28 +18,19 @@ void unix_process_ends();    // the shut-down of the library begins, or a handle
 bool unix_process_is_ending();
 void unix_thread_ends_process();  // the calling thread's handler begins its clean-up
 
-// How many of the wanted milliseconds a thread may wait for a stream: all of them, unless the process is ending; then they
-// are taken off what all its waits for streams share. A negative number gives back what was not waited.
+// How many of the wanted milliseconds a thread may wait for a stream: all of them, unless the process is ending; then
+// they are taken off what all its waits for streams share. A negative number gives back what was not waited.
 int unix_ending_wait_ms(int wanted);
 
-// Whether the calling thread shuts the library or the thread layer down, perhaps by an exit in a handler that interrupted the
-// holder of a lock: it takes each lock within a second (unix_in_time) or goes on without, and leaves what that guards alone.
+// Whether this thread shuts the library or the thread layer down, perhaps by an exit in a handler that interrupted the
+// holder of a lock: it takes each lock within a second (unix_in_time) or goes on without it, and leaves alone what that
+// guards.
 extern constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_shuts_down;
-
-class a_shut_down {
-public:
-    a_shut_down() : kept(unix_shuts_down) { unix_shuts_down = true; }  // Signal-safe.
-    ~a_shut_down() { unix_shuts_down = kept; }                         // Signal-safe.
-    a_shut_down(const a_shut_down&) = delete;
-    a_shut_down& operator=(const a_shut_down&) = delete;
-
-private:
-    const bool kept;
-};
 
 void unix_pause(int ms);  // no cancellation point
 
-// Whether one of the attempts of a second succeeds. Not by pthread_mutex_clocklock, which the thread sanitizer does not know.
+// Whether one of a second's attempts succeeds. For locks, too: the thread sanitizer does not know
+// pthread_mutex_clocklock. Not signal-safe: the attempt decides.
 template <typename F>
 bool unix_in_time(F attempt)
 {
@@ -51,8 +42,8 @@ bool unix_in_time(F attempt)
     return false;
 }
 
-// Of two threads whose signals may end the process the second leaves it to the first, whose callbacks must come to their
-// end; not for ever, since the first may be stuck.
+// Of two threads whose signals may end the process the second leaves it to the first, whose callbacks must come to
+// their end; not for ever, since the first may be stuck.
 void unix_leave_it_to_the_first(bool ends);
 
 bool unix_aborts_again();  // false for the first abort alone

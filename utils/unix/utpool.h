@@ -1,30 +1,36 @@
 // utpool.h: the pool behind the safe mutexes and the safe condition variables.
 //
-// Every entry is on the free list or behind exactly one handle; its object is initialised once, with default attributes, and
-// stays so until the entry is freed. The critical section guards the list and the counts, and is a leaf. The list's stores
-// are ordered so that it is sound at every moment: a process forked in the middle of an operation of another thread may
-// miss an entry, but never finds one that is being freed. Not signal-safe but for the fork step.
+// Every entry is on the free list or behind exactly one handle; its object is initialised once, with default
+// attributes, and stays so until the entry is freed. The critical section guards the list and the counts, and is a
+// leaf; without one, for want of memory, the pool goes on unlocked. The list's stores are ordered so that it is sound
+// at every moment: a process forked in the middle of an operation of another thread may miss an entry, but never finds
+// one that is being freed. Not signal-safe but for the fork step.
 #ifndef UNIX_UTPOOL_H
 #define UNIX_UTPOOL_H
 
 #include <stdlib.h>
 
+#include <type_traits>
+
 #include "utils/unix/utptmutex.h"
 
-enum a_pool_use { POOL_OF_MUTEXES, POOL_OF_CONDITIONS };
+inline void init_object(pthread_mutex_t* mutex) { pthread_mutex_init(mutex, nullptr); }
+inline void init_object(pthread_cond_t* cond) { pthread_cond_init(cond, nullptr); }
+inline void destroy_object(pthread_mutex_t* mutex) { pthread_mutex_destroy(mutex); }
+inline void destroy_object(pthread_cond_t* cond) { pthread_cond_destroy(cond); }
 
-// The two differ in this: entries of mutexes are zero-filled, and their section is created on demand. Without a section the
-// pool goes on unlocked.
-template <a_pool_use use, typename an_object, auto init, auto destroy>
+template <typename an_object>
 class a_pool {
 public:
-    // Null when there is no memory, and in a shut-down that does not get the section.
+    // Null: there is no memory, or a shut-down did not get the section.
     an_object* take()
     {
         const a_guard guard(*this);
-        if (guard.entered && next_free == nullptr)
+        if (!guard.entered)
+            return nullptr;
+        if (next_free == nullptr)
             alloc_now(num_to_grab);
-        an_entry* entry = guard.entered ? next_free : nullptr;
+        an_entry* entry = next_free;
         if (entry == nullptr)
             return nullptr;
         set_head(entry->next);
@@ -32,7 +38,7 @@ public:
         return &entry->object;
     }
 
-    // Null is left alone. What a shut-down cannot give back stays as it is.
+    // Null is left alone, and so is what a shut-down cannot give back.
     void give_back(an_object* object)
     {
         if (object == nullptr)
@@ -88,6 +94,8 @@ public:
 
 private:
     static constexpr uint32 batch = 50;
+    // Their entries are zero-filled, and their section is created on demand.
+    static constexpr bool of_mutexes = std::is_same_v<an_object, pthread_mutex_t>;
 
     struct an_entry {
         an_object object;  // first, so that a handle's pointer is the entry's address
@@ -99,7 +107,7 @@ private:
     public:
         explicit a_guard(a_pool& pool)
         {
-            if (use == POOL_OF_MUTEXES)
+            if (of_mutexes)
                 pool.crit_init();
             section = pool.critical_mutex_p;
             entered = section == nullptr || pool.enter(*section);
@@ -118,8 +126,8 @@ private:
         a_utpt_mutex* section;
     };
 
-    // A shut-down that once waited in vain for the section only tries from then on: its holder never goes on, and hundreds
-    // of entries may still be given back.
+    // A shut-down that once waited in vain for the section only tries from then on: the holder never goes on, and
+    // hundreds of entries may still be given back.
     bool enter(a_utpt_mutex& section)
     {
         if (!unix_shuts_down) {
@@ -133,11 +141,11 @@ private:
     void alloc_now(uint32 num)
     {
         for (uint32 i = 0; i < num; i++) {
-            constexpr size_t size = sizeof(an_entry);
-            an_entry* entry = static_cast<an_entry*>(use == POOL_OF_MUTEXES ? calloc(1, size) : malloc(size));
-            if (entry == nullptr)
+            void* block = of_mutexes ? calloc(1, sizeof(an_entry)) : malloc(sizeof(an_entry));
+            if (block == nullptr)
                 break;
-            init(&entry->object, nullptr);
+            an_entry* entry = static_cast<an_entry*>(block);
+            init_object(&entry->object);
             push(entry);
         }
         num_to_grab = batch;
@@ -149,17 +157,17 @@ private:
             an_entry* entry = next_free;
             set_head(entry->next);
             renew(&entry->object);
-            destroy(&entry->object);
+            destroy_object(&entry->object);
             free(entry);
         }
     }
 
-    // In a forked child a mutex may be held, and a condition may count waiting threads, that only the parent has: to destroy
-    // it would wait for them for ever, and its next owner's signals might be spent on them.
+    // In a forked child a mutex may be held, and a condition may count waiting threads, which only the parent has: to
+    // destroy it would wait for them for ever, and its next owner's signals might be spent on them.
     void renew(an_object* object)
     {
         if (forked)
-            init(object, nullptr);
+            init_object(object);
     }
 
     // Release: a forked child that finds the head finds the entry complete.

@@ -8,7 +8,7 @@
 
 namespace {
 
-constinit a_pool<POOL_OF_CONDITIONS, pthread_cond_t, pthread_cond_init, pthread_cond_destroy> pool;
+constinit a_pool<pthread_cond_t> pool;
 
 }  // namespace
 

@@ -1,5 +1,5 @@
-// utptmutex.cpp: the plain mutex wrappers and the safe mutexes, which come from a pool (utpool.h). Not signal-safe but for the
-// fork steps.
+// utptmutex.cpp: the plain mutex wrappers and the safe mutexes, which come from a pool (utpool.h). Not signal-safe but
+// for the fork steps.
 #include "utils/unix/utptmutex.h"
 
 #include <errno.h>
@@ -8,7 +8,7 @@
 
 namespace {
 
-constinit a_pool<POOL_OF_MUTEXES, pthread_mutex_t, pthread_mutex_init, pthread_mutex_destroy> pool;
+constinit a_pool<pthread_mutex_t> pool;
 
 }  // namespace
 

@@ -7,10 +7,10 @@
 //     store its value                  clear set
 //     look at set: 1? then done        read the value
 //
-// Were these plain loads and stores, both could pass their own store, and the last value would be lost. So each side has
-// a full barrier in between: the look is a compare-and-swap of 1 to 1, and the waiter's is the unlocking of the mutex
-// behind the clearing, a locked instruction on this platform. Whichever change of the flag comes second, its thread sees
-// what the other did before its own. Not signal-safe but for the fork step.
+// Were these plain loads and stores, both could pass their own store, and the last value would be lost. So each side
+// has a full barrier in between: the look is a compare-and-swap of 1 to 1, and the waiter's is the unlocking of the
+// mutex behind the clearing, a locked instruction on this platform. Whichever change of the flag comes second, its
+// thread sees what the other did before its own. Not signal-safe but for the fork step.
 #include "utils/unix/utptsem.h"
 
 #include <errno.h>
@@ -39,8 +39,8 @@ private:
 // Relaxed: read under the mutex, or looked at again.
 bool is_set(const a_ut_pthread_semaphore* sem) { return __atomic_load_n(&sem->set, __ATOMIC_RELAXED) != 0; }
 
-// Clears the flag under the mutex, whose unlocking comes next. The thread sanitizer knows the language's rules alone, by
-// which a store learns nothing from the look before it: there it is an exchange, which costs a fifth of a signal and wait.
+// Clears the flag under the mutex, whose unlocking comes next. The thread sanitizer knows the language's rules alone,
+// by which a store learns nothing from the look before it: there it is an exchange, by a fifth dearer in all.
 void consume(a_ut_pthread_semaphore* sem)
 {
 #ifdef __SANITIZE_THREAD__
@@ -50,7 +50,7 @@ void consume(a_ut_pthread_semaphore* sem)
 #endif
 }
 
-// A thread that were cancelled in here would leave the mutex locked.
+// A thread which were cancelled in here would leave the mutex locked.
 void wait_until_set(a_ut_pthread_semaphore* sem)
 {
     const an_uncancelled_scope uncancelled;
@@ -95,7 +95,7 @@ void ut_pthread_close_semaphore(a_ut_pthread_semaphore* sem)
 
 a_bool ut_pthread_signal_semaphore(a_ut_pthread_semaphore* sem)
 {
-    // A look without a locked instruction first: what it takes for unset by mistake goes the long way and loses nothing.
+    // A look without a locked instruction first: what it takes for unset goes the long way and loses nothing.
     a_bool signalled = TRUE;
     if (is_set(sem) &&
         __atomic_compare_exchange_n(&sem->set, &signalled, TRUE, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))

@@ -1,5 +1,6 @@
-// threads_interrupted.cpp: at each point where the main thread holds a lock, and where it is parked, a signal's handler calls
-// exit, which shuts the thread layer and the library down: every such process must end. Each runs this program anew.
+// threads_interrupted.cpp: at each point where the main thread holds a lock, and where it is parked, a signal's handler
+// calls exit, which shuts the thread layer and the library down: every such process must end. Each runs this program
+// anew.
 #include <dlfcn.h>
 #include <pthread.h>
 #include <signal.h>
