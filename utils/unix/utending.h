@@ -1,6 +1,6 @@
 // utending.h: what says that the process is ending, by exit, unload or signal, and which thread ends it; and how long
 // it may still wait meanwhile. In a forked child nothing ends yet, but for will_do_cleanup, which is for ever. No
-// locks. Signal-safe: all of it.
+// locks. Signal-safe, but for attempts that are not.
 #ifndef UNIX_UTENDING_H
 #define UNIX_UTENDING_H
 
@@ -30,7 +30,7 @@ extern constinit __attribute__((tls_model("initial-exec"))) thread_local bool un
 void unix_pause(int ms);  // no cancellation point
 
 // Whether one of a second's attempts succeeds. For locks, too: the thread sanitizer does not know
-// pthread_mutex_clocklock. Not signal-safe: the attempt decides.
+// pthread_mutex_clocklock.
 template <typename F>
 bool unix_in_time(F attempt)
 {
