@@ -1,10 +1,9 @@
-// utenv.cpp: environment lookup (see utenv.h). No state, no locks; all of it is signal-safe.
+// utenv.cpp: environment lookup (see utenv.h). No state, no locks. Signal-safe: all of it.
 #include "utils/etc/utenv.h"
 
 #include <stdlib.h>
 #include <string.h>
 
-// Signal-safe.
 char* ut_getenv(const char* name, char* buf, size_t bufsize)
 {
     const char* value = ut_getenv2(name);
@@ -16,5 +15,4 @@ char* ut_getenv(const char* name, char* buf, size_t bufsize)
     return buf;
 }
 
-// Signal-safe.
 char* ut_getenv2(const char* name) { return secure_getenv(name); }

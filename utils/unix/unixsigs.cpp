@@ -1,12 +1,10 @@
-// unixsigs.cpp: signal dispositions and masks (see unixsigs.h). No locks; everything here is
-// signal-safe.
+// unixsigs.cpp: signal dispositions and masks (see unixsigs.h). No locks. Signal-safe: all of it.
 #include "utils/unix/unixsigs.h"
 
 #include <pthread.h>
 
 namespace {
 
-// Signal-safe.
 void change_mask(int how, int signal_number)
 {
     sigset_t set;
@@ -17,7 +15,6 @@ void change_mask(int how, int signal_number)
 
 }  // namespace
 
-// Signal-safe.
 a_bool unix_handle_signal_keeping(int signal_number, a_signal_handler_func_with_context handler,
                                   struct sigaction* previous)
 {
@@ -29,7 +26,6 @@ a_bool unix_handle_signal_keeping(int signal_number, a_signal_handler_func_with_
     return sigaction(signal_number, &disposition, previous) == 0;
 }
 
-// Signal-safe.
 a_bool unix_handle_signal_with_context(int signal_number, a_signal_handler_func_with_context handler,
                                        a_signal_handler_func_with_context* pprev_handler)
 {
@@ -41,13 +37,11 @@ a_bool unix_handle_signal_with_context(int signal_number, a_signal_handler_func_
     return TRUE;
 }
 
-// Signal-safe.
 a_bool unix_restore_signal(int signal_number, const struct sigaction* disposition)
 {
     return sigaction(signal_number, disposition, nullptr) == 0;
 }
 
-// Signal-safe.
 a_signal_handler_func_with_context unix_saved_handler(const struct sigaction* disposition)
 {
     constexpr a_ptrint held = 2;
@@ -57,20 +51,16 @@ a_signal_handler_func_with_context unix_saved_handler(const struct sigaction* di
     return none ? nullptr : disposition->sa_sigaction;
 }
 
-// Signal-safe.
 a_signal_handler_func_with_context unix_current_handler(int signal_number)
 {
     struct sigaction current;
     return sigaction(signal_number, nullptr, &current) == 0 ? unix_saved_handler(&current) : nullptr;
 }
 
-// Signal-safe.
 void unix_hold_signal(int signal_number) { change_mask(SIG_BLOCK, signal_number); }
 
-// Signal-safe.
 void unix_release_signal(int signal_number) { change_mask(SIG_UNBLOCK, signal_number); }
 
-// Signal-safe.
 void unix_sigpause(int signal_number)
 {
     sigset_t set;

@@ -21,7 +21,6 @@ int aborting = 0;         // 1 once the handler has aborted the process
 int32 ending_thread = 0;  // the first thread whose handler ends the process; 0 while none does
 
 // Relaxed: neither word orders anything.
-// Signal-safe.
 void set_ending(bool ends)
 {
     __atomic_store_n(&waits_left_ms, all_waits_ms, __ATOMIC_RELAXED);
@@ -29,7 +28,6 @@ void set_ending(bool ends)
 }
 
 // Whether another thread's handler is ending the process.
-// Signal-safe.
 bool another_ends(int32 me)
 {
     const int32 first = __atomic_load_n(&ending_thread, __ATOMIC_ACQUIRE);
@@ -38,7 +36,6 @@ bool another_ends(int32 me)
 
 }  // namespace
 
-// Signal-safe.
 void unix_process_starts()
 {
     set_ending(false);
@@ -46,7 +43,6 @@ void unix_process_starts()
 }
 
 // A clean-up inside a shut-down has the waits that are left.
-// Signal-safe.
 void unix_process_ends()
 {
     if (!unix_process_is_ending())
@@ -54,10 +50,8 @@ void unix_process_ends()
 }
 
 // Relaxed: it tells how long to wait, no more.
-// Signal-safe.
 bool unix_process_is_ending() { return __atomic_load_n(&ending, __ATOMIC_RELAXED); }
 
-// Signal-safe.
 void unix_thread_ends_process()
 {
     unix_process_ends();
@@ -66,7 +60,6 @@ void unix_thread_ends_process()
     __atomic_store_n(&will_do_cleanup, 1, __ATOMIC_SEQ_CST);
 }
 
-// Signal-safe.
 int unix_ending_wait_ms(int wanted)
 {
     if (!unix_process_is_ending())
@@ -80,10 +73,8 @@ int unix_ending_wait_ms(int wanted)
 }
 
 // By a plain system call: poll is a cancellation point.
-// Signal-safe.
 void unix_pause(int ms) { syscall(SYS_poll, nullptr, 0, ms); }
 
-// Signal-safe.
 void unix_leave_it_to_the_first(bool ends)
 {
     int32 none = 0;
@@ -94,11 +85,9 @@ void unix_leave_it_to_the_first(bool ends)
         unix_pause(pause_ms);
 }
 
-// Signal-safe.
 bool unix_aborts_again() { return __atomic_exchange_n(&aborting, 1, __ATOMIC_RELAXED) != 0; }
 
 // The child is a process of its own, and nobody ends it yet.
-// Signal-safe.
 void unix_ending_fork_child()
 {
     set_ending(false);

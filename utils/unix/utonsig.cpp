@@ -1,9 +1,9 @@
 // utonsig.cpp: the chain of prioritised on-signal callbacks: eight slots in static storage.
 //
-// A slot is free while func is null. It is claimed by a compare-and-swap of func from null, after which the
-// claimer stores priority and arg; it is freed by one to null, which leaves both as they were. No locks,
-// no allocation: everything here is signal-safe. A chain that runs between a claim and its two stores calls
-// the new func with the slot's last priority and arg; registering before handlers are installed avoids that.
+// A slot is free while func is null. It is claimed by a compare-and-swap of func from null, after which the claimer
+// stores priority and arg; it is freed by one to null, which leaves both as they were. A chain that runs between a
+// claim and its two stores calls the new func with the slot's last priority and arg; registering before handlers are
+// installed avoids that. No locks, no allocation. Signal-safe: all of it.
 #include "corvex/onsig.h"
 
 #include "utils/etc/utcswap.h"
@@ -24,14 +24,11 @@ constexpr int no_priority = last_priority + 1;
 a_sig_handler sig_handlers[num_slots];
 
 // Acquire: who sees a claimed slot's func sees what was stored before the claim.
-// Signal-safe.
 a_sig_handler_func func_of(const a_sig_handler& slot) { return __atomic_load_n(&slot.func, __ATOMIC_ACQUIRE); }
 
 // Relaxed here and below: one word, and no other depends on it.
-// Signal-safe.
 int priority_of(const a_sig_handler& slot) { return __atomic_load_n(&slot.priority, __ATOMIC_RELAXED); }
 
-// Signal-safe.
 bool change(a_sig_handler& slot, a_sig_handler_func from, a_sig_handler_func to)
 {
     uint64 expected = uint64(reinterpret_cast<a_ptrint>(from));
@@ -40,7 +37,6 @@ bool change(a_sig_handler& slot, a_sig_handler_func from, a_sig_handler_func to)
 
 // The smallest priority above `last` among the registered ones; no_priority when there is none that runs. Each is read
 // once: a slot that is taken anew meanwhile must not bring a priority of `last` or below, which would repeat callbacks.
-// Signal-safe.
 int next_priority(int last)
 {
     int found = no_priority;
@@ -56,7 +52,6 @@ int next_priority(int last)
 
 }  // namespace
 
-// Signal-safe.
 void* ut_onsig_call_add(int priority, a_sig_handler_func func, void* arg)
 {
     for (a_sig_handler& slot : sig_handlers)
@@ -68,7 +63,6 @@ void* ut_onsig_call_add(int priority, a_sig_handler_func func, void* arg)
     return nullptr;
 }
 
-// Signal-safe.
 void ut_onsig_call_del(void* void_p, a_sig_handler_func func)
 {
     a_sig_handler* slot = static_cast<a_sig_handler*>(void_p);
@@ -76,7 +70,6 @@ void ut_onsig_call_del(void* void_p, a_sig_handler_func func)
         change(*slot, func, nullptr);
 }
 
-// Signal-safe.
 void ut_onsig_call_now(int sig, a_bool chained, a_bool chaining, a_bool cleanup, void* siginfo, void* context)
 {
     for (int priority = -1; (priority = next_priority(priority)) <= last_priority;)
@@ -88,5 +81,4 @@ void ut_onsig_call_now(int sig, a_bool chained, a_bool chaining, a_bool cleanup,
         }
 }
 
-// Signal-safe.
 int ut_onsig_will_do_cleanup(void) { return __atomic_load_n(&will_do_cleanup, __ATOMIC_ACQUIRE); }
