@@ -18,6 +18,14 @@ public:
     void get() { pthread_mutex_lock(&mutex); }
     void give() { pthread_mutex_unlock(&mutex); }
     int try_get() { return pthread_mutex_trylock(&mutex); }
+    // Within a second, for a shut-down: exit may have been called in a handler that interrupted the holder.
+    a_bool get_in_time()
+    {
+        timespec end;
+        clock_gettime(CLOCK_MONOTONIC, &end);
+        end.tv_sec++;
+        return pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &end) == 0;
+    }
 
     // In a forked child: free, whoever of the parent held it. A holder interrupted by the handler that forked unlocks a
     // free mutex later, which the C library's default mutex takes without harm.
