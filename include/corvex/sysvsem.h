@@ -3,8 +3,9 @@
  * A handle names one member of one set. The caller operates on it with the kernel's own calls (semop, semctl); the
  * library hands members out, sets their first value, takes them back, and removes a set from the kernel with its
  * last member, at shut-down, and, if the program has installed the library's signal handlers (onsig.h), when it dies
- * on a signal that no earlier handler gets. What ends by _exit or SIGKILL leaves its sets. Sets have the mode 0777:
- * any user may operate on them.
+ * on a signal that no earlier handler gets. What ends by _exit or SIGKILL leaves its sets. When exit is called in a
+ * handler that interrupted an open or a close, shut-down waits a second and then removes the sets all the same. Sets
+ * have the mode 0777: any user may operate on them.
  *
  * TBX_MAX_NSEMS, read once, sets how many members a set has; the default is the kernel's limit. A size that the
  * kernel refuses makes sets of one.
