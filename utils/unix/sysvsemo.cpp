@@ -1,7 +1,7 @@
 // sysvsemo.cpp: hands out single System V semaphores, out of kernel sets that it makes and removes.
 //
 // Kernel limits shape it: a set has at most 32000 members, making a full one costs a thousand times what a set of one
-// does, and identifier 0, the first of a fresh namespace, reads as none: a set
+// does, SETVAL visits every member of its set, and identifier 0, the first of a fresh namespace, reads as none: a set
 // that came back as 0 is removed and asked for again.
 //
 // What the lists hold of sets that a cleanup by signal or somebody else has removed is freed by the next operation. A
@@ -23,8 +23,10 @@ int64_t c_sysv_semaphore_set::MAX_NSEMS = 0;
 namespace {
 
 constexpr int set_flags = IPC_CREAT | 0777;
-constexpr int cleanup_priority = 1000;  // of the cleanup in the on-signal chain
-constexpr int patience = 1000;          // milliseconds, of a shut-down for threads inside open or close
+constexpr int cleanup_priority = 1000;     // of the cleanup in the on-signal chain
+constexpr int patience = 1000;             // milliseconds, of a shut-down for threads inside open or close
+constexpr int64_t max_cheap_members = 64;  // of a set in which SETVAL is not dear
+constexpr int max_value = 32767;           // of a semaphore
 
 // The kernel's own name for the fourth argument of semctl.
 union semun {
@@ -37,6 +39,7 @@ union semun {
 c_sysv_sema_set_list* sysv_sema_list_p = nullptr;  // null before start-up and after shut-down
 a_thread_count users;                              // that are inside open or close
 void* sysv_onsig_handle = nullptr;
+bool last_is_fresh = false;  // under the mutex: the member handed out last never was before, and SETVAL is dear
 
 int new_kernel_set(int64_t members) { return semget(IPC_PRIVATE, int(members), set_flags); }
 
@@ -86,6 +89,15 @@ a_bool sysv_set_semval(a_sysv_semaphore* s, int value)
     semun arg;
     arg.val = value;
     return semctl(s->ident, s->offset, SETVAL, arg) != -1;
+}
+
+// A member that was never handed out has the value 0 and nobody's undo entries: what is added to it is its value then.
+a_bool sysv_set_first_semval(a_sysv_semaphore* s, int value)
+{
+    if (value < 0 || value > max_value)
+        return sysv_set_semval(s, value);
+    struct sembuf add = {static_cast<unsigned short>(s->offset), short(value), 0};
+    return value == 0 || semop(s->ident, &add, 1) != -1;
 }
 
 }  // namespace
@@ -150,6 +162,8 @@ a_bool c_sysv_semaphore_set::allocate_semaphore(a_sysv_semaphore* s)
         return FALSE;  // more members were given back than handed out
     if (MAX_NSEMS != 1)
         _bitarray->set(uint32(offset));
+    last_is_fresh = MAX_NSEMS > max_cheap_members && offset >= _first_fresh;
+    _first_fresh = offset >= _first_fresh ? offset + 1 : _first_fresh;
     *s = {_ident, offset};
     _num_used++;
     return TRUE;
@@ -165,10 +179,12 @@ a_bool c_sysv_semaphore_set::deallocate_semaphore(a_sysv_semaphore* s)
     return TRUE;
 }
 
+// After a reset the child may hand out members of its parent's set, which the parent has handed out meanwhile.
 void c_sysv_semaphore_set::recount()
 {
     if (_bitarray != nullptr)
         _num_used = _bitarray->count_bits(TRUE);
+    _first_fresh = MAX_NSEMS;
 }
 
 // A parent's set is only forgotten.
@@ -182,7 +198,7 @@ void c_sysv_semaphore_set::close()
     delete _bitarray;
     _bitarray = nullptr;
     _ident = 0;
-    _num_used = 0;
+    _num_used = _first_fresh = 0;
 }
 
 // ---- c_sysv_sema_set_list ----
@@ -312,12 +328,14 @@ void sysv_list_fork_child()
 
 a_bool sysv_open_semaphore(a_sysv_semaphore* s, int initial_value)
 {
+    bool fresh;
     {
         const a_list_user user;
         if (user.list == nullptr || ut_onsig_will_do_cleanup() || !user.list->allocate_semaphore(s))
             return FALSE;
+        fresh = last_is_fresh;
     }
-    if (sysv_set_semval(s, initial_value))
+    if (fresh ? sysv_set_first_semval(s, initial_value) : sysv_set_semval(s, initial_value))
         return TRUE;
     if (errno == EINVAL || errno == EIDRM)
         sysv_forget(s->ident);  // somebody else has removed the set: without it the next open makes a new one

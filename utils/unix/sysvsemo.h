@@ -33,6 +33,7 @@ private:
     int32 _ident = 0;
     int64_t _num_used = 0;
     c_bit_array* _bitarray = nullptr;  // null while no set is open, and for sets of one
+    int64_t _first_fresh = 0;          // no member from this one on was ever handed out
 };
 
 class c_sysv_semaphore_set_list : public c_utils_list_base {
