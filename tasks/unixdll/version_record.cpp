@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include "utils/etc/utenv.h"
+#include "utils/unix/unixout.h"
 #include "version_record.inc"
 
 // Used: nothing refers to the marker, tools look for it. The literal's own zero byte is the last.
@@ -46,6 +47,7 @@ dbversion_info::dbversion_info()
     const char* entry = __DBVersionInfo_corvex16_r;
     for (int i = 0; i < entries_before_uname; i++)
         entry += strlen(entry) + 1;
+    const a_quiet_scope quiet;
     printf("%s\n", entry);
     fflush(stdout);
 }

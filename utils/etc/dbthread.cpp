@@ -15,6 +15,7 @@
 #include "utils/etc/osthrsup.h"
 #include "utils/etc/utcancel.h"
 #include "utils/etc/utenv.h"
+#include "utils/unix/unixout.h"
 
 namespace {
 
@@ -111,8 +112,10 @@ void Perform_Version_Check(uint32 version, int line)
     if (version == interface_version)
         return;
     const char* wanted = ut_getenv2("ZT_PRINT_VERSION_ON_STARTUP");
-    if (wanted != nullptr && wanted[0] != '\0')
-        fprintf(stderr, "[%d] Version: %d vs %d\n", line, int(version), int(interface_version));
+    if (wanted == nullptr || wanted[0] == '\0')
+        return;
+    const a_quiet_scope quiet;
+    fprintf(stderr, "[%d] Version: %d vs %d\n", line, int(version), int(interface_version));
 }
 
 p_os_thread OS_Begin_Thread_Attachable(an_os_thread_start_address start_address, void* stack_bottom,

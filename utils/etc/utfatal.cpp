@@ -1,16 +1,18 @@
 // utfatal.cpp: the fatal-error report. The process goes on; the caller handles the failed operation, and may hold a lock
-// meanwhile. Not signal-safe.
+// meanwhile. Where standard output takes nothing it waits, as any printf. Not signal-safe.
 #include "utils/etc/utfatal.h"
 
 #include <stdio.h>
 
 #include "utils/etc/errorlog.h"
 #include "utils/etc/utcancel.h"
+#include "utils/unix/unixout.h"
 
 void ut_fatal(const char* str)
 {
     const an_uncancelled_scope uncancelled;
     const char* message = str != nullptr ? str : "Unknown error";
     GenerateErrorLog(message, "Tessaline");
+    const a_quiet_scope quiet;
     printf("%s\n", message);
 }

@@ -1,0 +1,70 @@
+// unixout.h: output by descriptor which neither kills the process nor hangs it: writes whose signals are not delivered, to
+// streams that get a second to take something; and files opened for it.
+//
+// All of it is signal-safe, takes no lock and allocates nothing. Who writes cannot be cancelled (utcancel.h).
+#ifndef UNIX_UNIXOUT_H
+#define UNIX_UNIXOUT_H
+
+#include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+
+// SIGPIPE and SIGXFSZ that a write in this scope raises are not delivered; one that was pending before stays pending. Keeps
+// errno and the mask.
+class a_quiet_scope {
+public:
+    a_quiet_scope();
+    ~a_quiet_scope();
+    a_quiet_scope(const a_quiet_scope&) = delete;
+    a_quiet_scope& operator=(const a_quiet_scope&) = delete;
+
+private:
+    sigset_t raised, mask;  // what a write here may raise; the mask before
+    int kept_errno;
+};
+
+// Where one dump, or one message, goes: the stream that it was opened for last. What its streams have made it wait adds
+// up, and a stream that was given up stays given up, for the life of the object. It has no buffer: it may lie on the stack
+// of a handler.
+//
+// A stream that takes nothing for one second is given up, in a process that is ending once all its waits together come near
+// two seconds. The one exception: a stream that could not be reopened (a pipe of another user, no /proc), and that another
+// writer fills between the poll and the write, blocks as it does any writer.
+class an_output {
+public:
+    void open(int to);  // to a descriptor, which stays the caller's; a negative one swallows everything
+    void close();
+    void write(const char* text, size_t len);  // after a failure or a give-up the rest is swallowed
+    int error() const
+    {
+        return failure;
+    }  // why, since it was opened: an errno, ETIMEDOUT for a give-up; 0: nothing was
+
+    // To be called once, when the waits have come to one second.
+    void when_waited(void (*call)(void*), void* arg);
+
+private:
+    bool reopen();
+    bool takes_more(int max_ms) const;
+    ssize_t put(const char* text, size_t len) const;
+    bool wait(int64_t from, int64_t& stuck, int64_t& credit);
+    void fail(int why);
+
+    int fd = -1, failure = 0;
+    bool reopened = false, socket = false;
+    size_t piece = 0;  // what a write takes at once when poll says so; all: it never blocks
+    int64_t waited = 0;
+    void (*hook)(void*) = nullptr;
+    void* hook_arg = nullptr;
+    dev_t device = 0, stuck_device = 0;
+    ino_t node = 0, stuck_node = 0;
+};
+
+// Opens a file for writing as fopen does with "a" (how: O_APPEND) or "w" (O_TRUNC), but not for programs that the process
+// starts, nor as its terminal, nor by the number of a standard stream that the process has closed: what it prints would
+// get into the file. A FIFO without a reader fails with ENXIO. A symbolic link in a sticky folder that all may write to
+// is followed only if the caller or the folder's owner owns it, else EACCES: the kernel's rule, also where that is off.
+int unix_open_output(const char* name, int how);
+
+#endif
