@@ -27,7 +27,7 @@ constexpr int64_t max_wait = 1000 * ms;
 constexpr int slice_ms = 50;  // a wait is made of such
 
 constexpr size_t whole = SIZE_MAX;
-constexpr size_t terminal_piece = 128;  // what a terminal's buffer has room for, line ends made longer, when it has any
+constexpr size_t terminal_piece = 256;  // the least that a pseudo-terminal's buffer grows by
 
 constexpr int raised_by_writes[] = {SIGPIPE, SIGXFSZ};
 
@@ -46,6 +46,16 @@ bool is_terminal(int fd)
 {
     int number;
     return isatty(fd) && ioctl(fd, TIOCGPTN, &number) != 0;
+}
+
+// How much of a text a terminal takes without blocking after POLLOUT: one control character, which it may have to write in
+// another way, or text up to the next one.
+size_t terminal_run(const char* text, size_t len)
+{
+    size_t run = 0;
+    while (run < len && run < terminal_piece && static_cast<unsigned char>(text[run]) >= ' ')
+        run++;
+    return run > 0 ? run : 1;
 }
 
 // Not by the number of a standard stream that the process has closed.
@@ -88,8 +98,8 @@ bool may_follow(int folder, int link)
     return (in.st_mode & shared) != shared || it.st_uid == geteuid() || it.st_uid == in.st_uid;
 }
 
-// Puts what a link in the folder points to into `path`. It is looked at and read by one descriptor: whoever could put
-// another in its place meanwhile gains nothing.
+// Puts what a link in the folder points to into `path`. One descriptor is looked at and read: to put another link in its
+// place meanwhile gains nothing.
 bool read_link(int folder, const char* last, char (&path)[max_name])
 {
     const int link = openat(folder, last, O_PATH | O_NOFOLLOW | O_CLOEXEC);
@@ -194,7 +204,7 @@ void an_output::when_waited(void (*call)(void*), void* arg)
 void an_output::write(const char* text, size_t len)
 {
     const a_quiet_scope quiet;
-    int64_t stuck = 0, credit = 0;
+    stuck = credit = 0;
     while (len > 0 && fd >= 0) {
         const int64_t from = now();
         const ssize_t taken = put(text, len);
@@ -204,7 +214,7 @@ void an_output::write(const char* text, size_t len)
             stuck = 0;
         } else if (taken < 0 && errno != EAGAIN && errno != EINTR) {
             fail(errno);
-        } else if (!wait(from, stuck, credit)) {
+        } else if (!wait(from)) {
             stuck_device = device;
             stuck_node = node;
             fail(ETIMEDOUT);
@@ -223,15 +233,16 @@ ssize_t an_output::put(const char* text, size_t len) const
 {
     if (socket)
         return send(fd, text, len, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (piece == terminal_piece)
+        len = terminal_run(text, len);
     if (piece == whole || takes_more(0))
         return ::write(fd, text, len < piece ? len : piece);
     errno = EAGAIN;
     return -1;
 }
 
-// Waits for a slice, or until the stream may take more; false when it is to be given up. `from`: the time of the try before;
-// `credit`: what this process, should it be ending, has granted and was not waited yet.
-bool an_output::wait(int64_t from, int64_t& stuck, int64_t& credit)
+// Waits for a slice, or until the stream may take more; false when it is to be given up. `from`: when it was tried.
+bool an_output::wait(int64_t from)
 {
     if (credit <= 0)
         credit += unix_ending_wait_ms(slice_ms - int(credit / ms)) * ms;
@@ -265,7 +276,8 @@ int unix_open_output(const char* name, int how)
         folder = open_folder(folder, path, last);
         if (folder < 0)
             return -1;
-        const int fd = openat(folder, last, flags | (is_proc(folder) ? 0 : O_NOFOLLOW), 0666);
+        const int nofollow = is_proc(folder) ? 0 : O_NOFOLLOW;
+        const int fd = int(TEMP_FAILURE_RETRY(openat(folder, last, flags | nofollow, 0666)));
         if (fd < 0 && errno == ELOOP && links < max_links && read_link(folder, last, path))
             continue;
         close(folder);

@@ -28,18 +28,17 @@ private:
 // up, and a stream that was given up stays given up, for the life of the object. It has no buffer: it may lie on the stack
 // of a handler.
 //
-// A stream that takes nothing for one second is given up, in a process that is ending once all its waits together come near
-// two seconds. The one exception: a stream that could not be reopened (a pipe of another user, no /proc), and that another
-// writer fills between the poll and the write, blocks as it does any writer.
+// A stream that takes nothing for one second is given up; in a process that is ending, also when its waits for all streams
+// come near two seconds. One exception: a pipe or terminal that cannot be opened once more (another user's, no /proc) blocks
+// when another writer fills it between the poll and the write.
 class an_output {
 public:
     void open(int to);  // to a descriptor, which stays the caller's; a negative one swallows everything
     void close();
     void write(const char* text, size_t len);  // after a failure or a give-up the rest is swallowed
-    int error() const
-    {
-        return failure;
-    }  // why, since it was opened: an errno, ETIMEDOUT for a give-up; 0: nothing was
+
+    // Why something was swallowed since it was opened: an errno, ETIMEDOUT for a give-up; 0: nothing was.
+    int error() const { return failure; }
 
     // To be called once, when the waits have come to one second.
     void when_waited(void (*call)(void*), void* arg);
@@ -48,13 +47,13 @@ private:
     bool reopen();
     bool takes_more(int max_ms) const;
     ssize_t put(const char* text, size_t len) const;
-    bool wait(int64_t from, int64_t& stuck, int64_t& credit);
+    bool wait(int64_t from);
     void fail(int why);
 
     int fd = -1, failure = 0;
     bool reopened = false, socket = false;
-    size_t piece = 0;  // what a write takes at once when poll says so; all: it never blocks
-    int64_t waited = 0;
+    size_t piece = 0;  // what the stream has room for when poll says so; SIZE_MAX: writes never block
+    int64_t waited = 0, stuck = 0, credit = 0;  // ns: in all, since it took something, granted to an ending process
     void (*hook)(void*) = nullptr;
     void* hook_arg = nullptr;
     dev_t device = 0, stuck_device = 0;
