@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "tests/child.h"
+#include "utils/etc/utfatal.h"
 #include "utils/unix/unixout.h"
 #include "utils/unix/utending.h"
 
@@ -76,6 +77,9 @@ TEST(Output, RaisesNoSignalAndTellsWhyAStreamFailed)
         EXPECT_EQ(0, pipe(dead));
         close(dead[0]);
         say("%s ", written_to(dead[1]));
+        setvbuf(stdout, nullptr, _IONBF, 0);
+        dup2(dead[1], STDOUT_FILENO);
+        ut_fatal("fatal");
         say("%s ", written_to(open("/dev/full", O_WRONLY)));
         say("%s ", written_to(1000));
         say("%s ", written_to(-1));

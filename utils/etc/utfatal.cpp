@@ -11,8 +11,8 @@
 void ut_fatal(const char* str)
 {
     const an_uncancelled_scope uncancelled;
+    const a_quiet_scope quiet;
     const char* message = str != nullptr ? str : "Unknown error";
     GenerateErrorLog(message, "Tessaline");
-    const a_quiet_scope quiet;
     printf("%s\n", message);
 }

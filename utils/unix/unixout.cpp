@@ -277,7 +277,10 @@ int unix_open_output(const char* name, int how)
         if (folder < 0)
             return -1;
         const int nofollow = is_proc(folder) ? 0 : O_NOFOLLOW;
-        const int fd = int(TEMP_FAILURE_RETRY(openat(folder, last, flags | nofollow, 0666)));
+        int fd;
+        do
+            fd = openat(folder, last, flags | nofollow, 0666);
+        while (fd < 0 && errno == EINTR);
         if (fd < 0 && errno == ELOOP && links < max_links && read_link(folder, last, path))
             continue;
         close(folder);
