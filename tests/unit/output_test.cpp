@@ -154,20 +154,13 @@ TEST(Output, GivesUpAStreamThatTakesNothingForASecondAndAllOfThemInTwoWhenThePro
 
 TEST(Output, IsNotBlockedByAnotherWriterAndWaitsForASlowReader)
 {
-    EXPECT_EQ(0, in_child([] {
-                     int ends[2];
-                     EXPECT_EQ(0, pipe(ends));
-                     pipe_to_fill = ends[1];
-                     fill(ends[1]);
-                     std::thread reader([&] {
-                         char taken[PIPE_BUF];
-                         usleep(100000);
-                         EXPECT_LT(0, read(ends[0], taken, sizeof taken));
-                     });
-                     EXPECT_STREQ("ETIMEDOUT", written_to(ends[1]));
-                     reader.join();
-                     pipe_to_fill = -1;
-                 }).status);
+    const a_child child = in_child([] {
+        int ends[2];
+        EXPECT_EQ(0, pipe(ends));
+        pipe_to_fill = ends[1];
+        EXPECT_STREQ("ETIMEDOUT", written_to(ends[1]));
+    });
+    EXPECT_EQ(0, child.status);
 
     int ends[2], hooked = 0;
     ASSERT_EQ(0, pipe(ends));
@@ -231,11 +224,12 @@ TEST(OpenOutput, OpensAsStdioDoesButWaitsForNobodyAndTakesNoStandardNumber)
     EXPECT_STREQ("ENAMETOOLONG", opened(std::string(2000, '/')));
     EXPECT_EQ(0, mkfifo((folder / "fifo").c_str(), 0600));
     EXPECT_STREQ("ENXIO", opened(folder / "fifo"));
-    EXPECT_EQ(0, in_child([&] {
-                     EXPECT_EQ(0, chdir(folder.path));
-                     close(STDIN_FILENO);
-                     EXPECT_STREQ("ok", opened("file"));
-                 }).status);
+    const a_child child = in_child([&] {
+        EXPECT_EQ(0, chdir(folder.path));
+        close(STDIN_FILENO);
+        EXPECT_STREQ("ok", opened("file"));
+    });
+    EXPECT_EQ(0, child.status);
 }
 
 TEST(OpenOutput, FollowsNoLinkThatAnotherUserPutIntoASharedFolder)
