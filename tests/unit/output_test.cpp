@@ -46,11 +46,11 @@ double seconds(const std::function<void()>& body)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - from).count();
 }
 
-const char* written_to(int fd, const std::string& text = much)
+const char* written_to(int fd)
 {
     an_output out;
     out.open(fd);
-    out.write(text.data(), text.size());
+    out.write(much.data(), much.size());
     out.close();
     return out.error() == 0 ? "ok" : strerrorname_np(out.error());
 }
@@ -219,8 +219,6 @@ TEST(OpenOutput, OpensAsStdioDoesButWaitsForNobodyAndTakesNoStandardNumber)
     EXPECT_STREQ("ok", opened(folder / "file", O_TRUNC));
     EXPECT_EQ(4, size_of(folder / "file"));
     EXPECT_STREQ("ENOENT", opened(folder / "none/file"));
-    EXPECT_STREQ("ENOENT", opened(""));
-    EXPECT_STREQ("EISDIR", opened(folder.path));
     EXPECT_STREQ("ENAMETOOLONG", opened(std::string(2000, '/')));
     EXPECT_EQ(0, mkfifo((folder / "fifo").c_str(), 0600));
     EXPECT_STREQ("ENXIO", opened(folder / "fifo"));

@@ -1,5 +1,5 @@
-// utfatal.cpp: the fatal-error report. The process goes on; the caller handles the failed operation, and may hold a lock
-// meanwhile. Where standard output takes nothing it waits, as any printf. Not signal-safe.
+// utfatal.cpp: the fatal-error report. The process goes on; the caller handles the failed operation, and may hold a
+// lock meanwhile. Where standard output takes nothing it waits, as any printf. Not signal-safe.
 #include "utils/etc/utfatal.h"
 
 #include <stdio.h>

@@ -1,8 +1,8 @@
-// unixout.cpp: output by descriptor which neither kills nor hangs the process (see unixout.h). All of it is signal-safe.
+// unixout.cpp: output by descriptor which neither kills nor hangs the process. All of it is signal-safe.
 //
-// To poll alone is not enough: after POLLOUT a terminal may be stopped, and a second writer may fill a pipe. What has no
-// non-blocking mode of its own is therefore opened once more for this process alone: O_NONBLOCK set on the descriptor would
-// be everybody's who shares it. Dropped: a timer's signal that ends a blocked write, since the program may use any signal.
+// To poll alone is not enough: after POLLOUT a terminal may be stopped, and a second writer may fill a pipe. Both are
+// therefore opened once more, non-blocking: O_NONBLOCK set on the descriptor would be everybody's who shares it.
+// Dropped: a timer's signal that ends a blocked write, since the program may use any signal.
 #include "utils/unix/unixout.h"
 
 #include <errno.h>
@@ -48,8 +48,8 @@ bool is_terminal(int fd)
     return isatty(fd) && ioctl(fd, TIOCGPTN, &number) != 0;
 }
 
-// How much of a text a terminal takes without blocking after POLLOUT: one control character, which it may have to write in
-// another way, or text up to the next one.
+// How much of a text a terminal takes without blocking after POLLOUT: one control character, which it may have to
+// write in another way, or what stands before the next one.
 size_t terminal_run(const char* text, size_t len)
 {
     size_t run = 0;
@@ -98,8 +98,8 @@ bool may_follow(int folder, int link)
     return (in.st_mode & shared) != shared || it.st_uid == geteuid() || it.st_uid == in.st_uid;
 }
 
-// Puts what a link in the folder points to into `path`. One descriptor is looked at and read: to put another link in its
-// place meanwhile gains nothing.
+// Puts what a link in the folder points to into `path`. One descriptor is looked at and read: to put another link in
+// its place meanwhile gains nothing.
 bool read_link(int folder, const char* last, char (&path)[max_name])
 {
     const int link = openat(folder, last, O_PATH | O_NOFOLLOW | O_CLOEXEC);

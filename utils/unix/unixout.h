@@ -1,5 +1,5 @@
-// unixout.h: output by descriptor which neither kills the process nor hangs it: writes whose signals are not delivered, to
-// streams that get a second to take something; and files opened for it.
+// unixout.h: output by descriptor which neither kills the process nor hangs it: writes whose signals are not delivered,
+// to streams that get a second to take something; and files opened for it.
 //
 // All of it is signal-safe, takes no lock and allocates nothing. Who writes cannot be cancelled (utcancel.h).
 #ifndef UNIX_UNIXOUT_H
@@ -10,8 +10,8 @@
 #include <stdint.h>
 #include <sys/types.h>
 
-// SIGPIPE and SIGXFSZ that a write in this scope raises are not delivered; one that was pending before stays pending. Keeps
-// errno and the mask.
+// SIGPIPE and SIGXFSZ that a write in this scope raises are not delivered; one that was pending before stays pending.
+// Keeps errno and the mask.
 class a_quiet_scope {
 public:
     a_quiet_scope();
@@ -25,12 +25,12 @@ private:
 };
 
 // Where one dump, or one message, goes: the stream that it was opened for last. What its streams have made it wait adds
-// up, and a stream that was given up stays given up, for the life of the object. It has no buffer: it may lie on the stack
-// of a handler.
+// up, and a stream that was given up stays given up, for the life of the object. It has no buffer: it may lie on the
+// stack of a handler.
 //
-// A stream that takes nothing for one second is given up; in a process that is ending, also when its waits for all streams
-// come near two seconds. One exception: a pipe or terminal that cannot be opened once more (another user's, no /proc) blocks
-// when another writer fills it between the poll and the write.
+// A stream that takes nothing for one second is given up; in a process that is ending, also when its waits for all
+// streams come near two seconds. One exception: a pipe or terminal that cannot be opened once more (another user's, no
+// /proc) blocks when another writer fills it between the poll and the write.
 class an_output {
 public:
     void open(int to);  // to a descriptor, which stays the caller's; a negative one swallows everything
@@ -60,10 +60,11 @@ private:
     ino_t node = 0, stuck_node = 0;
 };
 
-// Opens a file for writing as fopen does with "a" (how: O_APPEND) or "w" (O_TRUNC), but not for programs that the process
-// starts, nor as its terminal, nor by the number of a standard stream that the process has closed: what it prints would
-// get into the file. A FIFO without a reader fails with ENXIO. A symbolic link in a sticky folder that all may write to
-// is followed only if the caller or the folder's owner owns it, else EACCES: the kernel's rule, also where that is off.
+// Opens a file for writing as fopen does with "a" (how: O_APPEND) or "w" (O_TRUNC), but not for programs that the
+// process starts, nor as its terminal, nor by the number of a standard stream that the process has closed: what it
+// prints would get into the file. A FIFO without a reader fails with ENXIO. A symbolic link in a sticky folder that all
+// may write to is followed only if the caller or the folder's owner owns it, else EACCES: the kernel's rule, also where
+// that is off.
 int unix_open_output(const char* name, int how);
 
 #endif
