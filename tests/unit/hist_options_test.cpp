@@ -77,7 +77,7 @@ std::string changes(const char* options)
     if (ut_hist_debug != 1)
         seen += "off ";
     for (const char* at = written; (at = strstr(at, "unknown UT_HIST option char '")) != nullptr; at++)
-        seen += "?" + std::string(at + 29, 1) + " ";
+        seen.append("?").append(at + 29, 1).append(" ");
     free(written);
     return seen.empty() ? seen : seen.substr(0, seen.size() - 1);
 }

@@ -66,7 +66,9 @@ void* ut_realloc(void* ptr, size_t size)
         return nullptr;
     }
     void* block = realloc(ptr, size);
-    if (block == nullptr && ut_out_of_memory())
+    if (block != nullptr)
+        return block;
+    if (ut_out_of_memory())
         block = realloc(ptr, size);
     if (block == nullptr)
         ut_fatal("Out of memory");
