@@ -1,4 +1,4 @@
-/* forkprotection.h: tells a process created by fork from the one that started the library, for C11 and C++20.
+/* forkprotection.h: tells a process created by fork from the one that started the library, for C99 and C++11.
  * The exit of a process so marked stops nothing of the library: kernel objects and log files stay its
  * parent's.
  *

@@ -1,4 +1,4 @@
-/* hist.h: the event history, for C11 and C++20.
+/* hist.h: the event history, for C99 and C++11.
  *
  * The history keeps the newest trace events of the process in rings in memory and writes them out as a text
  * report at exit, on request, or on SIGUSR1. It is configured once, at load, by the environment variable
@@ -46,11 +46,11 @@ CORVEX_LAYOUT(sizeof(a_ut_hist_cl) == 4);
 /* Identifier of an event: an index from ut_hist_id_alloc, the address of a NUL-terminated text that names it,
  * or one of the three special values. Only registered ids take part in the timing statistics. */
 typedef void* a_ut_hist_id;
-#define UT_HIST_ID_NONE       ((a_ut_hist_id)(a_ptrint)-1) /* no id */
-#define UT_HIST_ID_Q2         ((a_ut_hist_id)(a_ptrint)-2) /* queue 2 without a lock: one writer only */
-#define UT_HIST_ID_SIGHANDLER ((a_ut_hist_id)(a_ptrint)-3) /* queue 1 without a lock: for signal handlers */
+#define UT_HIST_ID_NONE       UT_HIST_ID_(-1) /* no id */
+#define UT_HIST_ID_Q2         UT_HIST_ID_(-2) /* queue 2 without a lock: one writer only */
+#define UT_HIST_ID_SIGHANDLER UT_HIST_ID_(-3) /* queue 1 without a lock: for signal handlers */
 /* A text as an id; it must stay valid until the last dump unless option f is on (as it is by default). */
-#define UT_HIST_ID_TEXT(text) ((a_ut_hist_id)(a_ptrint)(const char*)(text))
+#define UT_HIST_ID_TEXT(text) UT_HIST_TEXT_(text)
 
 /* Names the record that an event was written to, so that a later event can be timed against it. Owned by the
  * caller, who may share one between threads; the history reads and rewrites it, one atomic word at a time. */
@@ -60,12 +60,23 @@ typedef struct a_ut_hist_loc {
     uint32 num; /* event number found there */
 } a_ut_hist_loc;
 CORVEX_LAYOUT(sizeof(a_ut_hist_loc) == 12 && offsetof(a_ut_hist_loc, n) == 4 && offsetof(a_ut_hist_loc, num) == 8);
-/* The value that names nothing. {0, 0, 0} does not: it names event 0 of slot 0, live until the slot is
- * written. */
+/* The value that names nothing: INIT to begin a location with, NONE to assign. {0, 0, 0} does not: it names event 0 of
+ * slot 0, live until the slot is written. */
 #define UT_HIST_LOC_INIT                                                                                               \
     {                                                                                                                  \
         -1, 0, 0                                                                                                       \
     }
+#ifdef __cplusplus
+#define UT_HIST_LOC_NONE    (a_ut_hist_loc UT_HIST_LOC_INIT)
+#define UT_HIST_ID_(number) reinterpret_cast<a_ut_hist_id>(static_cast<a_ptrint>(number))
+#define UT_HIST_TEXT_(text) static_cast<a_ut_hist_id>(const_cast<char*>(static_cast<const char*>(text)))
+#define UT_HIST_Z_          nullptr
+#else
+#define UT_HIST_LOC_NONE    ((a_ut_hist_loc)UT_HIST_LOC_INIT)
+#define UT_HIST_ID_(number) ((a_ut_hist_id)(a_ptrint)(number))
+#define UT_HIST_TEXT_(text) ((a_ut_hist_id)(a_ptrint)(const char*)(text))
+#define UT_HIST_Z_          ((void*)0)
+#endif
 
 /* The master switch, and one that only the settings listing shows, for ut_hist_setting. */
 typedef enum a_ut_hist_setting {
@@ -147,7 +158,7 @@ CORVEX_C_END
  * records or skips one event more. */
 static inline int ut_hist_is_on(void)
 {
-    return __builtin_expect(__atomic_load_n(&ut_hist_debug, __ATOMIC_RELAXED) != 0, 0);
+    return __builtin_expect(__atomic_load_n(&ut_hist_debug, __ATOMIC_RELAXED), 0) != 0;
 }
 
 /* One parameter: any value as wide as a pointer (pointers, long, size_t, int64_t, double ...). Narrower
@@ -180,7 +191,6 @@ inline void* ut_hist_parm(T value)
 #define UT_HIST_CAT2_(a, b)                                                         a##b
 #define UT_HIST_COUNT_(...)                                                         UT_HIST_NTH_(__VA_ARGS__, 9, 9, 9, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 0)
 #define UT_HIST_NTH_(a0, a1, a2, a3, a4, a5, a6, a7, a8, a9, a10, a11, a12, n, ...) n
-#define UT_HIST_Z_                                                                  ((void*)0)
 #define UT_HIST_ARGS_0_(ev)                                                                                            \
     ev, 0, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
 #define UT_HIST_ARGS_1_(ev, a)                                                                                         \
@@ -218,9 +228,9 @@ inline void* ut_hist_parm(T value)
     } while (0)
 
 /* A plain event: id, text, 0 to 8 parameters. */
-#define UT_HIST_EV(id, ...) UT_HIST_ADD(UT_HIST_CL_EV, (a_ut_hist_loc*)0, id, __VA_ARGS__)
+#define UT_HIST_EV(id, ...) UT_HIST_ADD(UT_HIST_CL_EV, UT_HIST_Z_, id, __VA_ARGS__)
 /* A block of bytes: id, text, address, length as a long, up to 6 parameters more. */
-#define UT_HIST_DATA(id, ...) UT_HIST_ADD(UT_HIST_CL_DATA, (a_ut_hist_loc*)0, id, __VA_ARGS__)
+#define UT_HIST_DATA(id, ...) UT_HIST_ADD(UT_HIST_CL_DATA, UT_HIST_Z_, id, __VA_ARGS__)
 /* Begin and end of a piece of work, timed through one location: location, id, text, 0 to 8 parameters. */
 #define UT_HIST_BEG(loc, id, ...) UT_HIST_ADD(UT_HIST_CL_BEG, loc, id, __VA_ARGS__)
 #define UT_HIST_END(loc, id, ...) UT_HIST_ADD(UT_HIST_CL_END, loc, id, __VA_ARGS__)

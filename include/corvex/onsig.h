@@ -1,4 +1,4 @@
-/* onsig.h: what happens when a fatal or terminating signal arrives, for C11 and C++20.
+/* onsig.h: what happens when a fatal or terminating signal arrives, for C99 and C++11.
  *
  * ut_onsig_install_signal_handlers installs the library's handler for SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV
  * (crash) and SIGHUP, SIGINT, SIGQUIT, SIGTERM (termination). On such a signal it runs the registered callbacks in

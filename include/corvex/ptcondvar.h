@@ -1,4 +1,4 @@
-/* ptcondvar.h: POSIX condition variables, for C11 and C++20: plain wrappers, and safe ones from a pool that
+/* ptcondvar.h: POSIX condition variables, for C99 and C++11: plain wrappers, and safe ones from a pool that
  * the library owns. The pool works like that of the safe mutexes (ptmutex.h). Absolute times are of the
  * real-time clock. */
 #ifndef CORVEX_PTCONDVAR_H

@@ -1,4 +1,4 @@
-/* ptmutex.h: POSIX mutexes, for C11 and C++20: plain wrappers, and safe mutexes from a pool that the library
+/* ptmutex.h: POSIX mutexes, for C99 and C++11: plain wrappers, and safe mutexes from a pool that the library
  * owns.
  *
  * A safe mutex is a handle of one pointer to a pooled mutex with default attributes, never recursive. The

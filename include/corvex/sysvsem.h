@@ -1,4 +1,4 @@
-/* sysvsem.h: single System V semaphores out of kernel sets that the library creates and removes, for C11 and C++20.
+/* sysvsem.h: single System V semaphores out of kernel sets that the library creates and removes, for C99 and C++11.
  *
  * A handle names one member of one set. The caller operates on it with the kernel's own calls (semop, semctl); the
  * library hands members out, sets their first value, takes them back, and removes a set from the kernel with its

@@ -1,4 +1,4 @@
-/* thread.h: the thread layer, for C11 and C++20: a table with one descriptor per thread that uses it, starting and
+/* thread.h: the thread layer, for C99 and C++11: a table with one descriptor per thread that uses it, starting and
  * ending threads, parking and waking them with a value, and a recursive mutex.
  *
  * OS_Init comes before any other OS_ operation on threads and is matched by one OS_Fini. A thread gets its

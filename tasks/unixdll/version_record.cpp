@@ -8,7 +8,10 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "corvex/types.h"
 #include "version_record.inc"
+
+static_assert(VERSION_RECORD_NUMBER == CORVEX_VERSION, "the build and types.h name the same version");
 
 // Used: nothing refers to the marker, tools look for it. The literal's own zero byte is the last.
 __attribute__((used)) char __DBVersionInfo_corvex16_r[] = "@@==Version==@1@"
