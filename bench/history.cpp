@@ -17,24 +17,29 @@ const bool had_second_thread [[maybe_unused]] = (std::thread([] {}).join(), true
 
 }  // namespace
 
-void restart_history(const char* options)
+void restart_history(const char* options, const char* slots)
 {
     ut_hist_fini();
     const std::string value = "x,s-,r-,l=/dev/null,n" + std::to_string(ring_size) + "," + options;
     setenv("UT_HIST", value.c_str(), 1);
-    setenv("UT_HIST_THREAD_SLOT", "dense", 1);
+    setenv("UT_HIST_THREAD_SLOT", slots, 1);
     ut_hist_init();
 }
 
-void expect_recorded(benchmark::State& state)
+int64_t dump_lines()
 {
     char* text = nullptr;
     size_t size = 0;
     FILE* stream = open_memstream(&text, &size);
     ut_hist_dump_to_file(stream);
     fclose(stream);
-    const auto rows = std::count(text, text + size, '\n');
+    const int64_t lines = std::count(text, text + size, '\n');
     free(text);
-    if (rows < std::min<int64_t>(state.iterations(), ring_size - 1))
+    return lines;
+}
+
+void expect_recorded(benchmark::State& state)
+{
+    if (dump_lines() < std::min<int64_t>(state.iterations(), ring_size - 1))
         state.SkipWithError("the history did not record");
 }

@@ -99,13 +99,24 @@ ROWS = [
     *(("SysV semaphore, sets of one, open and close, " + others, "a kernel set by hand",
        f"ones/sysv/open_close/{others.split()[0]}", "ones/sysv/semget", None)
       for others in ("1 other open", "1000 others open", "31000 others open")),
+    ("SysV semaphore, sets of 32000, member never used before", "semop", "sysv/first_use", "sysv/semop",
+     (AT_MOST, 1.5)),
+    ("SysV semaphore, sets of 32000, member used before", "semop", "sysv/open_close/1", "sysv/semop", None),
+    ("SysV semaphore, sets of 16, member never used before", "semop", "sixteen/sysv/first_use", "sixteen/sysv/semop",
+     None),
+    ("SysV semaphore, sets of 16, member used before", "semop", "sixteen/sysv/open_close/1", "sixteen/sysv/semop",
+     None),
+    ("SysV semaphore, sets of 16, member used before", "semctl(SETVAL)", "sixteen/sysv/open_close/1",
+     "sixteen/sysv/setval", (AT_MOST, 1.3)),
     ("dump, a row", "digits by hand", "dump/history", "dump/digits", (AT_MOST, 1.5)),
     ("fprintf, a row", "dump, a row", "dump/fprintf", "dump/history", (AT_LEAST, 3.0)),
 ]
 
-# A second run, with this environment, of these benchmarks: "ones/" before their names above.
-SETS_OF_ONE = {"TBX_MAX_NSEMS": "1"}
-SETS_OF_ONE_RUNS = "^sysv/(open_close|semget)"
+# Further runs with other sizes of the kernel sets: what stands before their names above, the size, their benchmarks.
+SET_SIZES = [
+    ("ones/", "1", "^sysv/(open_close|semget)"),
+    ("sixteen/", "16", "^sysv/(open_close/1$|first_use|setval|semop)"),
+]
 
 # Name, UT_HIST (none: off), further arguments of the demo. Each is compared with the history off.
 LOADS = [
@@ -265,8 +276,9 @@ def main():
     if not session.recorded:
         values.pop("event/lttng", None)
 
-    ones = run_benchmarks(build / "bench" / "bench_corvex", dict(clean_environment(), **SETS_OF_ONE), SETS_OF_ONE_RUNS)
-    values.update(("ones/" + name, of) for name, of in ones.items())
+    for prefix, size, which in SET_SIZES:
+        sized = run_benchmarks(build / "bench" / "bench_corvex", dict(clean_environment(), TBX_MAX_NSEMS=size), which)
+        values.update((prefix + name, of) for name, of in sized.items())
 
     rows = [*ratio_rows(values), scaling_row(values)]
     demo = build / "examples" / "demo_server"

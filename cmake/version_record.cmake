@@ -1,5 +1,5 @@
 # Writes the texts of the version record that only the build knows. With SOURCE_DATE_EPOCH set they are the same on
-# every machine: date and time come from it, host and system line are fixed. The file is left alone when nothing changed.
+# every machine: date and time come from it, host and system line are fixed.
 string(REPLACE "." ";" version "${VERSION}")
 list(GET version 0 major)
 list(GET version 1 minor)
@@ -22,7 +22,8 @@ string(TIMESTAMP time "%H:%M:%S" UTC)
 string(TIMESTAMP stamp "%Y-%m-%d %H:%M:%S" UTC)
 
 string(CONCAT ident "libcorvex16_r.so.1/${major}.${minor}.${patch}/P/x86_64/${kernel}/${BUILD_NUMBER}/OPT/${stamp}")
-set(text "// Made by cmake/version_record.cmake.\n")
+math(EXPR number "${major} * 10000 + ${minor} * 100 + ${patch}")
+set(text "// Made by cmake/version_record.cmake.\n#define VERSION_RECORD_NUMBER ${number}\n")
 
 # Whatever the machine calls itself must come through as the C text that it is.
 function(record key value)
@@ -42,4 +43,4 @@ record(HOST "${host}")
 record(UNAME "${uname}")
 record(IDENT "${ident}")
 record(COPYRIGHT "The libcorvex16_r developers\nAll rights reserved.\nRuntime support for server processes.")
-file(CONFIGURE OUTPUT "${OUTPUT}" CONTENT "${text}" @ONLY)
+file(WRITE "${OUTPUT}" "${text}")

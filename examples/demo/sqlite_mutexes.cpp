@@ -1,5 +1,5 @@
-/* sqlite_mutexes.cpp: SQLite's mutex methods. SQLite never passes null to them, and enters only what it made as recursive
- * twice. */
+/* sqlite_mutexes.cpp: SQLite's mutex methods. SQLite never passes null to them, and enters only what it made as
+ * recursive twice. */
 #include "sqlite_mutexes.h"
 
 #include <new>

@@ -1,9 +1,8 @@
-/* forkprotection.h: tells a process created by fork from the one that started the library, for C11 and C++20.
- * The exit of a process so marked stops nothing of the library: kernel objects and log files stay its
- * parent's.
+/* forkprotection.h: tells a process created by fork from the one that started the library, for C99 and C++11. The exit
+ * of a process so marked stops nothing of the library: kernel objects and log files stay its parent's.
  *
- * A child forked by a signal handler must end by exec or _exit: it may use the whole library until then, record and dump
- * included, but never return from the handler into what that interrupted. */
+ * A child forked by a signal handler must end by exec or _exit: it may use the whole library until then, record and
+ * dump included, but never return from the handler into what that interrupted. */
 #ifndef CORVEX_FORKPROTECTION_H
 #define CORVEX_FORKPROTECTION_H
 
@@ -11,8 +10,7 @@
 
 CORVEX_C_BEGIN
 
-/* Registers the fork handlers, once; the library calls it at load. Later calls only count. Not thread-safe.
- */
+/* Registers the fork handlers, once; the library calls it at load. Later calls only count. Not thread-safe. */
 CORVEX_API void UnixForkProtection_Init(void);
 
 /* 1 in a process created by fork (its descendants included) since the first UnixForkProtection_Init, else 0.

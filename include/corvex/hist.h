@@ -1,12 +1,11 @@
-/* hist.h: the event history, for C11 and C++20.
+/* hist.h: the event history, for C99 and C++11.
  *
- * The history keeps the newest trace events of the process in rings in memory and writes them out as a text
- * report at exit, on request, or on SIGUSR1. It is configured once, at load, by the environment variable
- * UT_HIST (see the user's guide for its options) and costs one load and one predicted branch per call site
- * while off.
+ * The history keeps the newest trace events of the process in rings in memory and writes them out as a text report at
+ * exit, on request, or on SIGUSR1. It is configured once, at load, by the environment variable UT_HIST (see the user's
+ * guide for its options) and costs one load and one predicted branch per call site while off.
  *
- * Instrumented code uses the macros below: they test ut_hist_debug first, pass the call site's file and line,
- * and take up to eight parameters. The functions are for tools and for callers that build their own macros.
+ * Instrumented code uses the macros below: they test ut_hist_debug first, pass the call site's file and line, and take
+ * up to eight parameters. The functions are for tools and for callers that build their own macros.
  *
  *     static a_ut_hist_id query;                        // once, after load:
  *     query = ut_hist_id_alloc(__FILE__, __LINE__, "query");
@@ -16,13 +15,18 @@
  *     ...
  *     UT_HIST_END(&at, query, "rows", row_count);       // its duration column is the time since BEG
  *
- * Signal handlers record with UT_HIST_ID_SIGHANDLER only: such an event takes no lock. Every other id may
- * need the queue lock that the interrupted thread holds. An unlocked queue wants one writer at a time: queue 1 of
- * the signal handlers too, which is also the own queue of thread slot 0 when queues are by thread (option q). When
- * two write it at once nothing breaks, but their records may mix.
+ * Signal handlers record with UT_HIST_ID_SIGHANDLER only: such an event takes no lock. Every other id may need the
+ * queue lock that the interrupted thread holds. An unlocked queue wants one writer at a time: queue 1 of the signal
+ * handlers too, which is also the own queue of thread slot 0 when queues are by thread (option q). When two write it at
+ * once nothing breaks, but their records may be lost.
  *
- * Nothing here reports failure: lost events and samples are counted and shown by the dump.
- */
+ * A handler that leaves an event by a jump leaves its queue locked. Under UT_HIST_THREAD_SLOT=handle, the default,
+ * threads share slots and drop each other's events; servers set dense.
+ *
+ * Nothing here reports failure: lost events and samples are counted and shown by the dump. What goes wrong in writing
+ * is told by notes, lines of their own on the message stream: "** HISTORY note ** <text>". No write of the library
+ * raises SIGPIPE or SIGXFSZ, and a stream that takes nothing for a second is given up for that dump; while the process
+ * ends, all waits together stay under two seconds. */
 #ifndef CORVEX_HIST_H
 #define CORVEX_HIST_H
 
@@ -44,13 +48,14 @@ typedef enum a_ut_hist_cl {
 CORVEX_LAYOUT(sizeof(a_ut_hist_cl) == 4);
 
 /* Identifier of an event: an index from ut_hist_id_alloc, the address of a NUL-terminated text that names it,
- * or one of the three special values. Only registered ids take part in the timing statistics. */
+ * or one of the three special values. Only registered ids take part in the timing statistics. A value below 65536 that
+ * is not registered, say an index from before a restart, is never followed: 7 is shown as "#7", 0 as no id. */
 typedef void* a_ut_hist_id;
-#define UT_HIST_ID_NONE       ((a_ut_hist_id)(a_ptrint)-1) /* no id */
-#define UT_HIST_ID_Q2         ((a_ut_hist_id)(a_ptrint)-2) /* queue 2 without a lock: one writer only */
-#define UT_HIST_ID_SIGHANDLER ((a_ut_hist_id)(a_ptrint)-3) /* queue 1 without a lock: for signal handlers */
+#define UT_HIST_ID_NONE       UT_HIST_ID_(-1) /* no id */
+#define UT_HIST_ID_Q2         UT_HIST_ID_(-2) /* queue 2 without a lock: one writer only */
+#define UT_HIST_ID_SIGHANDLER UT_HIST_ID_(-3) /* queue 1 without a lock: for signal handlers */
 /* A text as an id; it must stay valid until the last dump unless option f is on (as it is by default). */
-#define UT_HIST_ID_TEXT(text) ((a_ut_hist_id)(a_ptrint)(const char*)(text))
+#define UT_HIST_ID_TEXT(text) UT_HIST_TEXT_(text)
 
 /* Names the record that an event was written to, so that a later event can be timed against it. Owned by the
  * caller, who may share one between threads; the history reads and rewrites it, one atomic word at a time. */
@@ -60,12 +65,23 @@ typedef struct a_ut_hist_loc {
     uint32 num; /* event number found there */
 } a_ut_hist_loc;
 CORVEX_LAYOUT(sizeof(a_ut_hist_loc) == 12 && offsetof(a_ut_hist_loc, n) == 4 && offsetof(a_ut_hist_loc, num) == 8);
-/* The value that names nothing. {0, 0, 0} does not: it names event 0 of slot 0, live until the slot is
- * written. */
+/* The value that names nothing: INIT to begin a location with, NONE to assign. {0, 0, 0} does not: it names event 0 of
+ * slot 0, live until the slot is written. */
 #define UT_HIST_LOC_INIT                                                                                               \
     {                                                                                                                  \
         -1, 0, 0                                                                                                       \
     }
+#ifdef __cplusplus
+#define UT_HIST_LOC_NONE    (a_ut_hist_loc UT_HIST_LOC_INIT)
+#define UT_HIST_ID_(number) reinterpret_cast<a_ut_hist_id>(static_cast<a_ptrint>(number))
+#define UT_HIST_TEXT_(text) static_cast<a_ut_hist_id>(const_cast<char*>(static_cast<const char*>(text)))
+#define UT_HIST_NO_LOC_     nullptr
+#else
+#define UT_HIST_LOC_NONE    ((a_ut_hist_loc)UT_HIST_LOC_INIT)
+#define UT_HIST_ID_(number) ((a_ut_hist_id)(a_ptrint)(number))
+#define UT_HIST_TEXT_(text) ((a_ut_hist_id)(a_ptrint)(const char*)(text))
+#define UT_HIST_NO_LOC_     ((a_ut_hist_loc*)0)
+#endif
 
 /* The master switch, and one that only the settings listing shows, for ut_hist_setting. */
 typedef enum a_ut_hist_setting {
@@ -76,20 +92,19 @@ typedef enum a_ut_hist_setting {
 } a_ut_hist_setting;
 CORVEX_LAYOUT(sizeof(a_ut_hist_setting) == 4);
 
-/* 1 while instrumented code should record, else 0. Read it as the macros do, with a relaxed atomic load;
- * change it with ut_hist_setting only. It reads 0 when UT_HIST is unset, empty or "off", and when the store
- * could not be allocated. */
+/* 1 while instrumented code should record, else 0. Read it as the macros do, with a relaxed atomic load; change it with
+ * ut_hist_setting only. It reads 0 when UT_HIST is unset, empty or "off", and when the store could not be allocated. */
 extern CORVEX_API int32 ut_hist_debug;
 
 /* Records one event. It does not test ut_hist_debug.
  *   file, line  the call site; file may be null
  *   loc         null, or the location that this event's duration is measured from; afterwards it names this event
- *   cl          the class; for UT_HIST_CL_DATA p1 is the block's address and p2 its length in bytes (signed 64-bit; 0 and
- *               below store nothing; cut to the size of the queue's data ring)
+ *   cl          the class; for UT_HIST_CL_DATA p1 is the block's address and p2 its length in bytes (signed 64-bit; 0
+ *               and below store nothing; cut to the size of the queue's data ring)
  *   id          see a_ut_hist_id
  *   ev          the event's text, may be null
- *   pn          how many of p1..p8 count, 0..8; a larger value is stored as 8; a negative one is stored as it is and shows
- *               every parameter column of the dump
+ *   pn          how many of p1..p8 count, 0..8; a larger value is stored as 8; a negative one is stored as it is and
+ *               shows every parameter column of the dump
  * Texts are copied when option f is on, else only their addresses are kept and the texts must stay valid until the
  * last dump. Of an id 15 characters are kept, of an event text 31, of a file text shorter than 23 all and of any
  * other one the last 22 (option m changes the numbers). Thread-safe. Signal-safe with UT_HIST_ID_SIGHANDLER only,
@@ -102,24 +117,25 @@ CORVEX_API void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a
                             const char* ev, int32 pn, void* p1, void* p2, void* p3, void* p4, void* p5, void* p6,
                             void* p7, void* p8);
 
-/* Registers an id for the call site file:line under the description desc (NUL-terminated, not null; file may
- * be null). Both texts are copied. Every call makes a new id: call it once per kind of event and keep the
- * result. Returns the index of the new entry, or desc itself when there is no registry (option k), when it is
- * full, when memory is short, or when the history is not running: events of that id are then recorded under
- * the text, without statistics, so desc must stay valid as long as the id is used. Thread-safe. Not
- * signal-safe: it allocates and locks. */
+/* Registers an id for the call site file:line under the description desc (NUL-terminated, not null; file may be null).
+ * Both texts are copied. Every call makes a new id: call it once per kind of event and keep the result. Returns the
+ * index of the new entry, or desc itself when there is no registry (option k), when it is full, when memory is short,
+ * or when the history is not running: events of that id are then recorded under the text, without statistics, so desc
+ * must stay valid as long as the id is used. Thread-safe. Not signal-safe: it allocates and locks. */
 CORVEX_API a_ut_hist_id ut_hist_id_alloc(const char* file, uint32 line, const char* desc);
 
-/* Writes a whole dump to f: event table, statistics, end banner. f is an open, writable stream and stays the
- * caller's: it is neither flushed nor closed, and write errors are not reported. Writes nothing while there
- * is no store. Holds every queue's lock meanwhile, so recorders that lock wait. A SIGUSR1 meanwhile is answered
- * by a dump of its own at the end, by descriptor: where that goes to f's file too, f should be unbuffered.
- * Thread-safe. Not signal-safe: it locks. */
+/* Writes a whole dump to f: event table, statistics, end banner. f is an open, writable stream and stays the caller's:
+ * it is neither flushed nor closed, and write errors are not reported. Writes nothing while there is no store. Holds
+ * every queue's lock meanwhile, so recorders that lock wait; a lock that it does not get within a second it goes
+ * without. The writes to f are the caller's own: they wait, and raise signals, as f's descriptor does. A SIGUSR1
+ * meanwhile is answered by a dump of its own at the end, by descriptor: where that goes to f's file too, f should be
+ * unbuffered. Thread-safe. Not signal-safe: it locks. */
 CORVEX_API void ut_hist_dump_to_file(FILE* f);
 
 /* Writes a whole dump to the log file of option l, or to the errout stream (option e; standard error) when none is
  * named or it cannot be opened, and reports it on the errout stream (option r). Records one event "PROGRAM DUMP"
- * first, while events are on. Does nothing while there is no store. Thread-safe. Not signal-safe: raise SIGUSR1
+ * first, while events are on. Holds every queue's lock meanwhile, but gives the locks back when its streams have been
+ * waited for for a second in all. Does nothing while there is no store. Thread-safe. Not signal-safe: raise SIGUSR1
  * there instead. */
 CORVEX_API void ut_hist_dump_to_log(void);
 
@@ -129,13 +145,14 @@ CORVEX_API void ut_hist_dump_to_log(void);
 CORVEX_API void ut_hist_setting(a_ut_hist_setting s);
 
 /* Start-up and shut-down; the library calls both as it is loaded and unloaded. Start-up reads UT_HIST and
- * UT_HIST_THREAD_SLOT, allocates the store and installs the SIGUSR1 handler; it does not guard against a
- * second call without a shut-down between, which loses the first store. Shut-down dumps (option f), removes
- * the handler and frees the store (option x); it does nothing unless the history is running. After a
- * shut-down a new start-up reads the environment again: options that it does not name keep their values, but for
- * e, ye, ys and the slot rule, which begin anew. A shut-down that had to leave the store to a thread, say one
- * whose dump does not end, was the last: a start-up then leaves the history off.
- * Neither is thread-safe or signal-safe: no other thread may use the history meanwhile. */
+ * UT_HIST_THREAD_SLOT, maps the store and installs the SIGUSR1 handler; it does not guard against a second call without
+ * a shut-down between, which loses the first store. A store that cannot be had leaves the history off, with a note;
+ * SIGUSR1 is then answered by that note. Shut-down dumps (option f), removes the handler and frees the store (option
+ * x); it does nothing unless the history is running. It waits up to a second for other threads that are inside an event
+ * or a dump, never for what its own thread was doing. After a shut-down a new start-up reads the environment again:
+ * options that it does not name keep their values, but for e, ye, ys and the slot rule, which begin anew. A shut-down
+ * that had to leave the store to a thread, say one whose dump does not end, was the last: a start-up then leaves the
+ * history off. Neither is thread-safe or signal-safe: no other thread may use the history meanwhile. */
 CORVEX_API void ut_hist_init(void);
 CORVEX_API void ut_hist_fini(void);
 
@@ -147,7 +164,7 @@ CORVEX_C_END
  * records or skips one event more. */
 static inline int ut_hist_is_on(void)
 {
-    return __builtin_expect(__atomic_load_n(&ut_hist_debug, __ATOMIC_RELAXED) != 0, 0);
+    return __builtin_expect(__atomic_load_n(&ut_hist_debug, __ATOMIC_RELAXED), 0) != 0;
 }
 
 /* One parameter: any value as wide as a pointer (pointers, long, size_t, int64_t, double ...). Narrower
@@ -175,36 +192,19 @@ inline void* ut_hist_parm(T value)
     }))
 #endif
 
-/* Call-site plumbing: N text, parameters -> the arguments of ut_hist_add from the event text on. */
-#define UT_HIST_CAT_(a, b)                                                          UT_HIST_CAT2_(a, b)
-#define UT_HIST_CAT2_(a, b)                                                         a##b
-#define UT_HIST_COUNT_(...)                                                         UT_HIST_NTH_(__VA_ARGS__, 9, 9, 9, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 0)
-#define UT_HIST_NTH_(a0, a1, a2, a3, a4, a5, a6, a7, a8, a9, a10, a11, a12, n, ...) n
-#define UT_HIST_Z_                                                                  ((void*)0)
-#define UT_HIST_ARGS_0_(ev)                                                                                            \
-    ev, 0, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
-#define UT_HIST_ARGS_1_(ev, a)                                                                                         \
-    ev, 1, UT_HIST_P_(a), UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
-#define UT_HIST_ARGS_2_(ev, a, b)                                                                                      \
-    ev, 2, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
-#define UT_HIST_ARGS_3_(ev, a, b, c)                                                                                   \
-    ev, 3, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
-#define UT_HIST_ARGS_4_(ev, a, b, c, d)                                                                                \
-    ev, 4, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_P_(d), UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
-#define UT_HIST_ARGS_5_(ev, a, b, c, d, e)                                                                             \
-    ev, 5, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_P_(d), UT_HIST_P_(e), UT_HIST_Z_, UT_HIST_Z_, UT_HIST_Z_
-#define UT_HIST_ARGS_6_(ev, a, b, c, d, e, f)                                                                          \
-    ev, 6, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_P_(d), UT_HIST_P_(e), UT_HIST_P_(f), UT_HIST_Z_,       \
-        UT_HIST_Z_
-#define UT_HIST_ARGS_7_(ev, a, b, c, d, e, f, g)                                                                       \
-    ev, 7, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_P_(d), UT_HIST_P_(e), UT_HIST_P_(f), UT_HIST_P_(g),    \
-        UT_HIST_Z_
-#define UT_HIST_ARGS_8_(ev, a, b, c, d, e, f, g, h)                                                                    \
-    ev, 8, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_P_(d), UT_HIST_P_(e), UT_HIST_P_(f), UT_HIST_P_(g),    \
+/* Call-site plumbing: text and parameters -> the arguments of ut_hist_add from the event text on, filled up by 0. */
+#define UT_HIST_CAT_(a, b)  UT_HIST_CAT2_(a, b)
+#define UT_HIST_CAT2_(a, b) a##b
+#define UT_HIST_ARGS_(...)  UT_HIST_FILL_(UT_HIST_COUNT_(__VA_ARGS__), __VA_ARGS__, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L)
+#define UT_HIST_FILL_(...)  UT_HIST_FILL2_(__VA_ARGS__)
+#define UT_HIST_FILL2_(pn, ev, a, b, c, d, e, f, g, h, ...)                                                            \
+    ev, pn, UT_HIST_P_(a), UT_HIST_P_(b), UT_HIST_P_(c), UT_HIST_P_(d), UT_HIST_P_(e), UT_HIST_P_(f), UT_HIST_P_(g),   \
         UT_HIST_P_(h)
 /* Nine to twelve parameters: the name that the compiler complains of says why. */
-#define UT_HIST_ARGS_9_(...) ut_hist_takes_at_most_8_parameters
-#define UT_HIST_ARGS_(...)   UT_HIST_CAT_(UT_HIST_CAT_(UT_HIST_ARGS_, UT_HIST_COUNT_(__VA_ARGS__)), _)(__VA_ARGS__)
+#define UT_HIST_COUNT_(...)                                                                                            \
+    UT_HIST_NTH_(__VA_ARGS__, ut_hist_takes_at_most_8_parameters, ut_hist_takes_at_most_8_parameters,                  \
+                 ut_hist_takes_at_most_8_parameters, ut_hist_takes_at_most_8_parameters, 8, 7, 6, 5, 4, 3, 2, 1, 0, 0)
+#define UT_HIST_NTH_(a0, a1, a2, a3, a4, a5, a6, a7, a8, a9, a10, a11, a12, n, ...) n
 
 /* Declares a location that names nothing yet, private to this block. */
 #define UT_HIST_LOC(name) a_ut_hist_loc name = UT_HIST_LOC_INIT
@@ -218,9 +218,9 @@ inline void* ut_hist_parm(T value)
     } while (0)
 
 /* A plain event: id, text, 0 to 8 parameters. */
-#define UT_HIST_EV(id, ...) UT_HIST_ADD(UT_HIST_CL_EV, (a_ut_hist_loc*)0, id, __VA_ARGS__)
+#define UT_HIST_EV(id, ...) UT_HIST_ADD(UT_HIST_CL_EV, UT_HIST_NO_LOC_, id, __VA_ARGS__)
 /* A block of bytes: id, text, address, length as a long, up to 6 parameters more. */
-#define UT_HIST_DATA(id, ...) UT_HIST_ADD(UT_HIST_CL_DATA, (a_ut_hist_loc*)0, id, __VA_ARGS__)
+#define UT_HIST_DATA(id, ...) UT_HIST_ADD(UT_HIST_CL_DATA, UT_HIST_NO_LOC_, id, __VA_ARGS__)
 /* Begin and end of a piece of work, timed through one location: location, id, text, 0 to 8 parameters. */
 #define UT_HIST_BEG(loc, id, ...) UT_HIST_ADD(UT_HIST_CL_BEG, loc, id, __VA_ARGS__)
 #define UT_HIST_END(loc, id, ...) UT_HIST_ADD(UT_HIST_CL_END, loc, id, __VA_ARGS__)
@@ -241,8 +241,7 @@ public:
         if (on)
             add(UT_HIST_CL_END);
     }
-    a_ut_hist_scope(const a_ut_hist_scope&) = delete;
-    a_ut_hist_scope& operator=(const a_ut_hist_scope&) = delete;
+    a_ut_hist_scope& operator=(a_ut_hist_scope&&) = delete; /* nor copies */
 
 private:
     void add(a_ut_hist_cl cl) { ut_hist_add(file, line, &loc, cl, id, UT_HIST_ARGS_(ev)); }

@@ -1,4 +1,4 @@
-/* identity.h: facts about the process that are recorded once and asked for later, for C11 and C++20. None has a
+/* identity.h: facts about the process that are recorded once and asked for later, for C99 and C++11. None has a
  * lock: set them before other threads ask. Only the mutex operations are for several threads. Nothing here is
  * signal-safe but OS_GetRootPid. */
 #ifndef CORVEX_IDENTITY_H

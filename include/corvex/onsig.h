@@ -1,4 +1,4 @@
-/* onsig.h: what happens when a fatal or terminating signal arrives, for C11 and C++20.
+/* onsig.h: what happens when a fatal or terminating signal arrives, for C99 and C++11.
  *
  * ut_onsig_install_signal_handlers installs the library's handler for SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV
  * (crash) and SIGHUP, SIGINT, SIGQUIT, SIGTERM (termination). On such a signal it runs the registered callbacks in
@@ -29,10 +29,9 @@
 
 CORVEX_C_BEGIN
 
-/* A callback: the signal; the value given at registration; whether the library's handler was reached through
- * one installed after it; whether an earlier handler gets the signal next; whether the process is cleaned up
- * and ended (then, and only then, release resources); the system's siginfo_t and ucontext_t of this delivery.
- */
+/* A callback: the signal; the value given at registration; whether the library's handler was reached through one
+ * installed after it; whether an earlier handler gets the signal next; whether the process is cleaned up and ended
+ * (then, and only then, release resources); the system's siginfo_t and ucontext_t of this delivery. */
 typedef void (*a_sig_handler_func)(int sig, void* arg, a_bool chained, a_bool chaining, a_bool cleanup, void* siginfo,
                                    void* context);
 

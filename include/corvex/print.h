@@ -1,5 +1,5 @@
-/* print.h: one channel for messages and one for errors, each of which the program may redirect, for C11 and
- * C++20. A channel without a routine writes to standard output (messages) or standard error (errors). */
+/* print.h: one channel for messages and one for errors, each of which the program may redirect, for C99 and
+ * C++11. A channel without a routine writes to standard output (messages) or standard error (errors). */
 #ifndef CORVEX_PRINT_H
 #define CORVEX_PRINT_H
 

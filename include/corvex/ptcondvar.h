@@ -1,6 +1,5 @@
-/* ptcondvar.h: POSIX condition variables, for C11 and C++20: plain wrappers, and safe ones from a pool that
- * the library owns. The pool works like that of the safe mutexes (ptmutex.h). Absolute times are of the
- * real-time clock. */
+/* ptcondvar.h: POSIX condition variables, for C99 and C++11: plain wrappers, and safe ones from a pool that the library
+ * owns. The pool works like that of the safe mutexes (ptmutex.h). Absolute times are of the real-time clock. */
 #ifndef CORVEX_PTCONDVAR_H
 #define CORVEX_PTCONDVAR_H
 
@@ -29,8 +28,7 @@ CORVEX_API int ut_pthread_cond_broadcast(pthread_cond_t* cond);
  * Thread-safe. Not signal-safe: it locks and may allocate. */
 CORVEX_API int ut_safe_pthread_cond_init(a_ut_safe_pthread_cond_t* _cv, const pthread_condattr_t* attr);
 
-/* Gives it back and makes the handle null; a null handle is left alone. Returns 0. Thread-safe. Not
- * signal-safe. */
+/* Gives it back and makes the handle null; a null handle is left alone. Returns 0. Thread-safe. Not signal-safe. */
 CORVEX_API int ut_safe_pthread_cond_destroy(a_ut_safe_pthread_cond_t* _cv);
 
 /* As for the mutex pool. */

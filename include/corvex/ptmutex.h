@@ -1,14 +1,12 @@
-/* ptmutex.h: POSIX mutexes, for C11 and C++20: plain wrappers, and safe mutexes from a pool that the library
- * owns.
+/* ptmutex.h: POSIX mutexes, for C99 and C++11: plain wrappers, and safe mutexes from a pool that the library owns.
  *
- * A safe mutex is a handle of one pointer to a pooled mutex with default attributes, never recursive. The
- * pool makes its mutexes 50 at a time, hands them out again without initialising them anew, and frees all of
- * them with the last handle. A handle is taken once and given back once, by then unlocked and used by nobody;
- * it is not validated. When the process exits the pool stops with the library: no thread may take or give back then.
- * The library's own shut-down waits at most a second for the pool, which an exit from a signal handler may have
- * interrupted, and then leaves its mutexes alone.
- * ThreadSanitizer takes a mutex that is handed out again for the old one, and may report a
- * lock order of two owners: TSAN_OPTIONS=detect_deadlocks=0 silences that. */
+ * A safe mutex is a handle of one pointer to a pooled mutex with default attributes, never recursive. The pool makes
+ * its mutexes 50 at a time, hands them out again without initialising them anew, and frees all of them with the last
+ * handle. A handle is taken once and given back once, by then unlocked and used by nobody; it is not validated. When
+ * the process exits the pool stops with the library: no thread may take or give back then. The library's own shut-down
+ * waits at most a second for the pool, which an exit from a signal handler may have interrupted, and then leaves its
+ * mutexes alone. ThreadSanitizer takes a mutex that is handed out again for the old one, and may report a lock order of
+ * two owners: TSAN_OPTIONS=detect_deadlocks=0 silences that. */
 #ifndef CORVEX_PTMUTEX_H
 #define CORVEX_PTMUTEX_H
 

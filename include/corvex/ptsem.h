@@ -1,4 +1,4 @@
-/* ptsem.h: a binary, auto-resetting semaphore on a pooled mutex and condition variable, for C11 and C++20.
+/* ptsem.h: a binary, auto-resetting semaphore on a pooled mutex and condition variable, for C99 and C++11.
  *
  * Signalling sets a flag, however often; a wait that returns clears it. Whatever a thread stored before it signalled is
  * seen by the thread whose wait returns next, also when the flag was set already: each of the two has a full barrier

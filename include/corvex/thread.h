@@ -1,24 +1,23 @@
-/* thread.h: the thread layer, for C11 and C++20: a table with one descriptor per thread that uses it, starting and
+/* thread.h: the thread layer, for C99 and C++11: a table with one descriptor per thread that uses it, starting and
  * ending threads, parking and waking them with a value, and a recursive mutex.
  *
- * OS_Init comes before any other OS_ operation on threads and is matched by one OS_Fini. A thread gets its
- * descriptor at its first use (OS_Me, OS_Attach_Thread, OS_Wait, OS_Begin_Thread_Attachable) or when the layer
- * starts it, keeps it while it holds an attach reference, and loses it with the last. A thread which the layer started
- * loses it at its end in any case, also by pthread_exit and cancellation. Another one which ends without detaching
- * leaves its descriptor in the table until the last OS_Fini, which releases all of them.
+ * OS_Init comes before any other OS_ operation on threads and is matched by one OS_Fini. A thread gets its descriptor
+ * at its first use (OS_Me, OS_Attach_Thread, OS_Wait, OS_Begin_Thread_Attachable) or when the layer starts it, keeps it
+ * while it holds an attach reference, and loses it with the last. A thread which the layer started loses it at its end
+ * in any case, also by pthread_exit and cancellation. Another one which ends without detaching leaves its descriptor in
+ * the table until the last OS_Fini, which releases all of them.
  *
- * In a forked child every lock of the layer is free, but those that the forking thread holds; it keeps its
- * descriptor, and those of the parent's other threads stay in the table until OS_Fini, for threads which there are
- * not.
+ * In a forked child every lock of the layer is free, but those that the forking thread holds; it keeps its descriptor,
+ * and those of the parent's other threads stay in the table until OS_Fini, for threads which there are not.
  *
  * Out of memory: a mutex that OS_MutexInit could not make must not be used (its `mutex` is null then). A failed
  * allocation is also reported on standard output and in the system log, which closes the program's own openlog.
  *
  * The library must not be unloaded before the threads which it started have ended: join the attachable ones first.
  *
- * Nothing here is signal-safe, nothing here is a cancellation point but OS_WaitOnThreadTermination. Nothing here
- * calls OS_Init: use outside it is an error that is not checked, but for waiting (see OS_Wait) and for a started
- * thread's end. */
+ * Nothing here is signal-safe, nothing here is a cancellation point but OS_WaitOnThreadTermination. Nothing here calls
+ * OS_Init: use outside it is an error that is not checked, but for waiting (see OS_Wait) and for a started thread's
+ * end. */
 #ifndef CORVEX_THREAD_H
 #define CORVEX_THREAD_H
 
@@ -45,8 +44,7 @@ typedef struct an_os_thread {
 #ifdef __cplusplus
     explicit an_os_thread(a_bool attachable_parm);
     ~an_os_thread();
-    an_os_thread(const an_os_thread&) = delete;
-    an_os_thread& operator=(const an_os_thread&) = delete;
+    an_os_thread& operator=(an_os_thread&&) = delete; /* nor copies */
     void* operator new(size_t size) noexcept;
     void operator delete(void* block) noexcept;
 #endif

@@ -1,10 +1,16 @@
-/* types.h: the integer and boolean types of the whole interface, for C11 and C++20.
+/* types.h: the integer and boolean types of the whole interface, for C99 and C++11.
  * Invariant: the widths below are part of the binary interface and never change. */
 #ifndef CORVEX_TYPES_H
 #define CORVEX_TYPES_H
 
 #include <stddef.h>
 #include <stdint.h>
+
+/* The interface's version, as one number to compare with: 160000 is 16.0.0. */
+#define CORVEX_VERSION_MAJOR 16
+#define CORVEX_VERSION_MINOR 0
+#define CORVEX_VERSION_PATCH 0
+#define CORVEX_VERSION       (CORVEX_VERSION_MAJOR * 10000 + CORVEX_VERSION_MINOR * 100 + CORVEX_VERSION_PATCH)
 
 #ifdef __cplusplus
 #define CORVEX_C_BEGIN           extern "C" {
@@ -13,7 +19,7 @@
 #else
 #define CORVEX_C_BEGIN
 #define CORVEX_C_END
-#define CORVEX_LAYOUT(condition) _Static_assert(condition, "the layout is part of the binary interface")
+#define CORVEX_LAYOUT(condition) __extension__ _Static_assert(condition, "the layout is part of the binary interface")
 #endif
 
 /* Marks what the shared library exports. */

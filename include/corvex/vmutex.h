@@ -1,6 +1,6 @@
-// vmutex.h: a mutex behind a virtual interface, for C++20. Nothing of the implementing class shows; the lock is a pooled
-// mutex with default attributes, so it is not recursive. The library carries no type information: typeid and dynamic_cast
-// do not work on one, and a caller under UndefinedBehaviorSanitizer needs -fno-sanitize=vptr.
+// vmutex.h: a mutex behind a virtual interface, for C++11. Nothing of the implementing class shows; the lock is a
+// pooled mutex with default attributes, so it is not recursive. The library carries no type information: typeid and
+// dynamic_cast do not work on one, and a caller under UndefinedBehaviorSanitizer needs -fno-sanitize=vptr.
 #ifndef CORVEX_VMUTEX_H
 #define CORVEX_VMUTEX_H
 

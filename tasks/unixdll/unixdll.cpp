@@ -1,17 +1,14 @@
-// unixdll.cpp: starts the library when the dynamic loader maps it and stops it when it is unmapped or the
-// process exits.
+// unixdll.cpp: starts the library when the loader maps it and stops it when it is unmapped or the process exits.
 //
-// The static objects at the end of this file stand in the order in which they must be built; their
-// destructors run in reverse. Each subsystem has one line in the start, the stop and, where it owns locks,
-// the fork sequence; the stop is the reverse of the start. Everything runs under the loader's serialisation,
-// so the load count needs no lock; the fork sequence runs on the child's only thread and is signal-safe.
+// The static objects at the end of this file stand in the order in which they must be built; their destructors run in
+// reverse. Each subsystem has one line in the start, the stop and, where it owns locks, the fork sequence; the stop is
+// the reverse of the start. Everything runs under the loader's serialisation, so the load count needs no lock; the fork
+// sequence runs on the child's only thread and is signal-safe.
 #include "tasks/unixdll/unixdll.h"
 
 #include <pthread.h>
 
 #include "corvex/forkprotection.h"
-#include "tasks/unixdll/version_record.h"
-#include "utils/etc/osident.h"
 #include "utils/etc/osthread.h"
 #include "utils/etc/uthist/uthist.h"
 #include "utils/unix/sysvsemo.h"
@@ -46,10 +43,8 @@ void FiniTheInternalStuff_corvex()
     ut_safe_pthread_mutex_crit_fini();
 }
 
-// Makes every lock of the library free in a forked child, but recursive ones that the forking thread itself holds:
-// nothing is locked before a fork, since crash handlers fork, so a thread which the child does not have may have held
-// any.
-// Signal-safe.
+// Frees every lock of the library in a forked child, but recursive ones that the forking thread itself holds: nothing
+// is locked before a fork, since crash handlers fork, so a thread which the child does not have may have held any.
 void FreeLocksInChild_corvex()
 {
     unix_ending_fork_child();
@@ -72,17 +67,13 @@ public:
         unix_make_home_process();
         UnixForkProtection_Init();
         pthread_atfork(nullptr, nullptr, FreeLocksInChild_corvex);
+        ut_hist_static_defaults();
     }
     ~an_outermost_corvex()
     {
         ut_hist_unload();
         ut_onsig_unload();
     }
-};
-
-class a_history_defaults_corvex {
-public:
-    a_history_defaults_corvex() { ut_hist_static_defaults(); }
 };
 
 class an_init_fini_execute_me_corvex {
@@ -93,7 +84,6 @@ public:
 
 dbversion_info ver_info;
 an_outermost_corvex outermost_corvex;
-a_history_defaults_corvex history_defaults_corvex;
 
 }  // namespace
 

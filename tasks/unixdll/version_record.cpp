@@ -1,14 +1,18 @@
-// version_record.cpp: the version record: a marker by which tools find it in the library file, eighteen
-// entries KEY=value each ended by a zero byte, an empty entry, and eight closing bytes (layout version 1,
-// then zeros) with a last zero byte. The build makes the values (cmake/version_record.cmake). Read-only after
-// load, but for tools that patch the file.
-#include "tasks/unixdll/version_record.h"
-
+// version_record.cpp: the version record: a marker by which tools find it in the library file, eighteen entries
+// KEY=value each ended by a zero byte, an empty entry, and eight closing bytes (layout version 1, then zeros) with a
+// last zero byte. The build makes the values (cmake/version_record.cmake). Read-only after load,
+// but for tools that patch the file.
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
+#include "corvex/types.h"
+#include "tasks/unixdll/unixdll.h"
 #include "utils/etc/utenv.h"
+#include "utils/unix/unixout.h"
 #include "version_record.inc"
+
+static_assert(VERSION_RECORD_NUMBER == CORVEX_VERSION, "the build and types.h name the same version");
 
 // Used: nothing refers to the marker, tools look for it. The literal's own zero byte is the last.
 __attribute__((used)) char __DBVersionInfo_corvex16_r[] = "@@==Version==@1@"
@@ -33,19 +37,18 @@ __attribute__((used)) char __DBVersionInfo_corvex16_r[] = "@@==Version==@1@"
                                                           "\0"
                                                           "\1\0\0\0\0\0\0\0";
 
-namespace {
-
-constexpr int entries_before_uname = 14;  // the marker with MODULE counts as the first
-
-}  // namespace
-
 dbversion_info::dbversion_info()
 {
     if (ut_getenv2("VORNE_VERSION_INFO") == nullptr)
         return;
+    constexpr int entries_before_uname = 14;  // the marker with MODULE counts as the first
     const char* entry = __DBVersionInfo_corvex16_r;
     for (int i = 0; i < entries_before_uname; i++)
         entry += strlen(entry) + 1;
-    printf("%s\n", entry);
-    fflush(stdout);
+    fflush(stdout);  // what the program printed before the library was loaded
+    an_output out;
+    out.open(STDOUT_FILENO);
+    out.write(entry, strlen(entry));
+    out.write("\n", 1);
+    out.close();
 }

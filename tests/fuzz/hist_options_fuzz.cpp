@@ -16,7 +16,8 @@
 #include <string>
 
 #include "utils/etc/uthist/hist_config.h"
-#include "utils/etc/uthist/hist_log.h"
+#include "utils/etc/uthist/hist_errout.h"
+#include "utils/etc/uthist/uthist.h"
 
 // Names come from the fuzzer: nothing but /dev/null is opened for writing.
 extern "C" int open(const char* name, int flags, ...)
@@ -41,8 +42,9 @@ bool is_flag(int32 value) { return value == 0 || value == 1; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    hist_cfg = {};
-    hist_cfg.ut_hist_dump_err_file = fopen("/dev/null", "w");  // closed when another takes its place, or below
+    static const int nowhere = dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);  // the messages
+    require(nowhere >= 0, "there is a stream");
+    ut_hist_static_defaults();
     const size_t len = size < env_buf_size ? size : env_buf_size - 1;
     char* const options = static_cast<char*>(malloc(len + 1));  // its exact size, for the sanitizer
     memcpy(options, data, len);
@@ -50,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     hist_parse_options(options);
     free(options);
     hist_write_settings();
-    Close_Errout();
+    hist_errout_close();
 
     const a_ut_hist_settings& cfg = hist_cfg;
     require(cfg.ut_hist_debug_num >= 1, "a ring has a slot");
@@ -58,10 +60,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     require(cfg.hist_num_q == 3 || cfg.ut_hist_debug_q_by_thr == 1, "more queues only by thread");
     require(cfg.hist_max_file_len > 0 && cfg.hist_max_id_len > 0 && cfg.hist_max_ev_len > 0, "texts have room");
     require(cfg.ut_hist_debug_knum >= 0 && cfg.ut_hist_debug_data_size >= 0, "sizes do not wrap");
-    require(is_flag(cfg.ut_hist_debug_data) && is_flag(cfg.ut_hist_dump_on_fini) && is_flag(cfg.ut_hist_dump_append),
+    require(is_flag(cfg.ut_hist_debug_data) && is_flag(cfg.ut_hist_dump_on_fini) &&
+                is_flag(hist_streams.ut_hist_dump_append),
             "flags");
     require(cfg.ut_hist_dump_on_sig <= 2 && cfg.ut_hist_exit_cleanup <= 2 && cfg.ut_hist_z_messages <= 2, "levels");
-    require(strlen(cfg.ut_hist_dump_err_name) < env_buf_size, "a name ends");
+    require(strlen(hist_errout_name()) < env_buf_size, "a name ends");
     require(cfg.ut_hist_dump_log_name == nullptr || strlen(cfg.ut_hist_dump_log_name) < env_buf_size, "a name ends");
     return 0;
 }

@@ -1,6 +1,7 @@
-// hist_dump_test.cpp: what the history writes, to the byte, under a fixed clock. Most of it stands in tests/process/cases: a
-// case is a line "UT_HIST=options", further variables, the steps of hist_play, indented, and what comes out, each text
-// between "name:" and a line ".".
+// hist_dump_test.cpp: what the history writes, to the byte, under a fixed clock. Most of it stands in
+// tests/process/cases: a case is a line "UT_HIST=options", further variables, the steps of hist_play, indented, and
+// what comes out, each text between "name:" and a line ".".
+#include <algorithm>
 #include <map>
 
 #include "tests/process/hist_played.h"
@@ -12,13 +13,13 @@ struct a_case {
     a_text_list env, script;
     std::map<std::string, std::string> expected;
 
-    void check(const std::string& file) const
+    void check() const
     {
         const a_played seen = played(options, script, env.empty() ? a_text_list{"TZ=UTC"} : env);
         const std::map<std::string, std::string> all = {
             {"rows", rows(seen.err)}, {"err", seen.err}, {"out", seen.out}, {"log", seen.log}, {"errout", seen.errout}};
         for (const auto& [name, text] : expected)
-            EXPECT_EQ(all.at(name), text) << file << ": " << name << " of UT_HIST=" << options;
+            EXPECT_EQ(all.at(name), text) << name << " of UT_HIST=" << options;
     }
 };
 
@@ -41,14 +42,27 @@ std::vector<a_case> read_cases(const std::string& path)
     return cases;
 }
 
+a_text_list case_files()
+{
+    a_text_list names;
+    for (const auto& file : std::filesystem::directory_iterator(SOURCE_DIR "/tests/process/cases"))
+        names.push_back(file.path().stem());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+class HistDumpComesOutAsIn : public testing::TestWithParam<std::string> {};
+
 }  // namespace
 
-TEST(HistDump, ComesOutAsTheCasesSay)
+TEST_P(HistDumpComesOutAsIn, cases)
 {
-    for (const auto& file : std::filesystem::directory_iterator(SOURCE_DIR "/tests/process/cases"))
-        for (const a_case& one : read_cases(file.path()))
-            one.check(file.path().stem());
+    for (const a_case& one : read_cases(SOURCE_DIR "/tests/process/cases/" + GetParam() + ".txt"))
+        one.check();
 }
+
+INSTANTIATE_TEST_SUITE_P(, HistDumpComesOutAsIn, testing::ValuesIn(case_files()),
+                         [](const auto& file) { return file.param; });
 
 TEST(HistDump, ReadsNoTextBeyondItsEnd)
 {

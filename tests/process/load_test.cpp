@@ -1,5 +1,5 @@
-// Loading and unloading: the version record, forked children, and what dlclose leaves behind. This program is not linked
-// with the library: each case loads it in a process of its own.
+// Loading and unloading: the version record, forked children, and what dlclose leaves behind. This program is not
+// linked with the library: each case loads it in a process of its own.
 #include <dlfcn.h>
 #include <fnmatch.h>
 #include <malloc.h>
@@ -46,6 +46,9 @@ TEST(VersionRecord, HoldsEighteenEntriesAndPrintsItsSystemLineOnRequest)
                                           dup2(child_pipe[1], STDOUT_FILENO);
                                           dlopen(LIBRARY_FILE, RTLD_NOW);
                                       }).said);
+    EXPECT_TRUE(
+        run("/bin/sh", {"VORNE_VERSION_INFO="}, {"-c", "ulimit -f 0; exec " PROGRAM_DIR "/hist_play"}).exited_well())
+        << "a line that finds no room does not end the process";
 }
 
 TEST(VersionRecord, IsTheSameInEveryBuildOfOneSourceDate)
@@ -97,8 +100,8 @@ TEST(ForkedChild, StopsNothingAtItsExitUnlessReset)
     }
 }
 
-// One life of the library in this process: handlers are installed, a timed pair of events is recorded, and a thread of the
-// library runs.
+// One life of the library in this process: handlers are installed, a timed pair of events is recorded, and a thread of
+// the library runs.
 void load_and_unload()
 {
     void* library = dlopen(LIBRARY_FILE, RTLD_NOW);

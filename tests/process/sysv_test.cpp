@@ -66,3 +66,13 @@ TEST(SysvShortage, LeavesNothingWhicheverCallFails)
                   std::string::npos)
             << size;
 }
+
+TEST(SysvShortage, ExitInAHandlerThatInterruptedACloseEndsAndLeavesNoSet)
+{
+    if (sanitized)
+        return;
+    unshare(CLONE_NEWIPC);
+    const int before = kernel_sets();
+    EXPECT_EQ(run("sysv_shortage", {"TBX_MAX_NSEMS=8"}, {"exit"}).status, 0);
+    EXPECT_EQ(kernel_sets(), before);
+}

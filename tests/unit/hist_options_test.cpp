@@ -1,13 +1,17 @@
 // hist_options_test.cpp: the grammar of the option string, as a table of strings and the settings that they change.
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "utils/etc/uthist/hist_config.h"
+#include "utils/etc/uthist/hist_errout.h"
+#include "utils/etc/uthist/uthist.h"
 
 namespace {
 
@@ -29,56 +33,51 @@ constexpr a_number_setting numbers[] = {
     {"ev", &a_ut_hist_settings::hist_max_ev_len},
     {"stats", &a_ut_hist_settings::ut_hist_debug_rec_stats},
     {"knum", &a_ut_hist_settings::ut_hist_debug_knum},
-    {"append", &a_ut_hist_settings::ut_hist_dump_append},
     {"report", &a_ut_hist_settings::ut_hist_dump_report},
     {"cleanup", &a_ut_hist_settings::ut_hist_exit_cleanup},
-    {"ia", &a_ut_hist_settings::ut_hist_inc_tod},
-    {"ic", &a_ut_hist_settings::ut_hist_inc_class},
-    {"id_", &a_ut_hist_settings::ut_hist_inc_dur},
-    {"ie", &a_ut_hist_settings::ut_hist_inc_event},
-    {"ii", &a_ut_hist_settings::ut_hist_inc_id},
-    {"il", &a_ut_hist_settings::ut_hist_inc_line},
-    {"im", &a_ut_hist_settings::ut_hist_inc_sigmask},
-    {"in", &a_ut_hist_settings::ut_hist_inc_num},
-    {"ip", &a_ut_hist_settings::ut_hist_inc_parms},
-    {"iq", &a_ut_hist_settings::ut_hist_inc_queue},
-    {"ir", &a_ut_hist_settings::ut_hist_inc_prio},
-    {"is", &a_ut_hist_settings::ut_hist_inc_file},
-    {"it", &a_ut_hist_settings::ut_hist_inc_thread},
 };
 
-// What parsing changes, in the order above, then the names, the line ending, the switch and the complaints.
+// What parsing changes, in the order above, then the columns, names, line ending, switch and complaints. What it writes
+// on the message stream, which is standard error or a file in this directory, is found there.
 std::string changes(const char* options)
 {
-    hist_cfg = {};
-    ut_hist_debug = 1;
+    char captured[] = "/tmp/corvex-options-XXXXXX";
+    const int file = mkstemp(captured), kept = dup(STDERR_FILENO);
+    dup2(file, STDERR_FILENO);
+    ut_hist_static_defaults();
     hist_cfg.ut_hist_debug_rec_stats = 1;
-    char* written = nullptr;
-    size_t size = 0;
-    FILE* err = open_memstream(&written, &size);
-    hist_cfg.ut_hist_dump_err_file = err;
+    const a_ut_hist_settings defaults = hist_cfg;
+    ut_hist_debug = 1;
     char* copy = strdup(options);
     hist_parse_options(copy);
     free(copy);
-    fclose(err);
+    dup2(kept, STDERR_FILENO);
+    close(kept);
+    close(file);
+    std::stringstream written;
+    written << std::ifstream(captured).rdbuf();
+    unlink(captured);
 
-    a_ut_hist_settings defaults;
-    defaults.ut_hist_debug_rec_stats = 1;
     std::string seen;
     for (const a_number_setting& number : numbers)
         if (hist_cfg.*number.variable != defaults.*number.variable)
             seen += std::string(number.name) + "=" + std::to_string(hist_cfg.*number.variable) + " ";
-    if (strcmp(hist_cfg.ut_hist_dump_err_name, "stderr") != 0)
-        seen += "err<" + std::string(hist_cfg.ut_hist_dump_err_name) + "> ";
+    if (hist_streams.ut_hist_dump_append != 1)
+        seen += "append=" + std::to_string(hist_streams.ut_hist_dump_append) + " ";
+    for (char c = 'a'; c <= 'z'; c++)
+        if (hist_cfg.include[c - 'a'] != defaults.include[c - 'a'])
+            seen += std::string("i") + c + "=" + std::to_string(hist_cfg.include[c - 'a']) + " ";
+    if (strcmp(hist_errout_name(), "stderr") != 0)
+        seen += "err<" + std::string(hist_errout_name()) + "> ";
     if (hist_cfg.ut_hist_dump_log_name != nullptr)
         seen += "log<" + std::string(hist_cfg.ut_hist_dump_log_name) + "> ";
-    if (strcmp(hist_cfg.ut_hist_eol, "\n") != 0)
+    if (strcmp(hist_streams.ut_hist_eol, "\n") != 0)
         seen += "crlf ";
     if (ut_hist_debug != 1)
         seen += "off ";
-    for (const char* at = written; (at = strstr(at, "unknown UT_HIST option char '")) != nullptr; at++)
-        seen += "?" + std::string(at + 29, 1) + " ";
-    free(written);
+    const std::string text = written.str(), report = "unknown UT_HIST option char '";
+    for (size_t at = 0; (at = text.find(report, at)) != std::string::npos; at += report.size())
+        seen.append("?").append(text, at + report.size(), 1).append(" ");
     return seen.empty() ? seen : seen.substr(0, seen.size() - 1);
 }
 

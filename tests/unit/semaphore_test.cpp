@@ -1,5 +1,5 @@
-// semaphore_test.cpp: binary semaphores: they do not count, wake one waiter a signal, end waits in time, and lose neither a
-// signal nor a value stored before one.
+// semaphore_test.cpp: binary semaphores: they do not count, wake one waiter a signal, end waits in time, and lose
+// neither a signal nor a value stored before one.
 #include "corvex/ptsem.h"
 
 #include <dlfcn.h>
@@ -133,8 +133,8 @@ TEST(Semaphore, WakesOneOfManyWaitersASignal)
 }
 
 // The waker stores a value and signals, twice in quick succession; whatever the flag was then, the waiter ends with the
-// last value. It spins for the flag, so that the two meet within some ten instructions, at a distance that the rounds vary.
-// A signaller that looks by a plain load alone fails here within a second.
+// last value. It spins for the flag, so that the two meet within some ten instructions, at a distance that the rounds
+// vary. A signaller that looks by a plain load alone fails here within a second.
 TEST(Semaphore, LosesNoValueStoredBeforeASignal)
 {
     constexpr long rounds = 200000;

@@ -1,7 +1,8 @@
-// sysvsem_test.cpp: System V semaphores: packing into sets, order, values, and what is left in the kernel. Each case runs in
-// a child with a namespace of its own where that is allowed, since the set size is fixed once per process.
+// sysvsem_test.cpp: System V semaphores: packing into sets, order, values, and what is left in the kernel. Each case
+// runs in a child with a namespace of its own where that is allowed, since the set size is fixed once per process.
 #include <fcntl.h>
 #include <sched.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/ipc.h>
@@ -22,6 +23,8 @@
 #include "utils/unix/sysvsemo.h"
 
 namespace {
+
+int setvals = 0, semops = 0;  // calls
 
 int kernel_sets()
 {
@@ -60,6 +63,22 @@ a_sysv_semaphore open_one(int value = 1)
 }
 
 }  // namespace
+
+extern "C" int semctl(int id, int n, int command, ...) noexcept
+{
+    va_list args;
+    va_start(args, command);
+    void* arg = va_arg(args, void*);
+    va_end(args);
+    __atomic_add_fetch(&setvals, command == SETVAL, __ATOMIC_RELAXED);
+    return int(syscall(SYS_semctl, id, n, command, arg));
+}
+
+extern "C" int semop(int id, sembuf* operations, size_t n) noexcept
+{
+    __atomic_add_fetch(&semops, 1, __ATOMIC_RELAXED);
+    return int(syscall(SYS_semop, id, operations, n));
+}
 
 TEST(SysvSemaphores, PackIntoSetsLowestMemberFirst)
 {
@@ -191,6 +210,56 @@ TEST(SysvSemaphores, ASetThatSomebodyElseRemovedIsReplaced)
         sysv_close_semaphore(&fresh);
         EXPECT_EQ(own_sets(before), 0);
         EXPECT_TRUE(sysv_list_is_empty());
+    });
+}
+
+TEST(SysvSemaphores, MembersOfLargeSetsGetTheirFirstValueBySemop)
+{
+    in_child("65", [] {
+        const int values[] = {5, 0, 32767};
+        a_sysv_semaphore open[3], refused;
+        for (int i = 0; i < 3; i++) {
+            open[i] = open_one(values[i]);
+            EXPECT_EQ(semctl(open[i].ident, open[i].offset, GETVAL), values[i]);
+        }
+        EXPECT_EQ(semops, 2) << "none for 0";
+        EXPECT_EQ(setvals, 0);
+        for (int value : {-1, 32768, 65537})
+            EXPECT_FALSE(sysv_open_semaphore(&refused, value)) << value;
+        EXPECT_EQ(open_one(7).offset, 3) << "refused values gave the member back";
+        EXPECT_EQ(semctl(open[0].ident, 3, GETVAL), 7);
+        EXPECT_EQ(setvals, 4) << "a member is fresh once";
+        // Whoever dies takes back only what it did to the member's earlier life.
+        int ready[2], go[2];
+        char c = 0;
+        ASSERT_EQ(pipe(ready) + pipe(go), 0);
+        const pid_t other = fork();
+        if (other == 0) {
+            sembuf add = {0, 3, SEM_UNDO};
+            _exit(semop(open[0].ident, &add, 1) != 0 || write(ready[1], &c, 1) != 1 || read(go[0], &c, 1) != 1);
+        }
+        EXPECT_EQ(read(ready[0], &c, 1), 1);
+        sysv_close_semaphore(&open[0]);
+        EXPECT_EQ(open_one(1).offset, 0);
+        EXPECT_EQ(write(go[1], &c, 1), 1);
+        waitpid(other, nullptr, 0);
+        EXPECT_EQ(semctl(open[0].ident, 0, GETVAL), 1);
+        const pid_t heir = fork();
+        if (heir == 0) {
+            UnixForkProtection_Reset();
+            setvals = 0;
+            EXPECT_EQ(open_one(2).offset, 4);
+            EXPECT_EQ(setvals, 1) << "the parent may have handed it out meanwhile";
+            _exit(testing::Test::HasFailure() ? 1 : 0);
+        }
+        int status;
+        waitpid(heir, &status, 0);
+        EXPECT_EQ(status, 0);
+    });
+    in_child("64", [] {
+        open_one();
+        EXPECT_EQ(setvals, 1) << "cheap in a small set";
+        EXPECT_EQ(semops, 0);
     });
 }
 

@@ -1,4 +1,5 @@
-// threads_test.cpp: the thread table, starting, parking and ending threads, the recursive mutex, identity, virtual mutex.
+// threads_test.cpp: the thread table, starting, parking and ending threads, the recursive mutex, identity, virtual
+// mutex.
 #include "corvex/corvex.h"
 
 #include <signal.h>

@@ -12,9 +12,9 @@
 #include <string.h>
 
 #include "utils/etc/osthread.h"
-#include "utils/etc/osthrsup.h"
 #include "utils/etc/utcancel.h"
 #include "utils/etc/utenv.h"
+#include "utils/unix/unixout.h"
 
 namespace {
 
@@ -51,12 +51,6 @@ void copy_name(char (&dst)[name_size], const char* name)
     dst[len] = '\0';
 }
 
-void name_thread(const char* name)
-{
-    if (name[0] != '\0')
-        pthread_setname_np(pthread_self(), name);
-}
-
 void leave_layer(void*)
 {
     const an_in_flight_guard guard;
@@ -82,10 +76,11 @@ p_os_thread enter_layer(a_bool attachable)
     return guard.started ? add_current_thread(attachable) : nullptr;
 }
 
-void begin_helper(void* _parms)
+void* begin_helper(void* _parms)
 {
     os_helper_parms* block = static_cast<os_helper_parms*>(_parms);
-    name_thread(block->name);
+    if (block->name[0] != '\0')
+        pthread_setname_np(pthread_self(), block->name);
     p_os_thread me = enter_layer(block->attachable);
     const an_os_thread_start_address func = block->func;
     void* const parm = block->parm;
@@ -93,11 +88,6 @@ void begin_helper(void* _parms)
     ut_pthread_signal_semaphore(&block->child_started);
     if (me != nullptr)
         run_thread_body(func, parm);
-}
-
-void* begin_routine(void* _parms)
-{
-    begin_helper(_parms);
     return nullptr;
 }
 
@@ -111,13 +101,6 @@ void* park(p_os_thread me)
     return __atomic_load_n(&me->parm, __ATOMIC_ACQUIRE);
 }
 
-// A thread which could not register has ended, or soon will: its stack is given back.
-void reclaim(a_thread_id id, const os_helper_parms& block)
-{
-    if (block.child == nullptr && block.attachable)
-        pthread_join(id, nullptr);
-}
-
 }  // namespace
 
 void Perform_Version_Check(uint32 version, int line)
@@ -125,8 +108,10 @@ void Perform_Version_Check(uint32 version, int line)
     if (version == interface_version)
         return;
     const char* wanted = ut_getenv2("ZT_PRINT_VERSION_ON_STARTUP");
-    if (wanted != nullptr && wanted[0] != '\0')
-        fprintf(stderr, "[%d] Version: %d vs %d\n", line, int(version), int(interface_version));
+    if (wanted == nullptr || wanted[0] == '\0')
+        return;
+    const a_quiet_scope quiet;
+    fprintf(stderr, "[%d] Version: %d vs %d\n", line, int(version), int(interface_version));
 }
 
 p_os_thread OS_Begin_Thread_Attachable(an_os_thread_start_address start_address, void* stack_bottom,
@@ -138,11 +123,13 @@ p_os_thread OS_Begin_Thread_Attachable(an_os_thread_start_address start_address,
     if (ut_pthread_open_semaphore(&block.child_started, 0) != 0)
         return nullptr;
     const a_thread_id id = attachable
-                               ? os_beginthread_attachable(begin_routine, stack_bottom, stack_size, &block, nullptr)
-                               : os_beginthread(begin_routine, stack_bottom, stack_size, &block, nullptr);
+                               ? os_beginthread_attachable(begin_helper, stack_bottom, stack_size, &block, nullptr)
+                               : os_beginthread(begin_helper, stack_bottom, stack_size, &block, nullptr);
     if (id != os_no_thread) {
         ut_pthread_waiton_semaphore(&block.child_started);
-        reclaim(id, block);
+        // A thread which could not register has ended, or soon will: its stack is given back.
+        if (block.child == nullptr && attachable)
+            pthread_join(id, nullptr);
     }
     ut_pthread_close_semaphore(&block.child_started);
     return block.child;

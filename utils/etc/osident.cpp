@@ -1,10 +1,9 @@
 // osident.cpp: facts about the process (corvex/identity.h). Plain values, set before others ask; the temporary-file
-// cleaner mutex lives while the process runs as the engine.
+// cleaner mutex lives while the process runs as the engine. Not signal-safe but for the root process and the fork step.
 #include <string.h>
 #include <unistd.h>
 
 #include "corvex/identity.h"
-#include "utils/etc/osident.h"
 #include "utils/etc/osthread.h"
 
 namespace {
@@ -29,7 +28,6 @@ void OS_SetRootPid(pid_t pid)
 
 void OS_ResetRootPid(void) { root_pid = no_pid; }
 
-// Signal-safe.
 pid_t OS_GetRootPid(void) { return root_pid != no_pid ? root_pid : getpid(); }
 
 void OS_SetEngineName(const char* name)
@@ -69,7 +67,6 @@ void OS_GiveTmpCleanerMutex(void)
         OS_MutexGive(&os_tmp_cleaner_mutex);
 }
 
-// Signal-safe.
 void os_ident_fork_child()
 {
     if (os_running_as_engine)

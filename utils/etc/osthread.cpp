@@ -3,7 +3,7 @@
 // The table is a list through table_next, newest first. ThreadTableMutex guards it; it is held only to link, unlink or
 // walk, never across a join or a thread's body, and the pools' sections are taken inside it. A descriptor that has left
 // the table is destroyed outside the lock (but for OS_Fini). A process forked at any moment finds a sound list. Not
-// signal-safe but for the fork step.
+// signal-safe but for the fork steps.
 //
 // The last OS_Fini releases descriptors under threads which may be parked on them, or which the layer has started and
 // which are just taking theirs or giving them up. All are in flight: counted, and OS_Fini wakes them and waits:
@@ -19,7 +19,6 @@
 
 #include "utils/etc/utcancel.h"
 #include "utils/unix/utptmutex.h"
-#include "utils/unix/utptsem.h"
 #include "utils/utmem/utmem.h"
 
 namespace {
@@ -34,8 +33,7 @@ class a_table_lock {
 public:
     a_table_lock() { OS_MutexGet(&ThreadTableMutex); }
     ~a_table_lock() { OS_MutexGive(&ThreadTableMutex); }
-    a_table_lock(const a_table_lock&) = delete;
-    a_table_lock& operator=(const a_table_lock&) = delete;
+    a_table_lock& operator=(a_table_lock&&) = delete;  // nor copies
 };
 
 // Release: a forked child that finds the link finds the descriptor behind it.
@@ -102,14 +100,12 @@ a_bool OS_MutexGet(p_mutex mutex)
 a_bool OS_MutexTryGet(p_mutex mutex)
 {
     const a_thread_id me = own_id();
-    if (owner_of(mutex) == me) {
-        mutex->count++;
-        return TRUE;
+    if (owner_of(mutex) != me) {
+        if (pthread_mutex_trylock(mutex->mutex.p_mutex) != 0)
+            return FALSE;
+        set_owner(mutex, me);
     }
-    if (pthread_mutex_trylock(mutex->mutex.p_mutex) != 0)
-        return FALSE;
-    set_owner(mutex, me);
-    mutex->count = 1;
+    mutex->count++;
     return TRUE;
 }
 
@@ -136,7 +132,6 @@ void os_mutex_fini(p_mutex mutex, const pthread_mutex_t& reserve)
 }
 
 // A mutex that the forking thread itself holds stays held: a walker may fork, and its walk goes on in the child.
-// Signal-safe.
 void os_mutex_fork_child(p_mutex mutex)
 {
     if (owner_of(mutex) == own_id())
@@ -154,15 +149,11 @@ p_os_thread add_current_thread(a_bool attachable)
     p_os_thread me = TLSMe.IsUsable() ? new an_os_thread(attachable) : nullptr;
     if (me == nullptr)
         return nullptr;
-    if (me->wait.mutex.p_mutex == nullptr) {
+    if (me->wait.mutex.p_mutex == nullptr || !TLSMe.Set(me)) {
         delete me;
         return nullptr;
     }
     me->tid = pthread_self();
-    if (!TLSMe.Set(me)) {
-        delete me;
-        return nullptr;
-    }
     const a_table_lock lock;
     me->table_next = ThreadTable;
     set_link(ThreadTable, me);
@@ -314,13 +305,13 @@ void OS_Fini(void)
 }
 
 // Descriptors of threads which the child does not have keep their place, with locks that their end can give back.
-// Signal-safe.
 void os_thread_fork_child()
 {
     in_flight.fork_child();
     os_mutex_fork_child(&ThreadTableMutex);
     for (p_os_thread thread = ThreadTable; thread != nullptr; thread = thread->table_next) {
-        ut_pthread_semaphore_fork_child(&thread->wait);
+        ut_safe_pthread_mutex_fork_child(&thread->wait.mutex);
+        ut_safe_pthread_cond_fork_child(&thread->wait.cv);
         if (thread->tid != pthread_self())
             thread->tid = os_no_thread;
     }

@@ -1,6 +1,5 @@
 // osthread.h: the parts of the thread table that the thread start and the load sequence use.
-#ifndef ETC_OSTHREAD_H
-#define ETC_OSTHREAD_H
+#pragma once
 
 #include <pthread.h>
 
@@ -14,8 +13,7 @@ public:
     UTThreadLocalStorage() : _tls_key(fresh_key()) {}
     // Threads may go on while the process exits: they find no key, not one that is another's by now.
     ~UTThreadLocalStorage() { pthread_key_delete(__atomic_exchange_n(&_tls_key, no_key, __ATOMIC_RELAXED)); }
-    UTThreadLocalStorage(const UTThreadLocalStorage&) = delete;
-    UTThreadLocalStorage& operator=(const UTThreadLocalStorage&) = delete;
+    UTThreadLocalStorage& operator=(UTThreadLocalStorage&&) = delete;  // nor copies
 
     // A fresh key, so that no thread finds its old value.
     void Reinitialize()
@@ -55,11 +53,24 @@ class an_in_flight_guard {
 public:
     an_in_flight_guard();
     ~an_in_flight_guard();
-    an_in_flight_guard(const an_in_flight_guard&) = delete;
-    an_in_flight_guard& operator=(const an_in_flight_guard&) = delete;
+    an_in_flight_guard& operator=(an_in_flight_guard&&) = delete;  // nor copies
 
     bool started;
 };
+
+// osthrsup.cpp, the calls below the layer's start of threads: each starts one with system contention scope, joinable
+// when attachable, with a stack of at least min_stack_size when a size is asked for. Returns its id; os_no_thread, and
+// the error number through pErrorCode unless that is null, when it cannot be created.
+using an_os_start_routine = void* (*)(void* arglist);
+a_thread_id os_beginthread_with_attrib(an_os_start_routine start_address, void* stack_bottom, unsigned int stack_size,
+                                       void* arglist, int attachable, uint32* pErrorCode);
+a_thread_id os_beginthread_attachable(an_os_start_routine start_address, void* stack_bottom, unsigned int stack_size,
+                                      void* arglist, uint32* pErrorCode);
+a_thread_id os_beginthread(an_os_start_routine start_address, void* stack_bottom, unsigned int stack_size,
+                           void* arglist, uint32* pErrorCode);
+[[noreturn]] void os_endthread();
+
+void Perform_Version_Check(uint32 version, int line);
 
 // A mutex of the layer itself, which must work also when there is no memory: then it is the reserve.
 void os_mutex_init(p_mutex mutex, pthread_mutex_t& reserve);
@@ -67,6 +78,5 @@ void os_mutex_fini(p_mutex mutex, const pthread_mutex_t& reserve);
 
 // Frees every lock of the layer in a forked child, but those that the forking thread itself holds.
 void os_thread_fork_child();
+void os_ident_fork_child();
 void os_mutex_fork_child(p_mutex mutex);
-
-#endif

@@ -1,21 +1,15 @@
 // utcancel.h: keeps a thread from being cancelled where it holds what others need.
-#ifndef ETC_UTCANCEL_H
-#define ETC_UTCANCEL_H
+#pragma once
 
 #include <pthread.h>
 
-// A cancellation that is pending, or comes, waits for the end of the scope.
+// A cancellation that is pending, or comes, waits for the end of the scope. Signal-safe.
 class an_uncancelled_scope {
 public:
-    // Signal-safe.
     an_uncancelled_scope() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &kept); }
-    // Signal-safe.
     ~an_uncancelled_scope() { pthread_setcancelstate(kept, nullptr); }
-    an_uncancelled_scope(const an_uncancelled_scope&) = delete;
-    an_uncancelled_scope& operator=(const an_uncancelled_scope&) = delete;
+    an_uncancelled_scope& operator=(an_uncancelled_scope&&) = delete;  // nor copies
 
 private:
     int kept;
 };
-
-#endif

@@ -1,8 +1,7 @@
 // utenv.h: environment lookup, for all of the library. In secure execution (set-uid, set-gid, capabilities) no variable
 // is set: else whoever calls the program had files written and limits changed with its rights. Must not run while the
 // environment is being changed; signal-safe otherwise.
-#ifndef ETC_UTENV_H
-#define ETC_UTENV_H
+#pragma once
 
 #include <stddef.h>
 
@@ -12,5 +11,3 @@ char* ut_getenv(const char* name, char* buf, size_t bufsize);
 
 // The environment's own text, not to be changed or released; null when the variable is not set.
 char* ut_getenv2(const char* name);
-
-#endif

@@ -11,8 +11,7 @@ class a_ut_mutex {
 public:
     a_ut_mutex() { ut_safe_pthread_mutex_init(&_mutex, nullptr); }
     ~a_ut_mutex() { ut_safe_pthread_mutex_destroy(&_mutex); }
-    a_ut_mutex(const a_ut_mutex&) = delete;
-    a_ut_mutex& operator=(const a_ut_mutex&) = delete;
+    a_ut_mutex& operator=(a_ut_mutex&&) = delete;  // nor copies
 
     bool taken() const { return _mutex.p_mutex != nullptr; }
     void get() { pthread_mutex_lock(_mutex.p_mutex); }

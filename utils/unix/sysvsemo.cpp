@@ -1,49 +1,34 @@
-// sysvsemo.cpp: hands out single System V semaphores and removes every kernel set that it created.
+// sysvsemo.cpp: hands out single System V semaphores, out of kernel sets that it makes and removes.
 //
-// Kernel limits shape it: a set has at most 32000 members, creating a full one costs a thousand times what a set of one
-// does, and identifier 0, the first of a fresh namespace, reads as none: a set that came back as 0 is removed and asked
-// for again.
+// Kernel limits shape it: a set has at most 32000 members, making a full one costs a thousand times what a set of one
+// does, SETVAL visits every member, and identifier 0, the first of a fresh namespace, reads as none: such a set is
+// removed and asked for again.
 //
-// Lock: the list's mutex, a leaf. It guards the list, the sets and the registry's slots.
-//
-// The cleanup by signal takes no lock, allocates and frees nothing. It works on the registry, a table of the
-// identifiers of all open sets: each is removed from the kernel first and cleared from the table then, so whoever walks
-// the table to its end, even beside another walker, knows that all it found are gone. What the lists hold of removed
-// sets is freed by the next ordinary operation. A set that is just being made is not in the table yet: its maker blocks
-// all signals and counts itself in `creators` from before semget until the set is registered; the cleanup forbids new
-// ones and waits for those that are on the way. They cannot be on the thread that the signal interrupted, so the wait
-// ends soon; it is bounded all the same. Nothing can deadlock: nobody waits for a lock; nothing can leak: every set is
-// registered, or not there, whenever a signal can come.
-//
-// A forked child inherits list and registry; the number of forks behind it tells its own sets from its parent's. For the
-// cleanup and the shut-down all are its parent's until its fork handlers have run (unixfork.h).
+// What the lists hold of sets that a cleanup by signal or somebody else has removed is freed by the next operation. A
+// forked child inherits list and registry; the number of forks behind it tells its own sets from its parent's. For the
+// cleanup and the shut-down all are its parent's until its fork handlers have run (unixfork.h). Not signal-safe but for
+// the fork step and sysv_list_is_empty.
 #include "utils/unix/sysvsemo.h"
 
 #include <errno.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <new>
 
-#include "corvex/forkprotection.h"
+#include "corvex/onsig.h"
 #include "utils/etc/utenv.h"
-#include "utils/unix/unixfork.h"
-#include "utils/unix/utcore.h"
 
 int64_t c_sysv_semaphore_set::MAX_NSEMS = 0;
 
 namespace {
 
-constexpr uint32 bits_per_word = 32;
 constexpr int set_flags = IPC_CREAT | 0777;
-constexpr int cleanup_priority = 1000;  // of the cleanup in the on-signal chain
-constexpr uint32 num_slots = 32768;     // as many sets as the kernel numbers, unless it was booted to number more
-constexpr int max_waits = 5000;         // for creators, a millisecond each
+constexpr int cleanup_priority = 1000;     // of the cleanup in the on-signal chain
+constexpr int patience = 1000;             // milliseconds, of a shut-down for threads inside open or close
+constexpr int64_t max_cheap_members = 64;  // of a set in which SETVAL is not dear
+constexpr int max_value = 32767;           // of a semaphore
 
 // The kernel's own name for the fourth argument of semctl.
 union semun {
@@ -53,143 +38,10 @@ union semun {
     struct seminfo* __buf;
 };
 
-// ---- the registry ----
-
-// An entry: the process of the family that opened the set in the high half, the identifier (0: free) in the low half.
-constexpr uint64 entry_of(uint32 forks, int32 ident) { return uint64(forks) << 32 | uint32(ident); }
-constexpr int32 ident_of(uint64 entry) { return int32(uint32(entry)); }
-constexpr uint32 forks_of(uint64 entry) { return uint32(entry >> 32); }
-
-uint64 registry[num_slots];
-c_sysv_semaphore_set* registered_sets[num_slots];  // stored before, and valid while, the entry is there
-// How far from its home slot any entry was put; 0 where the kernel numbers sets below 32768.
-uint32 max_displacement = 0;
-uint32 used_slots = 0;  // no entry from this slot on
-int32 num_registered = 0;
-
-a_thread_count creators;   // that are making a kernel set
-a_thread_count cleaners;   // that are inside the cleanup
-uint32 cleanups = 0;       // cleanups that have ended
-uint32 cleanups_seen = 0;  // those that the list has caught up with
-uint32 forks_seen = 0;     // the same for forks
-
-constexpr uint32 slot_of(int32 ident, uint32 displacement) { return (uint32(ident) + displacement) % num_slots; }
-
-// Acquire: who sees an entry sees its set.
-// Signal-safe.
-uint64 entry_at(uint32 slot) { return __atomic_load_n(&registry[slot], __ATOMIC_ACQUIRE); }
-
-// The slot of a set, num_slots when it has none.
-// Signal-safe.
-uint32 find_slot(int32 ident)
-{
-    for (uint32 displacement = 0; displacement <= max_displacement; displacement++)
-        if (ident_of(entry_at(slot_of(ident, displacement))) == ident)
-            return slot_of(ident, displacement);
-    return num_slots;
-}
-
-// Relaxed count: it only answers sysv_list_is_empty. The entry may be cleared by another walker at the same time; one of them counts.
-// Signal-safe.
-void clear_entry(uint32 slot, uint64 entry)
-{
-    if (entry != 0 &&
-        __atomic_compare_exchange_n(&registry[slot], &entry, uint64(0), false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
-        __atomic_sub_fetch(&num_registered, 1, __ATOMIC_RELAXED);
-}
-
-// Drops a set that the kernel does not have any more.
-// Not signal-safe: under the list's mutex.
-void forget_set(uint32 slot)
-{
-    c_sysv_semaphore_set* set = registered_sets[slot];
-    clear_entry(slot, entry_at(slot));
-    set->forget();
-    delete set;
-}
-
-// Signal-safe.
-bool is_gone(int32 ident)
-{
-    struct semid_ds unused;
-    semun arg;
-    arg.buf = &unused;
-    return semctl(ident, 0, IPC_STAT, arg) == -1 && (errno == EINVAL || errno == EIDRM);
-}
-
-// False when the table is full. The kernel gives numbers out again, and a home slot with them: what a forked child's
-// parent has removed, or somebody else, still stands here and gives way.
-// Not signal-safe: under the list's mutex.
-bool register_set(int32 ident, uint32 forks, c_sysv_semaphore_set* set)
-{
-    if (find_slot(ident) != num_slots)
-        forget_set(find_slot(ident));
-    for (uint32 displacement = 0; displacement < num_slots; displacement++) {
-        const uint32 slot = slot_of(ident, displacement);
-        if (entry_at(slot) != 0 && is_gone(ident_of(entry_at(slot))))
-            forget_set(slot);
-        if (entry_at(slot) != 0)
-            continue;
-        registered_sets[slot] = set;
-        max_displacement = displacement > max_displacement ? displacement : max_displacement;
-        if (slot >= used_slots)
-            __atomic_store_n(&used_slots, slot + 1, __ATOMIC_RELEASE);
-        __atomic_add_fetch(&num_registered, 1, __ATOMIC_RELAXED);
-        __atomic_store_n(&registry[slot], entry_of(forks, ident), __ATOMIC_RELEASE);
-        return true;
-    }
-    return false;
-}
-
-// Signal-safe.
-bool is_foreign(uint32 forks) { return UnixForkProtection_IsChild() && forks != unix_fork_count(); }
-
-// Signal-safe.
-void remove_kernel_set(int32 ident) { semctl(ident, 0, IPC_RMID); }
-
-// Signal-safe.
-void remove_registered_sets()
-{
-    const uint32 end = __atomic_load_n(&used_slots, __ATOMIC_ACQUIRE);
-    for (uint32 slot = 0; slot < end; slot++) {
-        const uint64 entry = entry_at(slot);
-        if (entry == 0 || is_foreign(forks_of(entry)))
-            continue;
-        remove_kernel_set(ident_of(entry));
-        clear_entry(slot, entry);
-    }
-}
-
-// ---- making kernel sets ----
-
-// All signals are blocked while one of these exists.
-class a_signal_free_scope {
-public:
-    a_signal_free_scope()
-    {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &kept);
-    }
-    ~a_signal_free_scope() { pthread_sigmask(SIG_SETMASK, &kept, nullptr); }
-    a_signal_free_scope(const a_signal_free_scope&) = delete;
-    a_signal_free_scope& operator=(const a_signal_free_scope&) = delete;
-
-private:
-    sigset_t kept;
-};
-
-// The cleanup waits while one of these exists: either it sees this creator, or the creator sees it.
-class a_creation {
-public:
-    a_creation() : counted(creators) {}
-
-    bool allowed() const { return cleaners.now() == 0 && !ut_onsig_will_do_cleanup(); }
-
-private:
-    a_signal_free_scope signal_free;
-    a_counted counted;
-};
+c_sysv_sema_set_list* sysv_sema_list_p = nullptr;  // null before start-up and after shut-down
+a_thread_count users;                              // that are inside open or close
+void* sysv_onsig_handle = nullptr;
+bool last_is_fresh = false;  // under the mutex: the member handed out last never was before, and SETVAL is dear
 
 int new_kernel_set(int64_t members) { return semget(IPC_PRIVATE, int(members), set_flags); }
 
@@ -205,48 +57,31 @@ int candidate_size()
     return semctl(0, 0, SEM_INFO, arg) >= 0 && info.semmsl > 0 ? info.semmsl : 1;
 }
 
-// ---- the list ----
-
-c_sysv_sema_set_list* sysv_sema_list_p = nullptr;  // null before start-up and after shut-down
-a_thread_count users;                              // that are inside open or close
-void* sysv_onsig_handle = nullptr;
-
-// Acquire: who sees the list sees it constructed.
-// Signal-safe.
-c_sysv_sema_set_list* list_of_process() { return __atomic_load_n(&sysv_sema_list_p, __ATOMIC_ACQUIRE); }
-
-// While a cleanup runs there is no list to open from or close in.
-// Signal-safe.
-c_sysv_sema_set_list* current_list() { return cleaners.now() == 0 ? list_of_process() : nullptr; }
+// While a cleanup runs there is no list to open from or close in. Sequentially consistent, as the counts beside it.
+c_sysv_sema_set_list* current_list()
+{
+    return sysv_sets_are_barred() ? nullptr : __atomic_load_n(&sysv_sema_list_p, __ATOMIC_SEQ_CST);
+}
 
 // A thread inside open or close, for a scope; it holds the list's mutex unless there is no list. Counted before the
-// list is looked for, so that shut-down, which takes the list away first, sees every thread that may still have found
-// it.
+// list is looked for: shut-down, which takes the list away first, sees every thread that may still have found it. A
+// cleanup that begins now refuses new sets, and the kernel refuses members of those that it has removed.
 class a_list_user {
 public:
-    a_list_user() : counted(users)
+    a_list_user()
     {
-        c_sysv_sema_set_list* found = current_list();
-        if (found == nullptr)
-            return;
-        found->mutex_get();
-        if (current_list() == found)
-            list = found;
-        else
-            found->mutex_give();
+        if (list != nullptr)
+            list->mutex_get();
     }
     ~a_list_user()
     {
         if (list != nullptr)
             list->mutex_give();
     }
-    a_list_user(const a_list_user&) = delete;
-    a_list_user& operator=(const a_list_user&) = delete;
+    a_list_user& operator=(a_list_user&&) = delete;  // nor copies
 
-    c_sysv_sema_set_list* list = nullptr;
-
-private:
-    a_counted counted;
+    const a_counted counted{users};
+    c_sysv_sema_set_list* const list = current_list();
 };
 
 a_bool sysv_set_semval(a_sysv_semaphore* s, int value)
@@ -256,136 +91,18 @@ a_bool sysv_set_semval(a_sysv_semaphore* s, int value)
     return semctl(s->ident, s->offset, SETVAL, arg) != -1;
 }
 
-void forget_lost_set(int32 ident)
+// A member that was never handed out has the value 0 and nobody's undo entries: what is added to it is its value then.
+a_bool sysv_set_first_semval(a_sysv_semaphore* s, int value)
 {
-    const a_list_user user;
-    if (user.list != nullptr)
-        user.list->forget_lost_set(ident);
-}
-
-// Waits, bounded, until a count has come down to zero. By a plain system call: poll is a cancellation point, and a
-// thread must not vanish in the middle of the cleanup.
-// Signal-safe.
-void wait_for_none(const a_thread_count& count)
-{
-    for (int i = 0; i < max_waits && count.now() > 0; i++)
-        syscall(SYS_poll, nullptr, 0, 1);
+    if (value < 0 || value > max_value)
+        return sysv_set_semval(s, value);
+    struct sembuf add = {static_cast<unsigned short>(s->offset), short(value), 0};
+    return value == 0 || semop(s->ident, &add, 1) != -1;
 }
 
 }  // namespace
 
-// ---- c_bit_array ----
-
-c_bit_array::c_bit_array(uint32 num_bits, a_bool cleared)
-    : _bitarray(nullptr), _size(num_bits), _num_elem(0), _first_clear(0)
-{
-    if (num_bits == 0)
-        return;
-    _num_elem = (num_bits + bits_per_word - 1) / bits_per_word;
-    _bitarray = static_cast<uint32*>(ut_malloc(_num_elem * sizeof(uint32)));
-    if (_bitarray == nullptr)
-        _size = _num_elem = 0;
-    else if (cleared)
-        clear_all();
-}
-
-c_bit_array::~c_bit_array()
-{
-    ut_free(_bitarray);
-    _bitarray = nullptr;
-    _size = _num_elem = 0;
-}
-
-// The bits of a word that are like that, none beyond the end.
-uint32 c_bit_array::matching(uint32 word, a_bool setbit) const
-{
-    const uint32 bits = setbit ? _bitarray[word] : ~_bitarray[word];
-    const uint32 valid = _size - word * bits_per_word;
-    return valid >= bits_per_word ? bits : bits & ((1u << valid) - 1);
-}
-
-int c_bit_array::get_first(a_bool setbit)
-{
-    for (uint32 word = setbit ? 0 : _first_clear; word < _num_elem; word++) {
-        const uint32 bits = matching(word, setbit);
-        if (!setbit)
-            _first_clear = word;
-        if (bits != 0)
-            return int(word * bits_per_word) + __builtin_ctz(bits);
-    }
-    return -1;
-}
-
-int c_bit_array::get_last(a_bool setbit) const
-{
-    for (uint32 word = _num_elem; word-- > 0;)
-        if (matching(word, setbit) != 0)
-            return int(word * bits_per_word) + 31 - __builtin_clz(matching(word, setbit));
-    return -1;
-}
-
-unsigned int c_bit_array::count_bits(uint32 word, a_bool setbit) const
-{
-    return unsigned(__builtin_popcount(matching(word, setbit)));
-}
-
-int c_bit_array::count_bits(a_bool setbit) const
-{
-    unsigned count = 0;
-    for (uint32 word = 0; word < _num_elem; word++)
-        count += count_bits(word, setbit);
-    return int(count);
-}
-
-a_bool c_bit_array::is_set(unsigned int bit_number) const
-{
-    return bit_number < _size && (_bitarray[bit_number / bits_per_word] >> bit_number % bits_per_word & 1) != 0;
-}
-
-a_bool c_bit_array::is_cleared(uint32 bit_number) const { return bit_number < _size && !is_set(bit_number); }
-
-a_bool c_bit_array::set_bit(uint32 bit_number, a_bool to_true)
-{
-    if (bit_number >= _size)
-        return FALSE;
-    const a_bool old_value = is_set(bit_number);
-    const uint32 word = bit_number / bits_per_word, bit = 1u << bit_number % bits_per_word;
-    if (to_true)
-        _bitarray[word] |= bit;
-    else
-        _bitarray[word] &= ~bit;
-    if (!to_true && word < _first_clear)
-        _first_clear = word;
-    return old_value;
-}
-
-void c_bit_array::set_all()
-{
-    if (_num_elem == 0)
-        return;
-    memset(_bitarray, 0xFF, _num_elem * sizeof(uint32));
-    _first_clear = _num_elem;
-}
-
-void c_bit_array::clear_all()
-{
-    if (_num_elem == 0)
-        return;
-    memset(_bitarray, 0, _num_elem * sizeof(uint32));
-    _first_clear = 0;
-}
-
 // ---- c_sysv_semaphore_set ----
-
-c_sysv_semaphore_set::c_sysv_semaphore_set() : _ident(0), _num_used(0), _bitarray(nullptr), _forks(unix_fork_count())
-{
-    if (MAX_NSEMS == 0)
-        get_max_semaphore_set_size();
-}
-
-c_sysv_semaphore_set::~c_sysv_semaphore_set() { c_sysv_semaphore_set::close(); }
-
-a_bool c_sysv_semaphore_set::is_foreign() const { return ::is_foreign(_forks); }
 
 // The candidate is tried once; when the kernel refuses it, sets have one member: no smaller size is tried.
 void c_sysv_semaphore_set::get_max_semaphore_set_size()
@@ -396,11 +113,10 @@ void c_sysv_semaphore_set::get_max_semaphore_set_size()
         return;
     int probe = new_kernel_set(candidate);
     if (probe == 0) {
-        remove_kernel_set(probe);
+        sysv_remove_kernel_set(probe);
         probe = new_kernel_set(candidate);
     }
-    if (probe >= 0)
-        remove_kernel_set(probe);
+    sysv_remove_kernel_set(probe);
     MAX_NSEMS = probe > 0 ? candidate : 1;
 }
 
@@ -417,29 +133,29 @@ a_bool c_sysv_semaphore_set::open()
     const a_creation creation;
     if (!creation.allowed())
         return FALSE;
-    _forks = unix_fork_count();  // here, where no handler can fork any more
     _ident = new_kernel_set(MAX_NSEMS);
     if (_ident <= 0) {
-        remove_kernel_set(_ident);
+        sysv_remove_kernel_set(_ident);
         _ident = new_kernel_set(MAX_NSEMS);
     }
-    if (_ident > 0 && register_set(_ident, _forks, this))
+    if (_ident > 0 && sysv_register(_ident, this))
         return TRUE;
-    if (_ident >= 0)
-        remove_kernel_set(_ident);
+    sysv_remove_kernel_set(_ident);
     _ident = 0;
     return FALSE;
 }
 
 a_bool c_sysv_semaphore_set::allocate_semaphore(a_sysv_semaphore* s)
 {
-    if (_ident == 0 || is_full() || is_foreign())
+    if (_ident == 0 || is_full() || sysv_is_foreign(_ident))
         return FALSE;
     const int offset = MAX_NSEMS == 1 ? 0 : _bitarray->get_first(FALSE);
     if (offset < 0)
         return FALSE;  // more members were given back than handed out
     if (MAX_NSEMS != 1)
         _bitarray->set(uint32(offset));
+    last_is_fresh = MAX_NSEMS > max_cheap_members && offset >= _first_fresh;
+    _first_fresh = offset >= _first_fresh ? offset + 1 : _first_fresh;
     *s = {_ident, offset};
     _num_used++;
     return TRUE;
@@ -455,82 +171,72 @@ a_bool c_sysv_semaphore_set::deallocate_semaphore(a_sysv_semaphore* s)
     return TRUE;
 }
 
+// After a reset the child may hand out members of its parent's set, which the parent has handed out meanwhile.
 void c_sysv_semaphore_set::recount()
 {
     if (_bitarray != nullptr)
         _num_used = _bitarray->count_bits(TRUE);
+    _first_fresh = MAX_NSEMS;
 }
 
 // A parent's set is only forgotten.
 void c_sysv_semaphore_set::close()
 {
-    if (_ident > 0) {
-        const uint32 slot = find_slot(_ident);
-        if (!is_foreign())
+    if (is_registered()) {
+        if (!sysv_is_foreign(_ident))
             semctl(_ident, int(MAX_NSEMS), IPC_RMID);
-        if (slot != num_slots)
-            clear_entry(slot, entry_at(slot));
+        sysv_unregister(_ident);
     }
     delete _bitarray;
     _bitarray = nullptr;
     _ident = 0;
-    _num_used = 0;
+    _num_used = _first_fresh = 0;
 }
 
 // ---- c_sysv_sema_set_list ----
 
+// To where it belongs by its members in use.
+void c_sysv_sema_set_list::relink(c_sysv_semaphore_set* set)
+{
+    set->unlink();
+    if (set->is_full())
+        append(set);
+    else
+        insert(set);
+}
+
 // A fork may have cut another thread's change of the list or of a set in two: the child links and counts all anew.
 void c_sysv_sema_set_list::relink_after_fork()
 {
-    int32 registered = 0;
     list.next = list.prev = &list;
-    for (uint32 slot = 0; slot < used_slots; slot++) {
-        if (entry_at(slot) == 0)
-            continue;
-        registered++;
-        c_sysv_semaphore_set* set = registered_sets[slot];
-        set->next = set->prev = set;
-        set->recount();
-        if (set->is_full())
-            append(set);
-        else
-            insert(set);
-    }
-    __atomic_store_n(&num_registered, registered, __ATOMIC_RELAXED);
+    for (uint32 slot = 0; slot < sysv_used_slots(); slot++)
+        if (c_sysv_semaphore_set* set = sysv_set_in_slot(slot); set != nullptr) {
+            set->next = set->prev = set;
+            set->recount();
+            relink(set);
+        }
 }
 
-// Somebody else has removed the set from the kernel: without it the next open makes a new one.
-void c_sysv_sema_set_list::forget_lost_set(int32 ident)
-{
-    catch_up();
-    const uint32 slot = find_slot(ident);
-    if (slot != num_slots)
-        forget_set(slot);
-}
-
-// Frees what is left of sets that a cleanup by signal has removed from the kernel.
+// Frees what is left of sets that are gone from the kernel.
 void c_sysv_sema_set_list::drop_removed_sets()
 {
     c_sysv_semaphore_set_iter iter(*this);
     for (c_sysv_semaphore_set* set; (set = iter.get()) != nullptr;) {
         iter.next();
-        if (find_slot(set->ident()) != num_slots)
-            continue;
-        set->forget();
-        delete set;
+        if (!set->is_registered())
+            delete set;
     }
 }
 
 // Brings the list up to what forks and cleanups have done since the last operation.
 void c_sysv_sema_set_list::catch_up()
 {
-    if (forks_seen != unix_fork_count()) {
-        forks_seen = unix_fork_count();
+    if (_forks_seen != unix_fork_count()) {
+        _forks_seen = unix_fork_count();
         relink_after_fork();
     }
-    const uint32 ended = __atomic_load_n(&cleanups, __ATOMIC_ACQUIRE);
-    if (cleanups_seen != ended) {
-        cleanups_seen = ended;
+    if (_removals_seen != sysv_removals()) {
+        _removals_seen = sysv_removals();
         drop_removed_sets();
     }
 }
@@ -538,30 +244,18 @@ void c_sysv_sema_set_list::catch_up()
 a_bool c_sysv_sema_set_list::allocate_semaphore(a_sysv_semaphore* s)
 {
     catch_up();
-    c_sysv_semaphore_set_iter iter(*this);
-    c_sysv_semaphore_set* set = iter.get();
-    if (set == nullptr || !set->allocate_semaphore(s))
-        return allocate_in_new_set(s);
-    if (set->is_full()) {
-        set->unlink();
-        append(set);
+    c_sysv_semaphore_set* set = c_sysv_semaphore_set_iter(*this).get();
+    if (set == nullptr || !set->allocate_semaphore(s)) {
+        set = new c_sysv_semaphore_set;
+        if (set == nullptr)
+            return FALSE;
+        if (!set->open() || !set->allocate_semaphore(s)) {
+            delete set;
+            return FALSE;
+        }
     }
-    return TRUE;
-}
-
-a_bool c_sysv_sema_set_list::allocate_in_new_set(a_sysv_semaphore* s)
-{
-    c_sysv_semaphore_set* set = new c_sysv_semaphore_set;
-    if (set == nullptr)
-        return FALSE;
-    if (!set->open() || !set->allocate_semaphore(s)) {
-        delete set;
-        return FALSE;
-    }
-    if (set->is_full())
-        append(set);
-    else
-        insert(set);
+    if (set->is_full() || !set->is_linked())
+        relink(set);
     return TRUE;
 }
 
@@ -569,15 +263,13 @@ a_bool c_sysv_sema_set_list::allocate_in_new_set(a_sysv_semaphore* s)
 a_bool c_sysv_sema_set_list::deallocate_semaphore(a_sysv_semaphore* s)
 {
     catch_up();
-    const uint32 slot = find_slot(s->ident);
-    if (slot == num_slots || registered_sets[slot]->is_foreign() || !registered_sets[slot]->deallocate_semaphore(s))
+    c_sysv_semaphore_set* set = sysv_registered_set(s->ident);
+    if (set == nullptr || sysv_is_foreign(s->ident) || !set->deallocate_semaphore(s))
         return FALSE;
-    c_sysv_semaphore_set* set = registered_sets[slot];
-    set->unlink();
     if (set->is_empty())
         delete set;
     else
-        insert(set);
+        relink(set);
     return TRUE;
 }
 
@@ -592,67 +284,52 @@ void c_sysv_sema_set_list::close_all_entries()
 
 void sysv_list_init_semaphore()
 {
-    if (list_of_process() != nullptr)
+    if (sysv_sema_list_p != nullptr)
         return;
-    __atomic_store_n(&sysv_sema_list_p, new c_sysv_sema_set_list, __ATOMIC_RELEASE);
+    __atomic_store_n(&sysv_sema_list_p, new c_sysv_sema_set_list, __ATOMIC_SEQ_CST);
     sysv_onsig_handle = ut_onsig_call_add(cleanup_priority, sysv_sig_handler, nullptr);
 }
 
-// The callback stays until all sets are closed: a signal in between finds the rest of them in the registry. Threads may
-// still be inside open or close: they find no list, and the list waits for them, or is left to them when they do not
-// leave.
+// Whoever comes from now on finds no list, and who is inside soon leaves. If not, as when exit was called by a handler
+// that has interrupted open or close, the list stays, and its mutex, and the sets are removed by the registry. The
+// callback stays until all sets are closed: a signal in between finds the rest of them in the registry.
 void sysv_list_fini_semaphore()
 {
-    c_sysv_sema_set_list* list = list_of_process();
+    c_sysv_sema_set_list* list = __atomic_exchange_n(&sysv_sema_list_p, nullptr, __ATOMIC_SEQ_CST);
     if (list == nullptr)
         return;
-    list->mutex_get();
-    __atomic_store_n(&sysv_sema_list_p, nullptr, __ATOMIC_SEQ_CST);
-    list->close_all_entries();
-    list->mutex_give();
+    if (sysv_wait_for_none(users, patience)) {
+        list->close_all_entries();
+        delete list;
+    } else {
+        sysv_bar_and_remove_sets();
+    }
     ut_onsig_call_del(sysv_onsig_handle, sysv_sig_handler);
     sysv_onsig_handle = nullptr;
-    wait_for_none(users);
-    if (users.now() == 0)
-        delete list;
 }
 
 // The list's mutex is free, whoever of the parent held it.
-// Signal-safe.
 void sysv_list_fork_child()
 {
-    creators.fork_child();
-    cleaners.fork_child();
+    sysv_registry_fork_child();
     users.fork_child();
-    if (list_of_process() != nullptr)
-        list_of_process()->fork_child();
-}
-
-// The cleanup by signal, see the head of this file.
-// Signal-safe.
-void sysv_sig_handler(int, void*, a_bool, a_bool, a_bool cleanup, void*, void*)
-{
-    if (!cleanup || !unix_is_home_process())
-        return;
-    const int kept = errno;
-    const a_counted cleaner(cleaners);
-    wait_for_none(creators);
-    remove_registered_sets();
-    __atomic_add_fetch(&cleanups, 1u, __ATOMIC_RELEASE);
-    errno = kept;
+    if (sysv_sema_list_p != nullptr)
+        sysv_sema_list_p->fork_child();
 }
 
 a_bool sysv_open_semaphore(a_sysv_semaphore* s, int initial_value)
 {
+    bool fresh;
     {
         const a_list_user user;
         if (user.list == nullptr || ut_onsig_will_do_cleanup() || !user.list->allocate_semaphore(s))
             return FALSE;
+        fresh = last_is_fresh;
     }
-    if (sysv_set_semval(s, initial_value))
+    if (fresh ? sysv_set_first_semval(s, initial_value) : sysv_set_semval(s, initial_value))
         return TRUE;
     if (errno == EINVAL || errno == EIDRM)
-        forget_lost_set(s->ident);
+        sysv_forget(s->ident);  // somebody else has removed the set: without it the next open makes a new one
     else
         sysv_close_semaphore(s);
     return FALSE;
@@ -667,9 +344,4 @@ void sysv_close_semaphore(a_sysv_semaphore* s)
         user.list->deallocate_semaphore(s);
 }
 
-// Relaxed: the answer may be old at once.
-// Signal-safe.
-a_bool sysv_list_is_empty(void)
-{
-    return current_list() != nullptr && __atomic_load_n(&num_registered, __ATOMIC_RELAXED) == 0;
-}
+a_bool sysv_list_is_empty(void) { return current_list() != nullptr && sysv_none_registered(); }

@@ -3,11 +3,7 @@
 //
 // A forked child's locks, lists and counts are its own once its fork handlers have run. Before that, and for ever in a
 // child that runs none (vfork, which shares its parent's memory, and _Fork), they are its parent's.
-//
-// A child that a signal handler forked may use everything, but ends by exec or _exit: the code that the handler
-// interrupted never goes on in it.
-#ifndef UNIX_UNIXFORK_H
-#define UNIX_UNIXFORK_H
+#pragma once
 
 #include "corvex/types.h"
 
@@ -19,14 +15,18 @@ void unix_make_home_process();
 // How many forks lie behind this process since the library was loaded.
 uint32 unix_fork_count();
 
+// Whether each of these forks was made by a process with one thread: no lock of the C library is held then by a thread
+// which this process does not have, but one may be by what a signal handler that forked had interrupted.
+bool unix_forked_alone();
+
 // A number of threads which are inside something. Sequentially consistent with those who look at it. A forked child
-// begins with none: its fork step says so for each count.
+// begins with none: its fork step says so for each count. Signal-safe, as is a_counted.
 class a_thread_count {
 public:
-    uint32 now() const { return __atomic_load_n(&count, __ATOMIC_SEQ_CST); }  // Signal-safe.
-    void enter() { __atomic_add_fetch(&count, 1u, __ATOMIC_SEQ_CST); }        // Signal-safe.
-    void leave() { __atomic_sub_fetch(&count, 1u, __ATOMIC_SEQ_CST); }        // Signal-safe.
-    void fork_child() { __atomic_store_n(&count, 0u, __ATOMIC_SEQ_CST); }     // Signal-safe.
+    uint32 now() const { return __atomic_load_n(&count, __ATOMIC_SEQ_CST); }
+    void enter() { __atomic_add_fetch(&count, 1u, __ATOMIC_SEQ_CST); }
+    void leave() { __atomic_sub_fetch(&count, 1u, __ATOMIC_SEQ_CST); }
+    void fork_child() { __atomic_store_n(&count, 0u, __ATOMIC_SEQ_CST); }
 
 private:
     uint32 count = 0;
@@ -35,13 +35,10 @@ private:
 // One more in a count, for a scope.
 class a_counted {
 public:
-    explicit a_counted(a_thread_count& of) : count(of) { count.enter(); }  // Signal-safe.
-    ~a_counted() { count.leave(); }                                        // Signal-safe.
-    a_counted(const a_counted&) = delete;
-    a_counted& operator=(const a_counted&) = delete;
+    explicit a_counted(a_thread_count& of) : count(of) { count.enter(); }
+    ~a_counted() { count.leave(); }
+    a_counted& operator=(a_counted&&) = delete;  // nor copies
 
 private:
     a_thread_count& count;
 };
-
-#endif

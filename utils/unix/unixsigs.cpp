@@ -30,11 +30,10 @@ a_bool unix_handle_signal_with_context(int signal_number, a_signal_handler_func_
                                        a_signal_handler_func_with_context* pprev_handler)
 {
     struct sigaction previous;
-    if (!unix_handle_signal_keeping(signal_number, handler, pprev_handler != nullptr ? &previous : nullptr))
-        return FALSE;
-    if (pprev_handler != nullptr)
+    const a_bool installed = unix_handle_signal_keeping(signal_number, handler, &previous);
+    if (installed && pprev_handler != nullptr)
         *pprev_handler = unix_saved_handler(&previous);
-    return TRUE;
+    return installed;
 }
 
 a_bool unix_restore_signal(int signal_number, const struct sigaction* disposition)
@@ -44,10 +43,9 @@ a_bool unix_restore_signal(int signal_number, const struct sigaction* dispositio
 
 a_signal_handler_func_with_context unix_saved_handler(const struct sigaction* disposition)
 {
-    constexpr a_ptrint held = 2;
+    constexpr a_ptrint held = 2;  // SIG_DFL and SIG_IGN are 0 and 1
     const a_ptrint value = reinterpret_cast<a_ptrint>(disposition->sa_sigaction);
-    const bool none = value == reinterpret_cast<a_ptrint>(SIG_DFL) || value == reinterpret_cast<a_ptrint>(SIG_IGN) ||
-                      value == held || value == reinterpret_cast<a_ptrint>(SIG_ERR);
+    const bool none = value <= held || value == reinterpret_cast<a_ptrint>(SIG_ERR);
     return none ? nullptr : disposition->sa_sigaction;
 }
 

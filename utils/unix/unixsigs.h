@@ -1,6 +1,5 @@
 // unixsigs.h: signal dispositions and masks, kept whole: a handler's flags and mask go with its address.
-#ifndef UNIX_UNIXSIGS_H
-#define UNIX_UNIXSIGS_H
+#pragma once
 
 #include <signal.h>
 
@@ -27,5 +26,3 @@ a_signal_handler_func_with_context unix_current_handler(int signal_number);
 void unix_hold_signal(int signal_number);     // adds to the calling thread's blocked set
 void unix_release_signal(int signal_number);  // removes from it
 void unix_sigpause(int signal_number);        // removes and suspends until a signal arrives, in one step
-
-#endif

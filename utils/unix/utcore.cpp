@@ -1,10 +1,9 @@
-// utcore.cpp: installs the library's handler for nine signals, and decides on each delivery whether an
-// earlier handler gets the signal or the library cleans up and aborts the process.
+// utcore.cpp: installs the library's handler for nine signals, and decides on each delivery whether an earlier handler
+// gets the signal or the library cleans up and aborts the process.
 //
-// Whole dispositions are saved and put back; the library's own handler is never saved as an earlier one.
-// Installation and removal run at start-up and shut-down, not beside each other. No locks. The handler and
-// all that it calls are signal-safe; the saved dispositions that it reads change only while handlers are
-// installed or removed.
+// Whole dispositions are saved and put back; the library's own handler is never saved as an earlier one. Installation
+// and removal run at start-up and shut-down, not beside each other. No locks. Signal-safe: all of it, but what says
+// otherwise.
 #include "utils/unix/utcore.h"
 
 #include <errno.h>
@@ -50,8 +49,6 @@ constinit __attribute__((tls_model("initial-exec"))) thread_local bool in_abort 
 
 void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context);
 
-// The signal's row; null for one that the library does not handle.
-// Signal-safe.
 a_handled_signal* find_handled(int sig)
 {
     for (a_handled_signal& row : handled)
@@ -61,7 +58,6 @@ a_handled_signal* find_handled(int sig)
 }
 
 // The ignore disposition counts as none: after a removal the signal has its default action.
-// Signal-safe.
 void keep_earlier(a_handled_signal& row, const struct sigaction& earlier)
 {
     const a_signal_handler_func handler = unix_saved_handler(&earlier);
@@ -74,7 +70,6 @@ void keep_earlier(a_handled_signal& row, const struct sigaction& earlier)
 // Puts the library's handler in place and keeps the earlier disposition: before the handler is in force, since a signal
 // may come at once, and as it was replaced. A handler put on top of the library's stays there: it may pass signals on
 // to the library's, and being saved as the earlier one it would get them back without end.
-// Signal-safe.
 void install(a_handled_signal& row)
 {
     struct sigaction previous;
@@ -93,7 +88,6 @@ void install(a_handled_signal& row)
     }
 }
 
-// Signal-safe.
 void remove(a_handled_signal& row)
 {
     unix_restore_signal(row.signal, &row.oldhandler);
@@ -103,7 +97,6 @@ void remove(a_handled_signal& row)
 
 // Whether another handler is in force, installed after the library's: then that has passed the signal on. It is only
 // looked at: to install the library's again and put the other back could take it away beside a second signal.
-// Signal-safe.
 a_bool reached_through_another(int sig)
 {
     struct sigaction in_force;
@@ -111,7 +104,6 @@ a_bool reached_through_another(int sig)
 }
 
 // Leading decimal digits; anything else, a minus sign included, reads as 0.
-// Signal-safe.
 unsigned read_delay(const char* text)
 {
     unsigned seconds = 0;
@@ -120,7 +112,6 @@ unsigned read_delay(const char* text)
     return seconds < max_delay ? seconds : max_delay;
 }
 
-// Signal-safe.
 void delay_abort()
 {
     const char* value = ut_getenv2("ZT_LINUX_COREDUMP_DELAY");
@@ -137,23 +128,25 @@ void delay_abort()
 // which allocates: it would wait for ever where the signal came in the middle of an allocation.
 #define ENDS_THE_PROCESS __attribute__((no_sanitize("address")))
 
+void raise_by_default(int sig)
+{
+    unix_handle_signal_keeping(sig, nullptr, nullptr);
+    unix_release_signal(sig);
+    raise(sig);
+}
+
 // SIGABRT is let through first: abort does so itself, but not where it was interrupted by another one that was pending.
 // The first process of a container survives the default action: there abort goes on to an instruction that traps, whose
 // SIGSEGV ends that process too when it has no handler.
-// Signal-safe.
 [[noreturn]] ENDS_THE_PROCESS void abort_by_default()
 {
-    const struct sigaction default_action = {};
-    unix_restore_signal(SIGABRT, &default_action);
-    unix_release_signal(SIGABRT);
-    raise(SIGABRT);
-    unix_restore_signal(SIGSEGV, &default_action);
+    raise_by_default(SIGABRT);
+    unix_handle_signal_keeping(SIGSEGV, nullptr, nullptr);
     abort();
 }
 
 // A crash-only installation is still in place for SIGABRT: the first abort comes back to the handler, which runs the
 // chain once more; the second one must end the process.
-// Signal-safe.
 [[noreturn]] ENDS_THE_PROCESS void abort_process()
 {
     if (!unix_aborts_again()) {
@@ -164,31 +157,16 @@ void delay_abort()
     abort_by_default();
 }
 
-// A callback that aborts inside the handler for SIGABRT ends the process there.
-// Signal-safe.
-ENDS_THE_PROCESS void enter_abort()
-{
-    if (in_abort)
-        abort_by_default();
-    in_abort = true;
-}
-
 // In a process for which the library's state is not made up (unixfork.h) all of that is left alone: an earlier handler
 // gets the signal, or its default action ends the process.
-// Signal-safe.
 void pass_on(int sig, siginfo_t* siginfo, void* context, a_signal_handler_func earlier)
 {
-    if (earlier != nullptr) {
+    if (earlier != nullptr)
         earlier(sig, siginfo, context);
-        return;
-    }
-    const struct sigaction default_action = {};
-    unix_restore_signal(sig, &default_action);
-    unix_release_signal(sig);
-    raise(sig);
+    else
+        raise_by_default(sig);
 }
 
-// Signal-safe.
 ENDS_THE_PROCESS void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context)
 {
     const a_handled_signal* row = find_handled(sig);
@@ -201,8 +179,9 @@ ENDS_THE_PROCESS void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* co
         errno = kept;
         return;
     }
-    if (sig == SIGABRT)
-        enter_abort();
+    if (sig == SIGABRT && in_abort)
+        abort_by_default();  // a callback has aborted
+    in_abort = in_abort || sig == SIGABRT;
     const a_bool chained = reached_through_another(sig);
     // A thread which is cancelled must not vanish here: the process would live on half cleaned up.
     int cancel_state;
@@ -239,7 +218,6 @@ void ut_onsig_init()
         linux_kill_other_threads = TRUE;
 }
 
-// Signal-safe.
 void ut_onsig_fini() { ut_onsig_remove_signal_handlers(); }
 
 // Not signal-safe: it changes what the handler reads.
@@ -258,7 +236,6 @@ void ut_onsig_install_signal_handlers(a_bool called_during_lib_init)
             install(row);
 }
 
-// Signal-safe.
 void ut_onsig_remove_signal_handlers()
 {
     // Exchanged: of two threads which are hit by signals at once only one takes the handlers away.
@@ -268,7 +245,6 @@ void ut_onsig_remove_signal_handlers()
         remove(row);
 }
 
-// Signal-safe.
 void ut_onsig_unload()
 {
     for (a_handled_signal& row : handled)
@@ -276,7 +252,6 @@ void ut_onsig_unload()
             remove(row);
 }
 
-// Signal-safe.
 void ut_want_no_core(void)
 {
     struct rlimit limit;

@@ -1,6 +1,5 @@
 // utcore.h: the library's handler for crash and termination signals, for the load sequence.
-#ifndef UNIX_UTCORE_H
-#define UNIX_UTCORE_H
+#pragma once
 
 #include "corvex/onsig.h"
 
@@ -11,5 +10,3 @@ void ut_onsig_remove_signal_handlers();
 // Puts back what was in place before every handler that is still the library's, also those of a crash-only
 // installation, which a removal leaves: nothing may point into the library once it has left the process.
 void ut_onsig_unload();
-
-#endif

@@ -1,8 +1,7 @@
 // utending.h: what says that the process is ending, by exit, unload or signal, and which thread ends it; and how long
 // it may still wait meanwhile. In a forked child nothing ends yet, but for will_do_cleanup, which is for ever. No
 // locks. Signal-safe, but for attempts that are not.
-#ifndef UNIX_UTENDING_H
-#define UNIX_UTENDING_H
+#pragma once
 
 #include "corvex/types.h"
 
@@ -48,5 +47,3 @@ void unix_leave_it_to_the_first(bool ends);
 
 bool unix_aborts_again();  // false for the first abort alone
 void unix_ending_fork_child();
-
-#endif

@@ -41,9 +41,7 @@ int next_priority(int last)
 {
     int found = no_priority;
     for (const a_sig_handler& slot : sig_handlers) {
-        if (func_of(slot) == nullptr)
-            continue;
-        const int priority = priority_of(slot);
+        const int priority = func_of(slot) != nullptr ? priority_of(slot) : no_priority;
         if (priority > last && priority < found)
             found = priority;
     }

@@ -1,18 +1,45 @@
-// utpool.h: the pool behind the safe mutexes and the safe condition variables.
+// utpool.h: the small lock class of the pools, and the pool behind the safe mutexes and the safe condition variables.
 //
 // Every entry is on the free list or behind exactly one handle; its object is initialised once, with default
 // attributes, and stays so until the entry is freed. The critical section guards the list and the counts, and is a
 // leaf; without one, for want of memory, the pool goes on unlocked. The list's stores are ordered so that it is sound
 // at every moment: a process forked in the middle of an operation of another thread may miss an entry, but never finds
 // one that is being freed. Not signal-safe but for the fork step.
-#ifndef UNIX_UTPOOL_H
-#define UNIX_UTPOOL_H
+#pragma once
 
+#include <pthread.h>
 #include <stdlib.h>
 
 #include <type_traits>
 
-#include "utils/unix/utptmutex.h"
+#include "utils/unix/utending.h"
+#include "utils/utmem/utmem.h"
+
+// One POSIX mutex with default attributes.
+class a_utpt_mutex {
+public:
+    a_utpt_mutex() { pthread_mutex_init(&mutex, nullptr); }
+    ~a_utpt_mutex() { pthread_mutex_destroy(&mutex); }
+    a_utpt_mutex& operator=(a_utpt_mutex&&) = delete;  // nor copies
+
+    void get() { pthread_mutex_lock(&mutex); }
+    void give() { pthread_mutex_unlock(&mutex); }
+    int try_get() { return pthread_mutex_trylock(&mutex); }
+    // For a shut-down: FALSE when it could not be had within a second.
+    a_bool get_in_time()
+    {
+        return unix_in_time([this] { return try_get() == 0; });
+    }
+
+    // In a forked child: free, whoever of the parent held it. Signal-safe.
+    void fork_child() { pthread_mutex_init(&mutex, nullptr); }
+
+    void* operator new(size_t size) noexcept { return ut_alloc(size); }
+    void operator delete(void* block) noexcept { ut_free(block); }
+
+private:
+    pthread_mutex_t mutex;
+};
 
 inline void init_object(pthread_mutex_t* mutex) { pthread_mutex_init(mutex, nullptr); }
 inline void init_object(pthread_cond_t* cond) { pthread_cond_init(cond, nullptr); }
@@ -84,7 +111,6 @@ public:
         delete section;
     }
 
-    // Signal-safe.
     void fork_child()
     {
         forked = true;
@@ -93,9 +119,9 @@ public:
     }
 
 private:
-    static constexpr uint32 batch = 50;
     // Their entries are zero-filled, and their section is created on demand.
     static constexpr bool of_mutexes = std::is_same_v<an_object, pthread_mutex_t>;
+    static constexpr uint32 batch = 50;
 
     struct an_entry {
         an_object object;  // first, so that a handle's pointer is the entry's address
@@ -117,8 +143,7 @@ private:
             if (section != nullptr && entered)
                 section->give();
         }
-        a_guard(const a_guard&) = delete;
-        a_guard& operator=(const a_guard&) = delete;
+        a_guard& operator=(a_guard&&) = delete;  // nor copies
 
         bool entered;
 
@@ -141,10 +166,10 @@ private:
     void alloc_now(uint32 num)
     {
         for (uint32 i = 0; i < num; i++) {
-            void* block = of_mutexes ? calloc(1, sizeof(an_entry)) : malloc(sizeof(an_entry));
-            if (block == nullptr)
+            constexpr size_t size = sizeof(an_entry);
+            an_entry* entry = static_cast<an_entry*>(of_mutexes ? calloc(1, size) : malloc(size));
+            if (entry == nullptr)
                 break;
-            an_entry* entry = static_cast<an_entry*>(block);
             init_object(&entry->object);
             push(entry);
         }
@@ -186,5 +211,3 @@ private:
     bool forked = false;     // in a forked child
     bool abandoned = false;  // the section, by a shut-down
 };
-
-#endif

@@ -9,63 +9,49 @@ namespace {
 
 constexpr size_t message_size = 4096;  // of one formatted message, the terminating NUL included
 
-a_ut_print_handler msg_print_handler;
-void* msg_print_data;
-a_ut_print_handler err_print_handler;
-void* err_print_data;
+struct a_channel {
+    a_ut_print_handler handler;
+    void* data;
 
-void write_out(FILE* stream, const char* msg)
+    void print(FILE* otherwise, const char* msg) const
+    {
+        if (handler != nullptr)
+            return handler(data, msg);
+        fputs(msg, otherwise);
+        fflush(otherwise);
+    }
+};
+a_channel messages, errors;
+
+void printf_to(void (*print)(const char* msg), const char* fmt, va_list args)
 {
-    fputs(msg, stream);
-    fflush(stream);
+    char msg[message_size];
+    vsnprintf(msg, sizeof msg, fmt, args);
+    print(msg);
 }
 
 }  // namespace
 
-void ut_MsgPrint_Register(a_ut_print_handler rtn, void* data)
-{
-    msg_print_handler = rtn;
-    msg_print_data = data;
-}
+void ut_MsgPrint_Register(a_ut_print_handler rtn, void* data) { messages = {rtn, data}; }
 
-void ut_ErrPrint_Register(a_ut_print_handler rtn, void* data)
-{
-    err_print_handler = rtn;
-    err_print_data = data;
-}
+void ut_ErrPrint_Register(a_ut_print_handler rtn, void* data) { errors = {rtn, data}; }
 
-void ut_MsgPrint(const char* msg)
-{
-    if (msg_print_handler != nullptr)
-        msg_print_handler(msg_print_data, msg);
-    else
-        write_out(stdout, msg);
-}
+void ut_MsgPrint(const char* msg) { messages.print(stdout, msg); }
 
-void ut_ErrPrint(const char* msg)
-{
-    if (err_print_handler != nullptr)
-        err_print_handler(err_print_data, msg);
-    else
-        write_out(stderr, msg);
-}
+void ut_ErrPrint(const char* msg) { errors.print(stderr, msg); }
 
 void ut_MsgPrintf(const char* fmt, ...)
 {
-    char msg[message_size];
     va_list args;
     va_start(args, fmt);
-    vsnprintf(msg, sizeof msg, fmt, args);
+    printf_to(ut_MsgPrint, fmt, args);
     va_end(args);
-    ut_MsgPrint(msg);
 }
 
 void ut_ErrPrintf(const char* fmt, ...)
 {
-    char msg[message_size];
     va_list args;
     va_start(args, fmt);
-    vsnprintf(msg, sizeof msg, fmt, args);
+    printf_to(ut_ErrPrint, fmt, args);
     va_end(args);
-    ut_ErrPrint(msg);
 }

@@ -1,10 +1,8 @@
 // utptcondvar.cpp: the plain condition-variable wrappers and the safe condition variables, which come from a pool
 // (utpool.h). Not signal-safe but for the fork steps.
-#include "corvex/ptcondvar.h"
-
 #include <errno.h>
 
-#include "utils/unix/utpool.h"
+#include "utils/unix/utptmutex.h"
 
 namespace {
 
@@ -48,10 +46,8 @@ void ut_safe_pthread_cond_crit_init() { pool.crit_init(); }
 
 void ut_safe_pthread_cond_crit_fini() { pool.crit_fini(); }
 
-// Signal-safe.
 void ut_safe_pthread_cond_pool_fork_child() { pool.fork_child(); }
 
-// Signal-safe.
 void ut_safe_pthread_cond_fork_child(a_ut_safe_pthread_cond_t* _cv)
 {
     if (_cv->p_cond != nullptr)

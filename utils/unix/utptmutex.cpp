@@ -4,8 +4,6 @@
 
 #include <errno.h>
 
-#include "utils/unix/utpool.h"
-
 namespace {
 
 constinit a_pool<pthread_mutex_t> pool;
@@ -52,10 +50,8 @@ void ut_safe_pthread_mutex_crit_init() { pool.crit_init(); }
 
 void ut_safe_pthread_mutex_crit_fini() { pool.crit_fini(); }
 
-// Signal-safe.
 void ut_safe_pthread_mutex_pool_fork_child() { pool.fork_child(); }
 
-// Signal-safe.
 void ut_safe_pthread_mutex_fork_child(a_ut_safe_pthread_mutex_t* _mx)
 {
     if (_mx->p_mutex != nullptr)

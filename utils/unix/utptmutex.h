@@ -1,40 +1,9 @@
-// utptmutex.h: the small lock class of the pools, and what the library itself needs of the safe mutexes
-// beyond corvex/ptmutex.h.
-#ifndef UNIX_UTPTMUTEX_H
-#define UNIX_UTPTMUTEX_H
+// utptmutex.h: what the library itself needs of the safe mutexes and condition variables beyond their public headers.
+#pragma once
 
 #include "corvex/ptcondvar.h"
 #include "corvex/ptmutex.h"
-#include "utils/unix/utending.h"
-#include "utils/utmem/utmem.h"
-
-// One POSIX mutex with default attributes.
-class a_utpt_mutex {
-public:
-    a_utpt_mutex() { pthread_mutex_init(&mutex, nullptr); }
-    ~a_utpt_mutex() { pthread_mutex_destroy(&mutex); }
-    a_utpt_mutex(const a_utpt_mutex&) = delete;
-    a_utpt_mutex& operator=(const a_utpt_mutex&) = delete;
-
-    void get() { pthread_mutex_lock(&mutex); }
-    void give() { pthread_mutex_unlock(&mutex); }
-    int try_get() { return pthread_mutex_trylock(&mutex); }
-    // For a shut-down: FALSE when it could not be had within a second.
-    a_bool get_in_time()
-    {
-        return unix_in_time([this] { return try_get() == 0; });
-    }
-
-    // In a forked child: free, whoever of the parent held it.
-    // Signal-safe.
-    void fork_child() { pthread_mutex_init(&mutex, nullptr); }
-
-    void* operator new(size_t size) noexcept { return ut_alloc(size); }
-    void operator delete(void* block) noexcept { ut_free(block); }
-
-private:
-    pthread_mutex_t mutex;
-};
+#include "utils/unix/utpool.h"
 
 void ut_safe_pthread_mutex_crit_init();
 void ut_safe_pthread_mutex_crit_fini();
@@ -47,5 +16,3 @@ void ut_safe_pthread_mutex_pool_fork_child();
 void ut_safe_pthread_cond_pool_fork_child();
 void ut_safe_pthread_mutex_fork_child(a_ut_safe_pthread_mutex_t* _mx);
 void ut_safe_pthread_cond_fork_child(a_ut_safe_pthread_cond_t* _cv);
-
-#endif

@@ -10,8 +10,8 @@
 // Were these plain loads and stores, both could pass their own store, and the last value would be lost. So each side
 // has a full barrier in between: the look is a compare-and-swap of 1 to 1, and the waiter's is the unlocking of the
 // mutex behind the clearing, a locked instruction on this platform. Whichever change of the flag comes second, its
-// thread sees what the other did before its own. Not signal-safe but for the fork step.
-#include "utils/unix/utptsem.h"
+// thread sees what the other did before its own. Not signal-safe.
+#include "corvex/ptsem.h"
 
 #include <errno.h>
 #include <sys/time.h>
@@ -29,8 +29,7 @@ class a_sem_lock {
 public:
     explicit a_sem_lock(a_ut_pthread_semaphore* sem) : mutex(sem->mutex.p_mutex) { pthread_mutex_lock(mutex); }
     ~a_sem_lock() { pthread_mutex_unlock(mutex); }
-    a_sem_lock(const a_sem_lock&) = delete;
-    a_sem_lock& operator=(const a_sem_lock&) = delete;
+    a_sem_lock& operator=(a_sem_lock&&) = delete;  // nor copies
 
 private:
     pthread_mutex_t* mutex;
@@ -62,13 +61,8 @@ struct timespec deadline_in(unsigned int timeout_in_ms)
 {
     struct timeval now;
     gettimeofday(&now, nullptr);
-    const unsigned sec = timeout_in_ms / ms_per_second;
-    const unsigned msec = timeout_in_ms - sec * ms_per_second;
-    now.tv_sec += sec;
-    now.tv_usec += long(msec) * 1000;
-    now.tv_sec += now.tv_usec / us_per_second;
-    now.tv_usec %= us_per_second;
-    return {now.tv_sec, now.tv_usec * 1000};
+    const long usec = now.tv_usec + long(timeout_in_ms % ms_per_second) * 1000;
+    return {now.tv_sec + timeout_in_ms / ms_per_second + usec / us_per_second, usec % us_per_second * 1000};
 }
 
 }  // namespace
@@ -139,11 +133,4 @@ a_bool ut_pthread_reset_semaphore(a_ut_pthread_semaphore* sem)
     const a_sem_lock lock(sem);
     consume(sem);
     return TRUE;
-}
-
-// Signal-safe.
-void ut_pthread_semaphore_fork_child(a_ut_pthread_semaphore* sem)
-{
-    ut_safe_pthread_mutex_fork_child(&sem->mutex);
-    ut_safe_pthread_cond_fork_child(&sem->cv);
 }

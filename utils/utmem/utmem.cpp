@@ -1,19 +1,16 @@
-// utmem.cpp: the allocation wrappers over the system allocator: no header, no tracking, no lock. Not
-// signal-safe.
+// utmem.cpp: the allocation wrappers over the system allocator: no header, no tracking, no lock. Not signal-safe.
 #include "utils/utmem/utmem.h"
 
 #include <stdlib.h>
 #include <string.h>
 
 #include "utils/etc/utfatal.h"
-#include "utils/etc/utoutmem.h"
 
 a_bool g_utmem_aborted = FALSE;
 
 namespace {
 
-// The return address is what allocation tracking, which is off, would file the block under.
-void* ut_alloc_track(size_t size, void* /*retaddr*/, bool can_fail)
+void* ut_alloc_track(size_t size, bool can_fail)
 {
     if (size == 0)
         return nullptr;
@@ -27,15 +24,18 @@ void* ut_alloc_track(size_t size, void* /*retaddr*/, bool can_fail)
 
 }  // namespace
 
-void* ut_malloc(size_t size) { return ut_alloc_track(size, __builtin_return_address(0), true); }
+// The library keeps no memory that it could give up.
+a_bool ut_out_of_memory() { return FALSE; }
+
+void* ut_malloc(size_t size) { return ut_alloc_track(size, true); }
 
 void* uimalloc(size_t size) { return ut_malloc(size); }
 
-void* ut_alloc(size_t size) { return ut_alloc_track(size, __builtin_return_address(0), false); }
+void* ut_alloc(size_t size) { return ut_alloc_track(size, false); }
 
 void* ut_calloc(size_t size)
 {
-    void* block = ut_alloc_track(size, __builtin_return_address(0), true);
+    void* block = ut_alloc_track(size, true);
     if (block != nullptr)
         memset(block, 0, size);
     return block;
@@ -51,7 +51,7 @@ void* ut_memdup(void* old, size_t size)
 {
     if (old == nullptr)
         return nullptr;
-    void* block = ut_alloc_track(size, __builtin_return_address(0), true);
+    void* block = ut_alloc_track(size, true);
     if (block != nullptr)
         memcpy(block, old, size);
     return block;
@@ -66,7 +66,9 @@ void* ut_realloc(void* ptr, size_t size)
         return nullptr;
     }
     void* block = realloc(ptr, size);
-    if (block == nullptr && ut_out_of_memory())
+    if (block != nullptr)  // a return: behind "&&", unoptimised, gcc 12 takes the second attempt for a use after free
+        return block;
+    if (ut_out_of_memory())
         block = realloc(ptr, size);
     if (block == nullptr)
         ut_fatal("Out of memory");

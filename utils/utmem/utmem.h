@@ -1,8 +1,7 @@
-// utmem.h: the library's allocation wrappers. A request for zero bytes yields null; a failed one asks the
-// out-of-memory hook once and then yields null, ut_alloc and a resize after a report to the system log.
-// Blocks are plain system blocks. Thread-safe as the allocator is; not signal-safe.
-#ifndef UTMEM_UTMEM_H
-#define UTMEM_UTMEM_H
+// utmem.h: the library's allocation wrappers. A request for zero bytes yields null; a failed one asks the out-of-memory
+// hook once and then yields null, ut_alloc and a resize after a report to the system log. Blocks are plain system
+// blocks. Thread-safe as the allocator is; not signal-safe.
+#pragma once
 
 #include <stddef.h>
 
@@ -18,11 +17,10 @@ void* ut_realloc(void* ptr, size_t size);  // on failure the old block stays the
 void* uirealloc(void* ptr, size_t size);
 void ut_free(void* ptr);
 void uifree(void* ptr);
+a_bool ut_out_of_memory();  // whether a failed allocation is worth a second attempt
 void ut_start_trackmem();
 void ut_stop_trackmem();
 int ut_trackmem(const char* filename);
 void utmem_abort();
 
 extern a_bool g_utmem_aborted;
-
-#endif

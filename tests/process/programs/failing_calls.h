@@ -1,4 +1,5 @@
-// failing_calls.h: stand-ins for the allocator that count the blocks given out and let one call fail. For one program file.
+// failing_calls.h: stand-ins for the allocator that count the blocks given out and let one call fail. For one program
+// file.
 #ifndef PROGRAMS_FAILING_CALLS_H
 #define PROGRAMS_FAILING_CALLS_H
 

@@ -2,15 +2,21 @@
 // a clock that only the script moves and with thread handles that the script chooses.
 //
 // An event command is its class and then: location, id, text, [@file:line], [pn=count], parameters. "-" stands for null
-// or none; ids are those registered by `id`, SIG, Q2, else texts. At address 0x100000 stand the bytes 0, 1, 2, ...
+// or none; ids are those registered by `id`, SIG, Q2, a number behind '#', else texts. At address 0x100000 stand the
+// bytes 0, 1, 2, ...
 #include <errno.h>
+#include <sched.h>
 #include <semaphore.h>
+#include <setjmp.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/sem.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <deque>
@@ -21,6 +27,7 @@
 #include <vector>
 
 #include "corvex/corvex.h"
+#include "streams.h"
 
 namespace {
 
@@ -42,6 +49,8 @@ const char* text(const std::string& s) { return s == "-" ? nullptr : texts.empla
 
 a_ut_hist_id id_of(const std::string& name)
 {
+    if (name[0] == '#')
+        return a_ut_hist_id(a_ptrint(std::stoul(name.substr(1))));
     if (name == "-" || name == "SIG" || name == "Q2")
         return name == "-" ? UT_HIST_ID_NONE : name == "Q2" ? UT_HIST_ID_Q2 : UT_HIST_ID_SIGHANDLER;
     return ids.count(name) != 0 ? ids[name] : UT_HIST_ID_TEXT(text(name));
@@ -88,10 +97,14 @@ struct a_player {
             }
         });
     }
-    void hand(const std::string& command)
+    void begin(const std::string& command)
     {
         line = command;
         sem_post(&go);
+    }
+    void hand(const std::string& command)
+    {
+        begin(command);
         command.empty() ? thread.join() : void(sem_wait(&done));
     }
 };
@@ -135,22 +148,15 @@ void fork_child(const an_arg_list& args)
     const pid_t child = fork();
     if (child == 0) {
         in_child = true;
-        play(rest(args, 1));
+        std::istringstream steps(rest(args, 1));
+        for (std::string step; std::getline(steps, step, ';');)
+            play(step);
         exit(0);
     }
     int status;
     waitpid(child, &status, 0);
     if (status != 0)
-        printf("child %x\n", status);
-}
-
-// From here on in two processes, of which the child ends after the command that this is part of; the parent waits for it.
-void split()
-{
-    const pid_t child = fork();
-    in_child = child == 0;
-    if (!in_child)
-        waitpid(child, nullptr, 0);
+        printf("child %x\n", status & ~0x80);  // without a core
 }
 
 // Records a text of some length three times over, as file, id and event; behind its NUL no byte can be read.
@@ -166,6 +172,59 @@ void add_at_page_end(const an_arg_list& args)
         at[i] = char('a' + i % 26);
     ut_hist_add(at, 1, nullptr, UT_HIST_CL_EV, UT_HIST_ID_TEXT(at), at, 0, nullptr, nullptr, nullptr, nullptr, nullptr,
                 nullptr, nullptr, nullptr);
+}
+
+void show_file(const an_arg_list& args)
+{
+    FILE* const f = fopen(args[1].c_str(), "r");
+    if (f == nullptr)
+        printf("no %s\n", args[1].c_str());
+    for (int c; f != nullptr && (c = getc(f)) != EOF;)
+        putchar(c);
+    if (f != nullptr)
+        fclose(f);
+}
+
+// A link to a file that another user has put into a folder where all may write.
+void plant_link(const an_arg_list& args)
+{
+    if (mkdir("shared", 0700) != 0 || chmod("shared", 01777) != 0 || symlink(args[2].c_str(), args[1].c_str()) != 0 ||
+        lchown(args[1].c_str(), uid_t(std::stoul(args[3])), 0) != 0)
+        printf("no link\n");
+}
+
+// The library's handlers, with a callback that saves the history; kernel sets apart from those of other programs.
+void install_handlers(const an_arg_list&)
+{
+    const struct rlimit no_core = {};
+    setrlimit(RLIMIT_CORE, &no_core);
+    unshare(CLONE_NEWIPC);
+    ut_onsig_call_add(
+        1, [](int, void*, a_bool, a_bool, a_bool, void*, void*) { raise(SIGUSR1); }, nullptr);
+    ut_onsig_install_signal_handlers(FALSE);
+}
+
+void count_sets(const an_arg_list&)
+{
+    struct seminfo info = {};
+    semctl(0, 0, SEM_INFO, &info);
+    printf("sets %d\n", info.semusz);
+}
+
+sigjmp_buf before_event;
+
+// An event that a trap may leave by a jump.
+void leap(const an_arg_list&)
+{
+    if (sigsetjmp(before_event, 1) == 0)
+        UT_HIST_EV(UT_HIST_ID_NONE, "left");
+}
+
+std::atomic<bool> storming{true};
+void storm(const an_arg_list&)
+{
+    while (storming)
+        raise(SIGUSR1);
 }
 
 void dump_to_file(const an_arg_list& args)
@@ -215,6 +274,8 @@ const std::map<std::string, void (*)(const an_arg_list& args)> commands = {
      }},
     {"slot", [](const an_arg_list& args) { slot = std::stoul(args[1]); }},
     {"on", [](const an_arg_list& args) { players[args[1]].hand(rest(args, 2)); }},
+    {"begin", [](const an_arg_list& args) { players[args[1]].begin(rest(args, 2)); }},
+    {"wait", [](const an_arg_list& args) { sem_wait(&players[args[1]].done); }},
     {"stop",
      [](const an_arg_list& args) {
          players[args[1]].hand("");
@@ -227,7 +288,40 @@ const std::map<std::string, void (*)(const an_arg_list& args)> commands = {
          sigaddset(&set, std::stoi(args[1]));
          pthread_sigmask(SIG_BLOCK, &set, nullptr);
      }},
-    {"env", [](const an_arg_list& args) { setenv(args[1].c_str(), args[2].c_str(), 1); }},
+    {"env",
+     [](const an_arg_list& args) {
+         setenv(args[1].c_str(), args[2].c_str(), 1);
+         tzset();
+     }},
+    {"within", [](const an_arg_list& args) { alarm(unsigned(std::stoul(args[1]))); }},
+    {"pause", [](const an_arg_list& args) { usleep(useconds_t(std::stoul(args[1]))); }},
+    {"say", [](const an_arg_list& args) { printf("%s\n", args[1].c_str()); }},
+    {"show", show_file},
+    {"plant", plant_link},
+    {"fifo", [](const an_arg_list& args) { make_fifo(args[1].c_str(), args.size() > 2); }},
+    {"pipe", [](const an_arg_list& args) { pipe_stderr(args[1].c_str()); }},
+    {"pace", [](const an_arg_list& args) { pace = unsigned(std::stoul(args[1])); }},
+    {"err", [](const an_arg_list& args) { reopen_stderr(args[2].c_str(), args[1] == "rw" ? O_RDWR : O_WRONLY); }},
+    {"lock", [](const an_arg_list&) { flockfile(stderr); }},
+    {"unlock", [](const an_arg_list&) { funlockfile(stderr); }},
+    {"limit",
+     [](const an_arg_list& args) {
+         const rlim_t bytes = std::stoul(args[1]);
+         const struct rlimit limit = {bytes, bytes};
+         setrlimit(RLIMIT_FSIZE, &limit);
+     }},
+    {"install", install_handlers},
+    {"set",
+     [](const an_arg_list&) {
+         static a_sysv_semaphore semaphore;
+         sysv_open_semaphore(&semaphore, 1);
+     }},
+    {"sets", count_sets},
+    {"leap", leap},
+    {"storm", storm},
+    {"calm", [](const an_arg_list&) { storming = false; }},
+    {"raise", [](const an_arg_list& args) { raise(std::stoi(args[1])); }},
+    {"exit", [](const an_arg_list&) { exit(0); }},
     {"init", [](const an_arg_list&) { ut_hist_init(); }},
     {"fini", [](const an_arg_list&) { ut_hist_fini(); }},
     {"setting", [](const an_arg_list& args) { ut_hist_setting(a_ut_hist_setting(std::stoi(args[1]))); }},
@@ -239,7 +333,6 @@ const std::map<std::string, void (*)(const an_arg_list& args)> commands = {
     {"mine", [](const an_arg_list&) { signal(SIGUSR1, mine); }},
     {"handler", show_handler},
     {"child", fork_child},
-    {"split", [](const an_arg_list&) { split(); }},
     {"vfork",
      [](const an_arg_list& args) {
          const pid_t child = vfork();
@@ -258,7 +351,8 @@ void play(const std::string& line)
     for (std::string word; words >> word;)
         args.push_back(word);
     const bool kept = shown;
-    const bool thread_command = args[0] == "on" || args[0] == "stop" || args[0] == "child" || args[0] == "file";
+    const bool thread_command =
+        args[0] == "on" || args[0] == "begin" || args[0] == "stop" || args[0] == "child" || args[0] == "file";
     shown = !thread_command;
     commands.at(args[0])(args);
     shown = kept;
@@ -268,8 +362,11 @@ void play(const std::string& line)
 
 static void spring_trap()
 {
-    if (trap_after > 0 && --trap_after == 0)
-        play(trap);
+    if (trap_after == 0 || --trap_after > 0)
+        return;
+    if (trap == "jump")
+        siglongjmp(before_event, 1);  // from here: nothing is left behind
+    play(trap);
 }
 
 extern "C" int gettimeofday(struct timeval* tv, void*) noexcept
@@ -311,10 +408,8 @@ int main(int argc, char** argv)
         bytes[i] = static_cast<unsigned char>(i);
     setvbuf(stdout, nullptr, _IONBF, 0);
     slot = 7;
-    for (int i = 1; i < argc && !in_child; i++)
+    for (int i = 1; i < argc; i++)
         play(argv[i]);
-    if (in_child)
-        _exit(0);
     while (!players.empty())
         play("stop " + players.begin()->first);
     return 0;

@@ -1,5 +1,5 @@
-// hist_storm.cpp: sends as many SIGUSR1 as its argument says at threads that allocate, print, convert local time, record
-// and dump. What an event shows follows from its number within its thread, so that a row made of two shows.
+// hist_storm.cpp: sends as many SIGUSR1 as its argument says at threads that allocate, print, convert local time,
+// record and dump. What an event shows follows from its number within its thread, so that a row made of two shows.
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>

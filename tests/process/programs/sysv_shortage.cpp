@@ -1,6 +1,8 @@
-// sysv_shortage.cpp: lets the k-th kernel call or allocation of an opening and closing fail, for every k, and the first sets
-// come back with identifier 0; afterwards no kernel set and no block may be left, and the library still works.
+// sysv_shortage.cpp: lets the k-th kernel call or allocation of an opening and closing fail, for every k, and the first
+// sets come back with identifier 0; afterwards no kernel set and no block may be left, and the library still works.
+// With an argument: exit is called by a handler that interrupts the removing of a set.
 #include <sched.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -15,6 +17,7 @@ namespace {
 long live_sets = 0;
 long zeros = 0;  // sets that are still to come back as 0
 bool zero_lives = false;
+bool exit_next = false;  // by a signal at the next removal
 
 bool open_and_close()
 {
@@ -51,6 +54,10 @@ extern "C" int semctl(int id, int n, int command, ...) noexcept
     va_start(args, command);
     void* arg = va_arg(args, void*);
     va_end(args);
+    if (command == IPC_RMID && exit_next) {
+        exit_next = false;
+        raise(SIGUSR2);
+    }
     if (command == IPC_RMID && id == 0 && zero_lives) {
         zero_lives = false;
         live_sets--;
@@ -63,8 +70,17 @@ extern "C" int semctl(int id, int n, int command, ...) noexcept
     return result;
 }
 
-int main()
+int main(int argc, char**)
 {
+    if (argc > 1) {
+        signal(SIGUSR2, [](int) { exit(live_sets == 2 ? 0 : 1); });
+        a_sysv_semaphore s[9];
+        for (a_sysv_semaphore& each : s)
+            sysv_open_semaphore(&each, 1);
+        exit_next = true;
+        sysv_close_semaphore(&s[8]);
+        return 2;
+    }
     static char buffer[BUFSIZ];
     setvbuf(stdout, buffer, _IOFBF, sizeof buffer);  // standard output allocates nothing then
     zeros = 2;                                       // the probe, and its second asking

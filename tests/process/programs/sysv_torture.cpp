@@ -1,5 +1,6 @@
-// sysv_torture.cpp: a process that does everything at once until signals kill it. sysv_torture DELAY_US SIGNAL...: after the
-// delay it sends its threads the signals (without any it exits); its threads open and close semaphores, allocate, record, dump and wake each other.
+// sysv_torture.cpp: a process that does everything at once until signals kill it. sysv_torture DELAY_US SIGNAL...:
+// after the delay it sends its threads the signals (without any it exits); its threads open and close semaphores,
+// allocate, record, dump and wake each other.
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/resource.h>

@@ -1,5 +1,5 @@
-// threads_shortage.cpp: lets the k-th allocation fail, for every k, of a life of the thread layer and of the starting of
-// threads in one; the layer stays usable, a start gives null or runs its body, and no block is left.
+// threads_shortage.cpp: lets the k-th allocation fail, for every k, of a life of the thread layer and of the starting
+// of threads in one; the layer stays usable, a start gives null or runs its body, and no block is left.
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>

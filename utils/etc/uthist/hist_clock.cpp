@@ -1,20 +1,23 @@
-// hist_clock.cpp: the table of offsets from UTC (hist_clock.h says why there is one) and what is formatted
-// from it.
+// hist_clock.cpp: the table of offsets from UTC (hist_clock.h says why there is one) and what is formatted from it.
 //
-// Two tables: `published` counts the publications, and its parity names the table in force. A refresh fills
-// the other one and publishes it; refreshes are serialised by their callers (start-up, and the
-// one dump that runs). A lookup that was overtaken by a publication may have read a table that the next refresh fills, sees
-// that in the count, and looks again.
+// Two tables: `published` counts the publications, and its parity names the table in force. A refresh fills the other
+// one and publishes it; refreshes are serialised by their callers (start-up, and the one dump that runs). A lookup that
+// was overtaken by a publication may have read a table that the next refresh fills, sees that in the count, and looks
+// again. Signal-safe: all of it, but what says otherwise.
 #include "utils/etc/uthist/hist_clock.h"
+
+#include <stdlib.h>
+
+#include "utils/unix/unixfork.h"
 
 namespace {
 
-constexpr int64_t day = 24 * 60 * 60;
-constexpr int64_t days_to_1970 = 719162;          // from the first of January of year 1
-constexpr int64_t table_past = 400 * day;         // a clock that is set back a year still finds its offset
-constexpr int64_t table_future = 10 * 366 * day;  // a server that never dumps outside a handler for ten years
-constexpr int64_t table_renewal = 366 * day;      // renewed when less than this is left
-constexpr int64_t probe_step = 14 * day;          // no zone changes and changes back within two weeks
+constexpr int64_t day = 86400;
+constexpr int64_t days_to_1970 = 719162;      // from the first of January of year 1
+constexpr int64_t table_past = 400 * day;     // a clock that is set back a year still finds its offset
+constexpr int64_t table_future = 3660 * day;  // a server that never dumps outside a handler for ten years
+constexpr int64_t table_renewal = 366 * day;  // renewed when less than this is left
+constexpr int64_t probe_step = 14 * day;      // no zone changes and changes back within two weeks
 constexpr uint32 max_changes = 64;
 
 struct a_change {
@@ -30,10 +33,10 @@ struct a_zone_table {
 
 a_zone_table zones[2];
 uint32 published;
+const char* zone_name;  // TZ's value when the table was made; only compared, as an address: a new value has another
 
 // How far local time is ahead. From the fields, not from tm_gmtoff, which leaves out what a zone with leap seconds
-// counts.
-// Not signal-safe: localtime_r locks.
+// counts. Not signal-safe: localtime_r locks.
 int64_t offset_at(int64_t seconds)
 {
     const time_t t = time_t(seconds);
@@ -42,11 +45,10 @@ int64_t offset_at(int64_t seconds)
         return 0;
     const int64_t past = local.tm_year + 1900 - 1;  // years
     const int64_t days = past * 365 + past / 4 - past / 100 + past / 400 - days_to_1970 + local.tm_yday;
-    return days * day + local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec - seconds;
+    return days * day + local.tm_hour * int64_t(3600) + local.tm_min * int64_t(60) + local.tm_sec - seconds;
 }
 
-// The first second in (before, after] that has the offset of `after`.
-// Not signal-safe: localtime_r locks.
+// The first second in (before, after] that has the offset of `after`. Not signal-safe: localtime_r locks.
 int64_t find_change(int64_t before, int64_t after)
 {
     const int64_t offset = offset_at(after);
@@ -58,7 +60,6 @@ int64_t find_change(int64_t before, int64_t after)
 }
 
 // Release here and below: a lookup that finds anything of it finds the publication before, too.
-// Signal-safe.
 void put_change(a_zone_table& zone, uint32 i, int64_t from, int64_t offset)
 {
     __atomic_store_n(&zone.changes[i].from, from, __ATOMIC_RELEASE);
@@ -82,7 +83,6 @@ void fill_table(a_zone_table& zone, int64_t now)
     __atomic_store_n(&zone.count, count, __ATOMIC_RELEASE);
 }
 
-// Signal-safe.
 int64_t look_up(const a_zone_table& zone, int64_t seconds)
 {
     uint32 i = __atomic_load_n(&zone.count, __ATOMIC_ACQUIRE);
@@ -91,7 +91,6 @@ int64_t look_up(const a_zone_table& zone, int64_t seconds)
     return i == 0 ? 0 : __atomic_load_n(&zone.changes[i - 1].offset, __ATOMIC_ACQUIRE);
 }
 
-// Signal-safe.
 int64_t zone_offset(int64_t seconds)
 {
     for (;;) {
@@ -103,32 +102,24 @@ int64_t zone_offset(int64_t seconds)
     }
 }
 
-// Signal-safe.
-void put_digits(char*& at, int64_t value, int width)
+void put_time(a_hist_text& out, const a_hist_civil& local)
 {
-    for (int i = width; i-- > 0; value /= 10)
-        at[i] = char('0' + value % 10);
-    at += width;
-}
-
-// Signal-safe.
-void put_time(char*& at, const a_hist_civil& local)
-{
-    put_digits(at, local.hr, 2);
-    *at++ = ':';
-    put_digits(at, local.mi, 2);
-    *at++ = ':';
-    put_digits(at, local.se, 2);
+    out.dec(uint32(local.hr), 2, '0');
+    out.chr(':');
+    out.dec(uint32(local.mi), 2, '0');
+    out.chr(':');
+    out.dec(uint32(local.se), 2, '0');
 }
 
 }  // namespace
 
 // Makes the table again when there is none, when its end comes near, or when the zone of the process has changed. A
-// forked child keeps its parent's table: localtime_r's lock may be held by a thread that the child does not have.
-// Not signal-safe: localtime_r locks. Its callers are serialised.
+// forked child keeps its parent's table: localtime_r's lock may be held by a thread that the child does not have. Where
+// there was none, in a daemon, a new TZ counts; not without one, since the child may be of a handler that interrupted
+// localtime_r. Not signal-safe: localtime_r locks. Its callers are serialised.
 void hist_zone_refresh()
 {
-    if (__atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED) != 0 && published != 0)
+    if (unix_fork_count() != 0 && published != 0 && (!unix_forked_alone() || getenv("TZ") == zone_name))
         return;
     struct timeval now;
     gettimeofday(&now, nullptr);
@@ -138,12 +129,12 @@ void hist_zone_refresh()
     if (zone.count > 0 && first <= now.tv_sec && now.tv_sec < zone.until - table_renewal &&
         look_up(zone, now.tv_sec) == offset_at(now.tv_sec))
         return;
+    zone_name = getenv("TZ");
     fill_table(zones[(current + 1) % 2], now.tv_sec);
     __atomic_store_n(&published, current + 1, __ATOMIC_RELEASE);
 }
 
 // Local date and time, as localtime_r gives them.
-// Signal-safe.
 a_hist_civil hist_local(time_t seconds)
 {
     const int64_t local = int64_t(seconds) + zone_offset(seconds);
@@ -166,54 +157,25 @@ a_hist_civil hist_local(time_t seconds)
     return c;
 }
 
-// Signal-safe.
-void ut_hist_now(int32* yr, int32* mo, int32* da, int32* hr, int32* mi, int32* se, int32* us)
+// The current local time as year/month/day hour:minute:second.
+void ut_hist_cur_timestamp_str(a_hist_text& out)
 {
     struct timeval now;
     gettimeofday(&now, nullptr);
     const a_hist_civil local = hist_local(now.tv_sec);
-    *yr = local.yr;
-    *mo = local.mo;
-    *da = local.da;
-    *hr = local.hr;
-    *mi = local.mi;
-    *se = local.se;
-    *us = int32(now.tv_usec);
+    out.dec(uint32(local.yr), 4, '0');
+    out.chr('/');
+    out.dec(uint32(local.mo), 2, '0');
+    out.chr('/');
+    out.dec(uint32(local.da), 2, '0');
+    out.chr(' ');
+    put_time(out, local);
 }
 
-// The current local time as year/month/day hour:minute:second; buf holds hist_timestamp_size bytes.
-// Signal-safe.
-char* ut_hist_cur_timestamp_str(char* buf)
+// A record's local time as hour:minute:second.microseconds.
+void ut_hist_timestamp_str(a_hist_text& out, const struct timeval& time_of_day)
 {
-    a_hist_civil now;
-    int32 us;
-    ut_hist_now(&now.yr, &now.mo, &now.da, &now.hr, &now.mi, &now.se, &us);
-    char* at = buf;
-    put_digits(at, now.yr, 4);
-    *at++ = '/';
-    put_digits(at, now.mo, 2);
-    *at++ = '/';
-    put_digits(at, now.da, 2);
-    *at++ = ' ';
-    put_time(at, now);
-    *at = '\0';
-    return buf;
-}
-
-// A record's local time as hour:minute:second.microseconds; buf holds hist_timestamp_size bytes.
-// Signal-safe.
-void ut_hist_timestamp_str(char* buf, const struct timeval& time_of_day)
-{
-    char* at = buf;
-    put_time(at, hist_local(time_of_day.tv_sec));
-    *at++ = '.';
-    put_digits(at, time_of_day.tv_usec, 6);
-    *at = '\0';
-}
-
-// Signal-safe.
-void hist_put_timestamp(a_hist_text& out)
-{
-    char buf[hist_timestamp_size];
-    out.str(ut_hist_cur_timestamp_str(buf));
+    put_time(out, hist_local(time_of_day.tv_sec));
+    out.chr('.');
+    out.dec(uint64(time_of_day.tv_usec), 6, '0');
 }

@@ -1,104 +1,77 @@
-// hist_config.cpp: reads UT_HIST into the settings: the option table, its help, and the listing of the
-// settings.
+// hist_config.cpp: reads UT_HIST into the settings: the option table, its help, and the listing of the settings.
 //
-// A new option, column switch or setting is one new row of a table. Nothing stops start-up: what cannot be
-// read is reported on the errout stream and passed over. Runs in start-up only, on one thread; nothing
-// here but ut_hist_setting and the letters' case is signal-safe.
+// An option is one row: its letter, what it takes, what it does, its lines of the help and of the listing. A column is
+// one row of hist_columns, which stands for a sub-letter of option i here. Nothing stops start-up: what cannot be read
+// is reported on the message stream and passed over. Runs in start-up only, on one thread. Not signal-safe, but
+// ut_hist_setting.
 #include "utils/etc/uthist/hist_config.h"
 
 #include <limits.h>
-#include <stdarg.h>
 #include <string.h>
 
 #include "utils/etc/utenv.h"
-#include "utils/etc/uthist/hist_clock.h"
-#include "utils/etc/uthist/hist_log.h"
+#include "utils/etc/uthist/hist_errout.h"
 
 int32 ut_hist_debug = 0;
 a_ut_hist_settings hist_cfg;
 
 namespace {
 
+an_output out;  // of all lines of start-up
+
 char env_buf[env_buf_size];
+bool env_cut = false;  // the value of UT_HIST is longer than the buffer
 
-// ---- tables ----
+// ---- the options ----
 
-// The include switches of option `i`: sub-letter, variable, help, label of the listing (null: not listed).
-struct an_include_switch {
-    char letter;
-    int32* variable;
-    const char* help;
-    const char* label;
-};
-constexpr an_include_switch include_switches[] = {
-    {'a', &hist_cfg.ut_hist_inc_tod, "absolute time of day", "(a)ut_hist_inc_tod      "},
-    {'c', &hist_cfg.ut_hist_inc_class, "class of event", "(c)ut_hist_inc_class    "},
-    {'d', &hist_cfg.ut_hist_inc_dur, "duration between beg & end", "(d)ut_hist_inc_dur      "},
-    {'e', &hist_cfg.ut_hist_inc_event, "event description", "(e)ut_hist_inc_event    "},
-    {'i', &hist_cfg.ut_hist_inc_id, "event id", "(i)ut_hist_inc_id       "},
-    {'l', &hist_cfg.ut_hist_inc_line, "source line number", "(l)ut_hist_inc_line     "},
-    {'m', &hist_cfg.ut_hist_inc_sigmask, "sig mask", nullptr},
-    {'n', &hist_cfg.ut_hist_inc_num, "index number of event", "(n)ut_hist_inc_num      "},
-    {'p', &hist_cfg.ut_hist_inc_parms, "parms", "(p)ut_hist_inc_parms    "},
-    {'q', &hist_cfg.ut_hist_inc_queue, "queue number", "(q)ut_hist_inc_queue    "},
-    {'r', &hist_cfg.ut_hist_inc_prio, "thread priority", "(q)ut_hist_inc_prio     "},
-    {'s', &hist_cfg.ut_hist_inc_file, "source file name", "(s)ut_hist_inc_file     "},
-    {'t', &hist_cfg.ut_hist_inc_thread, "thread", "(t)ut_hist_inc_thread   "},
-};
+enum a_taking : unsigned { SUB_LETTER = 1, FLAG = 2, NUMBER = 4, NAME = 8, RAISED = 16, UPPER_RAISED = 32 };
 
-// The lengths of option `m`: sub-letter, variable, value that repairs 0 and below.
-struct a_max_length {
-    char letter;
-    int32* variable;
-    int32 repaired;
-};
-constexpr a_max_length max_lengths[] = {
-    {'e', &hist_cfg.hist_max_ev_len, default_ev_len},
-    {'f', &hist_cfg.hist_max_file_len, default_file_len},
-    {'i', &hist_cfg.hist_max_id_len, default_id_len},
-};
-
-// What stands behind an option letter.
-enum an_arg_kind : unsigned { ARG_FLAG = 1, ARG_NUMBER = 2, ARG_NAME = 4 };
 struct an_argument {
-    char letter;       // the option letter as it was written
-    int flag;          // 1 unless a '-' came last
+    int flag;          // 1 unless a '-' came last; 2 where the letter's case raises it
     const char* name;  // null when none was given
+    bool cut;          // the name is not whole
 };
 
+// The letter, and its sub-letter if it has one, are lower case here. A row with a sub-letter stands behind the row of
+// its letter that takes sub-letters. Of three letters one case raises the flag from 1 to 2.
 struct an_option {
-    char letter;
-    unsigned kinds;
-    int32* number;  // where a number goes
-    void (*apply)(const an_argument& arg);
+    const char* letters;  // empty: a line of the listing alone
+    unsigned takes;
+    int32* flag;       // where a flag goes, or null
+    int32* number;     // where a number goes, or null
+    const char* help;  // null for no line
+    int place = 0;     // in the listing, from 1; 0 for no line
+    const char* label = nullptr;
+    void (*apply)(const an_argument& arg) = nullptr;  // what else there is to do
+    void (*show)(a_hist_text& text) = nullptr;        // what the listing shows instead of the flag or else the number
+    int32 otherwise = 0;                              // the number for 0 and below; 0: such a number stays
 };
 
-// Signal-safe.
 constexpr bool is_upper(char c) { return c >= 'A' && c <= 'Z'; }
-// Signal-safe.
 constexpr char lower(char c) { return is_upper(c) ? char(c - 'A' + 'a') : c; }
 
 // A name from the option string, kept where a second start-up does not overwrite it.
-// Not signal-safe: used while nobody else reads it.
 const char* keep_name(char (&kept)[env_buf_size], const char* name)
 {
-    snprintf(kept, sizeof kept, "%s", name);
+    memcpy(kept, name, strlen(name) + 1);
     return kept;
 }
 
+void apply_eol(const an_argument& arg) { hist_streams.ut_hist_eol = arg.flag != 0 ? "\r\n" : "\n"; }
+
 void apply_errout(const an_argument& arg)
 {
-    hist_cfg.need_to_open_errout = 1;
-    hist_cfg.ut_hist_dump_err_name = arg.name != nullptr ? keep_name(hist_cfg.err_name, arg.name) : errout_str;
-    if (arg.flag == 0)
-        hist_cfg.ut_hist_dump_err_name = stderr_str;
+    const char* const file = arg.name != nullptr ? keep_name(hist_cfg.err_name, arg.name) : "ut_hist.out";
+    hist_streams.ut_hist_dump_err_name = arg.flag != 0 ? file : stderr_str;
+    hist_streams.err_name_cut = arg.cut;
+    hist_errout_rename();
 }
 
 void apply_log(const an_argument& arg)
 {
-    hist_cfg.ut_hist_dump_log_name = arg.name != nullptr ? keep_name(hist_cfg.log_name, arg.name) : logout_str;
-    if (arg.flag == 0)
-        hist_cfg.ut_hist_dump_log_name = nullptr;
+    const char* const file = arg.name != nullptr ? keep_name(hist_cfg.log_name, arg.name) : "ut_hist.log";
+    hist_cfg.ut_hist_dump_log_name = arg.flag != 0 ? file : nullptr;
+    hist_cfg.log_name_cut = arg.cut;
 }
 
 void apply_registry(const an_argument& arg)
@@ -111,118 +84,126 @@ void apply_registry(const an_argument& arg)
 
 void apply_queues(const an_argument& arg)
 {
-    hist_cfg.ut_hist_debug_q_by_thr = arg.flag;
     if (hist_cfg.hist_num_q < default_num_q || arg.flag == 0)
         hist_cfg.hist_num_q = default_num_q;
     if (hist_cfg.hist_num_q > int32(hist_max_queues))
         hist_cfg.hist_num_q = hist_max_queues;
 }
 
-void apply_num(const an_argument&)
+void show_errout(a_hist_text& text) { text.str(hist_streams.ut_hist_dump_err_name); }
+
+void show_log(a_hist_text& text)
 {
-    if (hist_cfg.ut_hist_debug_num <= 0)
-        hist_cfg.ut_hist_debug_num = 1;
+    text.str(hist_cfg.ut_hist_dump_log_name != nullptr ? hist_cfg.ut_hist_dump_log_name : "<errout>");
 }
 
-// Of three letters one case means 1 and the other 2.
-int32 raised(const an_argument& arg, bool upper_raises)
-{
-    return arg.flag != 0 && is_upper(arg.letter) == upper_raises ? 2 : arg.flag;
-}
+void show_queues(a_hist_text& text) { text.put(hist_cfg.ut_hist_debug_q_by_thr, " (num_q=", hist_cfg.hist_num_q, ')'); }
 
-// The options that take an argument right behind their letter. `h`, and `i`, `m`, `y` with their sub-letters, are read
-// by read_option.
+constexpr a_ut_hist_settings& cfg = hist_cfg;
+constexpr int32* const none = nullptr;
+
+// In the order of the help, whose numbers are the built-in defaults, whatever the settings are now.
 constexpr an_option options[] = {
-    {'a', ARG_FLAG, nullptr, [](const an_argument& arg) { hist_cfg.ut_hist_dump_append = arg.flag; }},
-    {'c', ARG_FLAG, nullptr, [](const an_argument& arg) { hist_cfg.ut_hist_eol = arg.flag != 0 ? "\r\n" : "\n"; }},
-    {'d', ARG_FLAG | ARG_NUMBER, &hist_cfg.ut_hist_debug_data_size,
-     [](const an_argument& arg) { hist_cfg.ut_hist_debug_data = arg.flag; }},
-    {'e', ARG_FLAG | ARG_NAME, nullptr, apply_errout},
-    {'f', ARG_FLAG, nullptr, [](const an_argument& arg) { hist_cfg.ut_hist_dump_on_fini = arg.flag; }},
-    {'k', ARG_FLAG | ARG_NUMBER, &hist_cfg.ut_hist_debug_knum, apply_registry},
-    {'l', ARG_FLAG | ARG_NAME, nullptr, apply_log},
-    {'n', ARG_NUMBER, &hist_cfg.ut_hist_debug_num, apply_num},
-    {'q', ARG_FLAG | ARG_NUMBER, &hist_cfg.hist_num_q, apply_queues},
-    {'r', ARG_FLAG, nullptr, [](const an_argument& arg) { hist_cfg.ut_hist_dump_report = arg.flag; }},
-    {'s', ARG_FLAG, nullptr, [](const an_argument& arg) { hist_cfg.ut_hist_dump_on_sig = raised(arg, true); }},
-    {'x', ARG_FLAG, nullptr, [](const an_argument& arg) { hist_cfg.ut_hist_exit_cleanup = raised(arg, false); }},
-    {'z', ARG_FLAG, nullptr, [](const an_argument& arg) { hist_cfg.ut_hist_z_messages = raised(arg, true); }},
+    {"a", FLAG, &hist_streams.ut_hist_dump_append, none, "a[+|-]       append to log on|off (default on)", 9,
+     "ut_hist_dump_append     "},
+    {"c", FLAG, none, none, "c[+|-]       set EOL to \\r\\n (default off \\n)", 0, nullptr, apply_eol},
+    {"d", FLAG | NUMBER, &cfg.ut_hist_debug_data, &cfg.ut_hist_debug_data_size,
+     "d[+|-]<num>  debug data on|off (default off 16384)", 4, "ut_hist_debug_data      "},
+    {"", 0, none, &cfg.ut_hist_debug_data_size, nullptr, 5, "ut_hist_debug_data_size "},
+    {"e", FLAG | NAME, none, none, "e[-|<file>]  errout is stderr(-) or <file> (default ut_hist.out)", 11,
+     "ut_hist_dump_err_name   ", apply_errout, show_errout},
+    {"f", FLAG, &cfg.ut_hist_dump_on_fini, none, "f[+|-]       dump on fini on|off (default on)", 8,
+     "ut_hist_dump_on_fini    "},
+    {"h", 0, none, none, "h            this help/usage information"},
+    {"i", SUB_LETTER, none, none, "i<>[+|-]     include <> in output history dump"},
+    {"k", FLAG | NUMBER, none, &cfg.ut_hist_debug_knum, "k[+|-]<num>  keep stats on <num> markers (default off 100)", 0,
+     nullptr, apply_registry},
+    {"l", FLAG | NAME, none, none, "l[-|<file>]  dump to errout(-) or <file> (default ut_hist.log)", 12,
+     "ut_hist_dump_log_name   ", apply_log, show_log},
+    {"m", SUB_LETTER, none, none, "m[efi]<num>  max event/file/id length (default e=31/f=23/i=15)"},
+    {"me", NUMBER, none, &cfg.hist_max_ev_len, nullptr, 0, nullptr, nullptr, nullptr, default_ev_len},
+    {"mf", NUMBER, none, &cfg.hist_max_file_len, nullptr, 0, nullptr, nullptr, nullptr, default_file_len},
+    {"mi", NUMBER, none, &cfg.hist_max_id_len, nullptr, 0, nullptr, nullptr, nullptr, default_id_len},
+    {"n", NUMBER, none, &cfg.ut_hist_debug_num, "n<num>       number of events to log (default 2000)", 3,
+     "ut_hist_debug_num       ", nullptr, nullptr, 1},
+    {"q", FLAG | NUMBER, &cfg.ut_hist_debug_q_by_thr, &cfg.hist_num_q,
+     "q[+|-]<num>  queue by thread + number of queues (default 3)", 6, "ut_hist_debug_q_by_thr  ", apply_queues,
+     show_queues},
+    {"r", FLAG, &cfg.ut_hist_dump_report, none, "r[+|-]       dump report on|off (default on)", 10,
+     "ut_hist_dump_report     "},
+    {"s", FLAG | UPPER_RAISED, &cfg.ut_hist_dump_on_sig, none,
+     "s[+|-]       dump on signal on|off (default on)\n             - S means sighandler is NOT uninstalled on fini", 7,
+     "ut_hist_dump_on_sig     "},
+    {"x", FLAG | RAISED, &cfg.ut_hist_exit_cleanup, none,
+     "x[+|-]       clean up on exit (default on)\n             - X means don't need to delete critical sects on exit",
+     13, "ut_hist_exit_cleanup    "},
+    {"y", SUB_LETTER, none, none, "y<>[+|-]     set <> initially on/off (default on)"},
+    {"ye", FLAG, &ut_hist_debug, none, "             e - events", 1, "ut_hist_debug           "},
+    {"ys", FLAG, &cfg.ut_hist_debug_rec_stats, none, "             s - statistics", 2, "ut_hist_debug_rec_stats "},
+    {"z", FLAG | UPPER_RAISED, &cfg.ut_hist_z_messages, none,
+     "z[+|-]       z(diagnostic) messages on|off (default off)\n             - Z will give even more diagnostics", 14,
+     "ut_hist_z_messages      "},
 };
 
-// The number settings of the listing, around those that need more than a number.
-struct a_listed_setting {
-    const char* label;
-    const int32* variable;
-};
-constexpr a_listed_setting listed_sizes[] = {
-    {"ut_hist_debug           ", &ut_hist_debug},
-    {"ut_hist_debug_rec_stats ", &hist_cfg.ut_hist_debug_rec_stats},
-    {"ut_hist_debug_num       ", &hist_cfg.ut_hist_debug_num},
-    {"ut_hist_debug_data      ", &hist_cfg.ut_hist_debug_data},
-    {"ut_hist_debug_data_size ", &hist_cfg.ut_hist_debug_data_size},
-};
-constexpr a_listed_setting listed_dump_switches[] = {
-    {"ut_hist_dump_on_sig     ", &hist_cfg.ut_hist_dump_on_sig},
-    {"ut_hist_dump_on_fini    ", &hist_cfg.ut_hist_dump_on_fini},
-    {"ut_hist_dump_append     ", &hist_cfg.ut_hist_dump_append},
-    {"ut_hist_dump_report     ", &hist_cfg.ut_hist_dump_report},
-};
-constexpr a_listed_setting listed_at_end[] = {
-    {"ut_hist_exit_cleanup    ", &hist_cfg.ut_hist_exit_cleanup},
-    {"ut_hist_z_messages      ", &hist_cfg.ut_hist_z_messages},
-};
+// ---- help and listing ----
 
-// ---- help ----
-
-constexpr size_t max_line = 2 * env_buf_size;  // holds every line; a longer value of UT_HIST_THREAD_SLOT is cut off
-
-// A line and its end in one piece, as the stream may be unbuffered and shared with other processes.
-__attribute__((format(printf, 1, 2))) void line(const char* format, ...)
+const a_hist_column* find_column(char letter)
 {
-    char text[max_line];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    fprintf(hist_cfg.ut_hist_dump_err_file, "%s%s", text, hist_cfg.ut_hist_eol);
+    for (const a_hist_column* column = hist_columns; column->letter != '\0'; column++)
+        if (column->letter == letter)
+            return column;
+    return nullptr;
 }
 
-// The defaults shown are the built-in ones, whatever the settings are now.
+void write_help_lines(const char* at)
+{
+    while (at != nullptr && *at != '\0') {
+        const size_t len = strcspn(at, "\n");
+        a_hist_line line = hist_message(out);
+        line.text.chr('\t');
+        line.text.mem(at, len);
+        at += len + (at[len] == '\n' ? 1 : 0);
+    }
+}
+
 void write_help()
 {
-    line("********** %s options:", "UT_HIST");
-    line("\ta[+|-]       append to log on|off (default on)");
-    line("\tc[+|-]       set EOL to \\r\\n (default off \\n)");
-    line("\td[+|-]<num>  debug data on|off (default off %d)", default_data_size);
-    line("\te[-|<file>]  errout is %s(-) or <file> (default %s)", stderr_str, errout_str);
-    line("\tf[+|-]       dump on fini on|off (default on)");
-    line("\th            this help/usage information");
-    line("\ti<>[+|-]     include <> in output history dump");
-    for (const an_include_switch& s : include_switches)
-        line("\t             %c - %s", s.letter, s.help);
-    line("\tk[+|-]<num>  keep stats on <num> markers (default off %d)", default_knum);
-    line("\tl[-|<file>]  dump to errout(-) or <file> (default %s)", logout_str);
-    line("\tm[efi]<num>  max event/file/id length (default e=%d/f=%d/i=%d)", default_ev_len, default_file_len,
-         default_id_len);
-    line("\tn<num>       number of events to log (default %d)", default_num);
-    line("\tq[+|-]<num>  queue by thread + number of queues (default %d)", default_num_q);
-    line("\tr[+|-]       dump report on|off (default on)");
-    line("\ts[+|-]       dump on signal on|off (default on)");
-    line("\t             - S means sighandler is NOT uninstalled on fini");
-    line("\tx[+|-]       clean up on exit (default on)");
-    line("\t             - X means don't need to delete critical sects on exit");
-    line("\ty<>[+|-]     set <> initially on/off (default on)");
-    line("\t             e - events");
-    line("\t             s - statistics");
-    line("\tz[+|-]       z(diagnostic) messages on|off (default off)");
-    line("\t             - Z will give even more diagnostics");
-    fflush(hist_cfg.ut_hist_dump_err_file);
+    hist_message(out).text.str("********** UT_HIST options:");
+    for (const an_option& option : options) {
+        write_help_lines(option.help);
+        for (char letter = 'a'; option.letters[0] == 'i' && letter <= 'z'; letter++) {
+            const a_hist_column* const column = find_column(letter);
+            if (column != nullptr)
+                hist_message(out).text.put("\t             ", letter, " - ", column->help);
+        }
+    }
 }
 
-void report_unknown(char c, const char* rest)
+void list(const char* label, const int32* number, void (*show)(a_hist_text& text))
 {
-    hist_begin_message();
-    line("unknown %s option char '%c' in %s", "UT_HIST", c, rest);
+    a_hist_line line = hist_message(out);
+    line.text.put(label, "= ");
+    if (show != nullptr)
+        show(line.text);
+    else
+        line.text.sdec(*number);
+}
+
+// False when no line has that place.
+bool list_place(int place)
+{
+    for (const an_option& option : options)
+        if (option.place == place) {
+            list(option.label, option.flag != nullptr ? option.flag : option.number, option.show);
+            return true;
+        }
+    return false;
+}
+
+void report_unknown(const char* at)
+{
+    hist_begin_message(out);
+    hist_message(out).text.put("unknown UT_HIST option char '", *at, "' in ", at);
     write_help();
 }
 
@@ -249,72 +230,83 @@ char* read_name(char* s, char end, const char** str)
     return s;
 }
 
-char* read_sub_switch(char* s, int32& variable)
+const an_option* find_option(char letter, char sub)
 {
-    int flag = 1;
-    s = ut_hist_arg(s, &flag, nullptr, nullptr, nullptr);
-    variable = flag;
-    return s;
-}
-
-// Options whose letter is followed by a sub-letter, at s + 1. Null when that is none.
-char* read_sub_option(char* s)
-{
-    const char option = lower(*s), sub = lower(s[1]);
-    if (option == 'i')
-        for (const an_include_switch& entry : include_switches)
-            if (entry.letter == sub)
-                return read_sub_switch(s + 2, *entry.variable);
-    if (option == 'm')
-        for (const a_max_length& entry : max_lengths)
-            if (entry.letter == sub) {
-                s = ut_hist_arg(s + 2, nullptr, entry.variable, nullptr, nullptr);
-                if (*entry.variable <= 0)
-                    *entry.variable = entry.repaired;
-                return s;
-            }
-    if (option == 'y' && sub == 'e')
-        return read_sub_switch(s + 2, ut_hist_debug);
-    if (option == 'y' && sub == 's')
-        return read_sub_switch(s + 2, hist_cfg.ut_hist_debug_rec_stats);
+    for (const an_option& option : options)
+        if (option.letters[0] == letter && option.letters[1] == sub)
+            return &option;
     return nullptr;
 }
 
-char* read_plain_option(char* s, const an_option& option)
+// Reads what the option takes, from s on; gives the position behind it.
+char* read_argument(char letter, char* s, const an_option& option)
 {
-    an_argument arg = {*s, 1, nullptr};
+    an_argument arg = {1, nullptr, false};
     // `q` counts its queues from the default again, whatever an earlier start-up left.
-    if (option.letter == 'q')
+    if (option.apply == apply_queues)
         hist_cfg.hist_num_q = default_num_q;
-    s = ut_hist_arg(s + 1, (option.kinds & ARG_FLAG) != 0 ? &arg.flag : nullptr, option.number,
-                    (option.kinds & ARG_NAME) != 0 ? &arg.name : nullptr, nullptr);
-    option.apply(arg);
+    s = ut_hist_arg(s, (option.takes & FLAG) != 0 ? &arg.flag : nullptr, option.number,
+                    (option.takes & NAME) != 0 ? &arg.name : nullptr, nullptr);
+    arg.cut = env_cut && arg.name != nullptr && arg.name + strlen(arg.name) == env_buf + env_buf_size - 1;
+    if (arg.flag != 0 && (option.takes & (is_upper(letter) ? UPPER_RAISED : RAISED)) != 0)
+        arg.flag = 2;
+    if (option.flag != nullptr)
+        __atomic_store_n(option.flag, arg.flag, __ATOMIC_RELAXED);  // one of them is read by all threads
+    if (option.otherwise != 0 && *option.number <= 0)
+        *option.number = option.otherwise;
+    if (option.apply != nullptr)
+        option.apply(arg);
     return s;
+}
+
+char* read_column_switch(char* s, const a_hist_column& column)
+{
+    int flag = 1;
+    s = ut_hist_arg(s, &flag, nullptr, nullptr, nullptr);
+    hist_include(hist_cfg, column.letter) = flag;
+    return s;
+}
+
+// The option at s with its sub-letter, at s + 1; null when that is none. Gives the position behind it.
+char* read_sub_option(char* s)
+{
+    const a_hist_column* const column = lower(*s) == 'i' ? find_column(lower(s[1])) : nullptr;
+    if (column != nullptr)
+        return read_column_switch(s + 2, *column);
+    const an_option* const option = s[1] != '\0' ? find_option(lower(*s), lower(s[1])) : nullptr;
+    return option != nullptr ? read_argument(*s, s + 2, *option) : nullptr;
 }
 
 // Reads the option at s; gives the position behind what it consumed.
 char* read_option(char* s)
 {
-    if (lower(*s) == 'h') {
-        hist_begin_message();
+    const an_option* const option = find_option(lower(*s), '\0');
+    if (option != nullptr && option->takes == 0) {
+        hist_begin_message(out);
         write_help();
         return s + 1;
     }
-    for (const an_option& option : options)
-        if (option.letter == lower(*s))
-            return read_plain_option(s, option);
-    char* behind = read_sub_option(s);
+    if (option != nullptr && option->takes != SUB_LETTER)
+        return read_argument(*s, s + 1, *option);
+    char* const behind = option != nullptr ? read_sub_option(s) : nullptr;
     if (behind != nullptr)
         return behind;
-    report_unknown(*s, s);
+    report_unknown(s);
     return s + 1;
 }
 
-template <size_t count>
-void list(const a_listed_setting (&settings)[count])
+// dense, or dense:<max> with as many slots as a thread number shows; 0 for anything else.
+uint32 dense_slots_of(const char* value)
 {
-    for (const a_listed_setting& setting : settings)
-        line("%s= %d", setting.label, *setting.variable);
+    if (strncmp(value, "dense", 5) != 0)
+        return 0;
+    if (value[5] == '\0')
+        return hist_dense_slots;
+    uint32 max = 0;
+    const char* at = value + 6;
+    for (; *at >= '0' && *at <= '9' && max <= hist_most_slots; at++)
+        max = max * 10 + uint32(*at - '0');
+    return value[5] == ':' && *at == '\0' && max <= hist_most_slots ? max : 0;
 }
 
 }  // namespace
@@ -347,42 +339,49 @@ void hist_parse_options(char* s)
 {
     while (*s != '\0')
         s = *s == ',' ? s + 1 : read_option(s);
+    hist_cfg.ut_hist_inc_sigmask = hist_include(hist_cfg, 'm');
 }
 
-// How threads get their slots: the literal rule unless the value is "dense".
+// How threads get their slots: the literal rule unless the value is dense or dense:<max>.
 void hist_parse_thread_slot(const char* value)
 {
-    hist_cfg.dense_slots = value != nullptr && strcmp(value, "dense") == 0;
+    hist_cfg.dense_slots = value != nullptr ? dense_slots_of(value) : 0;
     if (value == nullptr || *value == '\0' || strcmp(value, "handle") == 0 || hist_cfg.dense_slots != 0)
         return;
-    hist_begin_message();
-    line("unknown UT_HIST_THREAD_SLOT value '%s', using 'handle'", value);
-    fflush(hist_cfg.ut_hist_dump_err_file);
+    hist_begin_message(out);
+    hist_message(out).text.put("unknown UT_HIST_THREAD_SLOT value '", value, "', using 'handle'");
 }
 
-// What must hold before anything else of the history runs.
-void ut_hist_static_defaults()
+// The settings as they are when the library is loaded.
+void hist_reset_settings()
 {
-    hist_cfg.ut_hist_dump_err_name = stderr_str;
-    hist_cfg.ut_hist_dump_err_file = stderr;
+    hist_cfg = {};
+    hist_streams = {};
+    for (const a_hist_column* column = hist_columns; column->letter != '\0'; column++)
+        hist_include(hist_cfg, column->letter) = column->by_default;
 }
 
 // Reads UT_HIST; false when it leaves the history off.
 bool hist_is_wanted()
 {
     ut_hist_setting(UT_HIST_SET_EVENTS_OFF);
+    const char* const value = ut_getenv2("UT_HIST");
+    env_cut = value != nullptr && strlen(value) >= env_buf_size;
     return ut_getenv("UT_HIST", env_buf, env_buf_size) != nullptr && env_buf[0] != '\0' && strcmp(env_buf, "off") != 0;
 }
 
 // Takes the options that were read, and UT_HIST_THREAD_SLOT, into the settings.
 void hist_read_options()
 {
-    hist_zone_refresh();  // before the first message, which begins with the local time
+    out = {};
     ut_hist_setting(UT_HIST_SET_EVENTS_ON);
     ut_hist_setting(UT_HIST_SET_STATS_ON);
-    hist_cfg.ut_hist_dump_err_name = stderr_str;
+    hist_streams.ut_hist_dump_err_name = stderr_str;
     hist_parse_options(env_buf);
     hist_parse_thread_slot(ut_getenv2("UT_HIST_THREAD_SLOT"));
+    if (env_cut)
+        hist_note(out, hist_errout_as_it_is())
+            .text.put("UT_HIST is too long: only its first ", env_buf_size - 1, " characters count");
 }
 
 // The settings listing, when diagnostic messages are on.
@@ -390,24 +389,19 @@ void hist_write_settings()
 {
     if (hist_cfg.ut_hist_z_messages <= 0)
         return;
-    hist_begin_message();
-    line("********** HISTORY z-messages settings begin **********");
-    list(listed_sizes);
-    line("ut_hist_debug_q_by_thr  = %d (num_q=%d)", hist_cfg.ut_hist_debug_q_by_thr, hist_cfg.hist_num_q);
-    list(listed_dump_switches);
-    line("ut_hist_dump_err_name   = %s", hist_cfg.ut_hist_dump_err_name);
-    line("ut_hist_dump_log_name   = %s",
-         hist_cfg.ut_hist_dump_log_name != nullptr ? hist_cfg.ut_hist_dump_log_name : "<errout>");
-    list(listed_at_end);
-    for (const an_include_switch& entry : include_switches)
-        if (entry.label != nullptr)
-            line("%s= %d", entry.label, *entry.variable);
-    line("********** HISTORY z-messages settings end **********");
-    fflush(hist_cfg.ut_hist_dump_err_file);
+    hist_begin_message(out);
+    hist_message(out).text.str("********** HISTORY z-messages settings begin **********");
+    for (int place = 1; list_place(place); place++)
+        continue;
+    for (char letter = 'a'; letter <= 'z'; letter++) {
+        const a_hist_column* const column = find_column(letter);
+        if (column != nullptr && column->listed != nullptr)
+            list(column->listed, &hist_include(hist_cfg, letter), nullptr);
+    }
+    hist_message(out).text.str("********** HISTORY z-messages settings end **********");
 }
 
-// Relaxed: each is one word that orders nothing else.
-// Signal-safe.
+// Relaxed: each is one word that orders nothing else. Signal-safe.
 void ut_hist_setting(a_ut_hist_setting s)
 {
     switch (int(s)) {

@@ -2,12 +2,21 @@
 //
 // The settings change only during start-up (and by ut_hist_setting, atomically), before any other thread uses
 // the history; afterwards everybody reads them without a lock. What every event reads stands first, in one
-// cache line.
-#ifndef UTHIST_HIST_CONFIG_H
-#define UTHIST_HIST_CONFIG_H
+// cache line. How lines end and where messages go stands in hist_errout.h.
+#pragma once
+
+#include <stddef.h>
 
 #include "corvex/hist.h"
-#include "utils/etc/uthist/hist_store.h"
+
+struct a_ut_hist_dump;
+struct a_hist_row;
+
+inline constexpr size_t cache_line = 64;
+inline constexpr uint32 hist_max_queues = 32;
+inline constexpr uint32 hist_handle_slots = 256;  // thread slots that the literal rule gives
+inline constexpr uint32 hist_dense_slots = 4096;  // that UT_HIST_THREAD_SLOT=dense gives
+inline constexpr uint32 hist_most_slots = 65535;  // that dense:<max> may ask for
 
 inline constexpr int32 default_num = 2000;         // events per queue
 inline constexpr int32 default_knum = 100;         // registry of a bare `k`
@@ -16,9 +25,6 @@ inline constexpr int32 default_data_size = 16384;  // bytes of a data ring
 inline constexpr int32 default_file_len = 23;
 inline constexpr int32 default_id_len = 15;
 inline constexpr int32 default_ev_len = 31;
-inline constexpr const char* stderr_str = "stderr";
-inline constexpr const char* errout_str = "ut_hist.out";
-inline constexpr const char* logout_str = "ut_hist.log";
 inline constexpr size_t env_buf_size = 150;  // of UT_HIST's value, the terminating NUL included
 
 struct alignas(cache_line) a_ut_hist_settings {
@@ -26,12 +32,12 @@ struct alignas(cache_line) a_ut_hist_settings {
     int32 ut_hist_dump_on_fini = 1;
     int32 ut_hist_dump_on_sig = 1;
     int32 ut_hist_z_messages = 0;
-    int32 ut_hist_inc_sigmask = 0;
+    int32 ut_hist_inc_sigmask = 0;  // the switch of its column
     int32 hist_max_file_len = default_file_len;
     int32 hist_max_id_len = default_id_len;
     int32 hist_max_ev_len = default_ev_len;
-    int32 dense_slots = 0;  // UT_HIST_THREAD_SLOT is "dense"
-    uint32 file_fits = 0;   // bit i: a file text that ends at character i is kept whole
+    uint32 dense_slots = 0;  // how many slots the dense rule gives; 0: the literal rule
+    uint32 file_fits = 0;    // bit i: a file text that ends at character i is kept whole
     // Copy mode: where a slot's id and event text stand behind its file text, and how long all three are, in bytes.
     size_t id_text_at = 0;
     size_t ev_text_at = 0;
@@ -43,26 +49,11 @@ struct alignas(cache_line) a_ut_hist_settings {
     int32 ut_hist_debug_rec_stats = 0;
     int32 ut_hist_debug_knum = 0;
     int32 ut_hist_debug_data = 1;
-    int32 ut_hist_dump_append = 1;
     int32 ut_hist_dump_report = 1;
     int32 ut_hist_exit_cleanup = 1;
-    int32 ut_hist_inc_tod = 1;
-    int32 ut_hist_inc_class = 1;
-    int32 ut_hist_inc_dur = 1;
-    int32 ut_hist_inc_event = 1;
-    int32 ut_hist_inc_id = 1;
-    int32 ut_hist_inc_line = 1;
-    int32 ut_hist_inc_num = 1;
-    int32 ut_hist_inc_parms = 1;
-    int32 ut_hist_inc_queue = 0;
-    int32 ut_hist_inc_prio = 0;
-    int32 ut_hist_inc_file = 1;
-    int32 ut_hist_inc_thread = 1;
-    const char* ut_hist_eol = "\n";
-    const char* ut_hist_dump_log_name = nullptr;     // null, logout_str, or log_name below
-    const char* ut_hist_dump_err_name = stderr_str;  // stderr_str, errout_str, or err_name below
-    FILE* ut_hist_dump_err_file = nullptr;           // the errout stream, standard error from load on
-    int32 need_to_open_errout = 1;                   // 1 while err_name has not been opened yet
+    const char* ut_hist_dump_log_name = nullptr;  // null, a default name, or log_name below
+    bool log_name_cut = false;                    // the name is not whole: no file is created under it
+    int32 include[26] = {};                       // the switches of the columns, by sub-letter
 
     // Names given by options outlive the option string: a second start-up overwrites that.
     char log_name[env_buf_size] = "";
@@ -71,12 +62,26 @@ struct alignas(cache_line) a_ut_hist_settings {
 static_assert(offsetof(a_ut_hist_settings, hist_num_q) == cache_line);
 extern a_ut_hist_settings hist_cfg;
 
-void ut_hist_static_defaults();
+// A column of the event table: its sub-letter of option i, whether it is there by default, its line of the help, its
+// name in the listing of the settings (null: not listed), its header or what writes that, and what writes its cells.
+struct a_hist_column {
+    char letter;
+    int32 by_default;
+    const char* help;
+    const char* listed;
+    const char* header;
+    void (*put_header)(a_ut_hist_dump& f);
+    void (*put_cell)(a_ut_hist_dump& f, const a_hist_row& row);
+};
+extern const a_hist_column hist_columns[];  // in the order of the table; ends with a row without a letter
+
+// Signal-safe.
+inline int32& hist_include(a_ut_hist_settings& cfg, char letter) { return cfg.include[letter - 'a']; }
+
+void hist_reset_settings();
 bool hist_is_wanted();
 void hist_read_options();
 void hist_write_settings();
 char* ut_hist_arg(char* s, int* on_off, int* num, const char** str, const char* def);
 void hist_parse_options(char* s);
 void hist_parse_thread_slot(const char* value);
-
-#endif

@@ -1,233 +1,74 @@
-// hist_events.cpp: walks all rings in ascending event number and writes the event table.
+// hist_events.cpp: the columns of the event table, and the merge of all rings in ascending event number.
 //
-// A row is printed from a copy of its record that the sequence word proved whole (hist_store.h). A cursor
-// that finds its record overwritten goes on at the oldest one that still stands; every step uses up one of
-// the rows that the ring holds, so a dump ends however fast others record. The walk is the same with and
-// without the queue locks. All of it is signal-safe.
+// A column is one row of a table: its switch, its help, its header, its cells. A row is printed from a copy of its
+// record that the sequence word proved whole (hist_ring.h). Signal-safe: all of it, as far as the text's sink is, but
+// hist_dump_bytes and hist_dump_lay_out run in start-up.
 #include "utils/etc/uthist/hist_events.h"
 
 #include "utils/etc/uthist/hist_clock.h"
-#include "utils/etc/uthist/hist_config.h"
 
 namespace {
 
 const char* const absent_id = reinterpret_cast<const char*>(~a_ptrint(0));
-constexpr uint32 no_number = 0xFFFFFFFF;  // ends the merge
 
-// ---- the walk ----
-
-// Signal-safe.
-uint64 ring_size() { return uint64(hist_cfg.ut_hist_debug_num); }
-
-// Acquire: the records before the position are whole.
-// Signal-safe.
-a_ring_pos ring_pos(const a_ut_hist_event_list& queue)
+// The text of an id; a number that is no address is shown as one.
+const char* id_text(const a_hist_row& row, char (&number)[2 * text_block])
 {
-    return unpack_ring(__atomic_load_n(&queue.ring_pos, __ATOMIC_ACQUIRE));
+    const char* const id = row.texts.id;
+    if (id == nullptr || id == absent_id)
+        return hist_no_id;
+    return a_ptrint(id) < hist_first_address ? hist_number_text(number, const_cast<char*>(id)) : id;
 }
 
-// How many records have been written up to a position.
-// Signal-safe.
-uint64 written(a_ring_pos at) { return at.laps * ring_size() + at.next; }
-
-// Puts the cursor on the queue's oldest record, but for the one that is overwritten next.
-// Signal-safe.
-void seek_oldest(const a_ut_hist_event_list& queue, a_hist_cursor& at)
-{
-    const a_ring_pos end = ring_pos(queue);
-    at.index = end.wrapped() ? written(end) - ring_size() + 1 : 0;
-    at.loaded = false;
-}
-
-// Signal-safe.
-void step(a_hist_cursor& at)
-{
-    at.loaded = false;
-    at.left--;
-    at.index++;
-}
-
-// Signal-safe.
-void copy_texts(uint64* dst, const char* src, size_t bytes)
-{
-    for (size_t i = 0; i < bytes / 8; i++)
-        dst[i] = __atomic_load_n(reinterpret_cast<const uint64*>(src) + i, __ATOMIC_ACQUIRE);
-}
-
-// Signal-safe.
-void load_texts(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, a_hist_cursor& at)
-{
-    a_hist_row& row = at.row;
-    if (queue.texts == nullptr) {
-        row.file = __atomic_load_n(&r.file, __ATOMIC_ACQUIRE);
-        row.id = static_cast<const char*>(__atomic_load_n(&r.id, __ATOMIC_ACQUIRE));
-        row.ev = __atomic_load_n(&r.ev, __ATOMIC_ACQUIRE);
-        return;
-    }
-    copy_texts(reinterpret_cast<uint64*>(at.texts), r.file, hist_cfg.text_stride);
-    char* const file = at.texts;
-    char* const id = at.texts + hist_cfg.id_text_at;
-    char* const ev = at.texts + hist_cfg.ev_text_at;
-    // The recorder ends no text that is too long.
-    file[hist_cfg.hist_max_file_len] = id[hist_cfg.hist_max_id_len] = ev[hist_cfg.hist_max_ev_len] = '\0';
-    row.file = file;
-    row.id = id;
-    row.ev = ev;
-}
-
-// What find_widths needs of a record.
-// Signal-safe.
-void load_widths(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, a_hist_cursor& at)
-{
-    load_texts(queue, r, at);
-    const int32 pn = __atomic_load_n(&r.pn, __ATOMIC_ACQUIRE);
-    at.row.pn = pn < int32(hist_max_parms) ? pn : int32(hist_max_parms);
-}
-
-// Signal-safe.
-void load_all(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, a_hist_cursor& at)
-{
-    a_hist_row& row = at.row;
-    load_widths(queue, r, at);
-    row.time_of_day.tv_sec = __atomic_load_n(&r.time_of_day.tv_sec, __ATOMIC_ACQUIRE);
-    row.time_of_day.tv_usec = __atomic_load_n(&r.time_of_day.tv_usec, __ATOMIC_ACQUIRE);
-    row.line = __atomic_load_n(&r.line, __ATOMIC_ACQUIRE);
-    row.num = __atomic_load_n(&r.num, __ATOMIC_ACQUIRE);
-    row.thread = __atomic_load_n(&r.thread, __ATOMIC_ACQUIRE);
-    row.got_sigs = __atomic_load_n(&r.got_sigs, __ATOMIC_ACQUIRE);
-    if (row.got_sigs != 0)
-        row.sigset = __atomic_load_n(reinterpret_cast<const unsigned long*>(&r.sigset), __ATOMIC_ACQUIRE);
-    row.prio = __atomic_load_n(&r.prio, __ATOMIC_ACQUIRE);
-    row.dur = __atomic_load_n(&r.dur, __ATOMIC_ACQUIRE);
-    row.cl = __atomic_load_n(&r.cl, __ATOMIC_ACQUIRE);
-    for (uint32 i = 0; i < hist_max_parms; i++)
-        row.p[i] = __atomic_load_n(&r.p[i], __ATOMIC_ACQUIRE);
-    row.data_gen = __atomic_load_n(&r.data_gen, __ATOMIC_ACQUIRE);
-    row.data_idx = __atomic_load_n(&r.data_idx, __ATOMIC_ACQUIRE);
-}
-
-using a_row_loader = void (*)(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, a_hist_cursor& at);
-
-// Copies the record under the cursor. False when it is not, or did not stay, the whole one that the cursor expects.
-// Signal-safe.
-bool load_row(const a_ut_hist_event_list& queue, a_hist_cursor& at, a_row_loader load)
-{
-    const a_ut_hist_event& r = queue.evs[at.index % ring_size()];
-    const uint32 seq = seq_whole(uint32(at.index / ring_size()));
-    if (__atomic_load_n(&r.seq, __ATOMIC_ACQUIRE) != seq)
-        return false;
-    load(queue, r, at);
-    // Relaxed: the acquire loads above keep this one behind them.
-    return __atomic_load_n(&r.seq, __ATOMIC_RELAXED) == seq;
-}
-
-// Makes sure that the cursor holds a whole record, passing those that are not; false at the end of the queue.
-// Signal-safe.
-bool load_next(const a_ut_hist_event_list& queue, a_hist_cursor& at, a_row_loader load)
-{
-    while (!at.loaded) {
-        const uint64 end = written(ring_pos(queue));
-        if (at.left == 0 || at.index >= end)
-            return false;
-        if (load_row(queue, at, load)) {
-            at.loaded = true;
-        } else if (end - at.index >= ring_size()) {
-            at.left--;  // overwritten since: all before the present oldest are gone
-            seek_oldest(queue, at);
-        } else {
-            step(at);  // overwritten this moment, or cut off by a fork
-        }
-    }
-    return true;
-}
-
-// Signal-safe.
-void start_cursors(a_ut_hist_dump& f)
-{
-    for (int32 q = 0; q < hist_cfg.hist_num_q; q++) {
-        f.cursors[q].left = uint32(hist_cfg.ut_hist_debug_num);
-        f.cursors[q].newer = written(ring_pos(hist.hist_evs[q]));
-        seek_oldest(hist.hist_evs[q], f.cursors[q]);
-    }
-}
-
-// As load_next for the table, whose last row was `last` (none: no row yet). An event may take its number before and
-// enter its ring after one of another queue that the dump has printed meanwhile: it comes too late and is left out.
-// Signal-safe.
-bool load_in_order(const a_ut_hist_event_list& queue, a_hist_cursor& at, uint32 last)
-{
-    while (load_next(queue, at, load_all)) {
-        if (last == no_number || at.row.num > last || at.index < at.newer)
-            return true;
-        step(at);
-    }
-    return false;
-}
-
-// ---- widths ----
-
-// A null id is marked in the record as absent. Compare-and-swap: a newer id stored meanwhile stays.
-// Signal-safe.
-void mark_absent_id(const a_ut_hist_event_list& queue, const a_hist_cursor& at)
-{
-    a_ut_hist_id none = nullptr;
-    __atomic_compare_exchange_n(&queue.evs[at.index % ring_size()].id, &none, a_ut_hist_id(~a_ptrint(0)), false,
-                                __ATOMIC_RELEASE, __ATOMIC_RELAXED);
-}
-
-// Signal-safe.
 void widen(a_ut_hist_dump& f, const a_hist_row& row)
 {
-    if (row.id != nullptr && row.id != absent_id) {
-        const size_t len = strlen(row.id);
-        f.max_id_len = len > f.max_id_len ? len : f.max_id_len;
-    }
-    if (row.ev != nullptr) {
-        const size_t len = strlen(row.ev);
-        f.max_ev_len = len > f.max_ev_len ? len : f.max_ev_len;
-    }
+    char number[2 * text_block];
+    const size_t id_len = strlen(id_text(row, number)), ev_len = row.texts.ev != nullptr ? strlen(row.texts.ev) : 0;
+    f.max_id_len = id_len > f.max_id_len ? id_len : f.max_id_len;
+    f.max_ev_len = ev_len > f.max_ev_len ? ev_len : f.max_ev_len;
     f.max_pn = row.pn > f.max_pn ? row.pn : f.max_pn;
 }
 
-// Signal-safe.
+uint32 num_queues() { return uint32(hist.cfg->hist_num_q); }
+
+void start_cursors(a_ut_hist_dump& f)
+{
+    for (uint32 q = 0; q < num_queues(); q++)
+        hist_start_cursor(q, f.cursors[q]);
+}
+
 void find_widths(a_ut_hist_dump& f)
 {
     f.max_id_len = strlen("Ev_ID");
     f.max_ev_len = strlen("Event");
     f.max_pn = 0;
-    for (int32 q = 0; q < hist_cfg.hist_num_q; q++) {
-        const a_ut_hist_event_list& queue = hist.hist_evs[q];
-        a_hist_cursor& at = f.cursors[q];
-        for (; load_next(queue, at, load_widths); step(at)) {
-            if (at.row.id == nullptr)
-                mark_absent_id(queue, at);
+    start_cursors(f);
+    for (uint32 q = 0; q < num_queues(); q++)
+        for (a_hist_cursor& at = f.cursors[q]; hist_load_next(at, hist_load_widths); hist_step(at)) {
+            if (at.row.texts.id == nullptr)
+                hist_mark_absent_id(at);
             widen(f, at.row);
         }
-    }
 }
 
 // ---- the columns ----
 
-// Writes one cell of a row.
-using a_column_writer = void (*)(a_ut_hist_dump& f, int32 q, const a_hist_row& row);
-
 // Rows of one second follow each other: its text is made once.
-// Signal-safe.
-void put_tod(a_ut_hist_dump& f, int32, const a_hist_row& row)
+void put_tod(a_ut_hist_dump& f, const a_hist_row& row)
 {
-    if (f.tod.len == 0 || f.tod.second != row.time_of_day.tv_sec) {
-        char buf[hist_timestamp_size];
-        ut_hist_timestamp_str(buf, row.time_of_day);
+    constexpr size_t len = sizeof "hh:mm:ss." - 1;
+    if (f.tod.text[0] == '\0' || f.tod.second != row.time_of_day.tv_sec) {
+        a_hist_text text;
+        text.use(f.tod.text, sizeof f.tod.text, "");
+        text.direct(nullptr, nullptr);
+        ut_hist_timestamp_str(text, row.time_of_day);
         f.tod.second = row.time_of_day.tv_sec;
-        f.tod.len = strlen("hh:mm:ss.");
-        memcpy(f.tod.text, buf, f.tod.len);
     }
-    f.out.mem(f.tod.text, f.tod.len);
+    f.out.mem(f.tod.text, len);
     f.out.dec(uint64(row.time_of_day.tv_usec), 6, '0');
 }
 
-// Signal-safe.
-void put_dur(a_ut_hist_dump& f, int32, const a_hist_row& row)
+void put_dur(a_ut_hist_dump& f, const a_hist_row& row)
 {
     if (row.dur == hist_no_dur) {
         f.out.str("   -.-     ");
@@ -238,8 +79,7 @@ void put_dur(a_ut_hist_dump& f, int32, const a_hist_row& row)
     f.out.dec(row.dur % 1000000, 6, '0');
 }
 
-// Signal-safe.
-void put_sigmask(a_ut_hist_dump& f, int32, const a_hist_row& row)
+void put_sigmask(a_ut_hist_dump& f, const a_hist_row& row)
 {
     struct a_shown_signal {
         char letter;
@@ -255,22 +95,26 @@ void put_sigmask(a_ut_hist_dump& f, int32, const a_hist_row& row)
     }
 }
 
-// Signal-safe.
-void put_id(a_ut_hist_dump& f, int32, const a_hist_row& row)
+void put_id(a_ut_hist_dump& f, const a_hist_row& row)
 {
-    const char* id = row.id == nullptr || row.id == absent_id ? "-" : row.id;
+    char number[2 * text_block];
+    const char* const id = id_text(row, number);
     f.out.right(id, strlen(id), f.max_id_len + 1);
 }
 
-// Signal-safe.
-void put_event(a_ut_hist_dump& f, int32, const a_hist_row& row)
+void put_event(a_ut_hist_dump& f, const a_hist_row& row)
 {
-    const char* ev = row.ev == nullptr ? "?" : row.ev;
+    const char* const ev = row.texts.ev == nullptr ? hist_no_ev : row.texts.ev;
     f.out.right(ev, strlen(ev), f.max_ev_len + 1);
 }
 
-// Signal-safe.
-void put_parms(a_ut_hist_dump& f, int32, const a_hist_row& row)
+void put_parms_header(a_ut_hist_dump& f)
+{
+    for (int32 i = 1; i <= f.max_pn; i++)
+        f.out.put("  P", i, "(hex)");
+}
+
+void put_parms(a_ut_hist_dump& f, const a_hist_row& row)
 {
     for (int32 i = 0; i < f.max_pn; i++) {
         if (uint32(row.pn) > uint32(i))
@@ -280,110 +124,143 @@ void put_parms(a_ut_hist_dump& f, int32, const a_hist_row& row)
     }
 }
 
-// Signal-safe.
-void put_class(a_ut_hist_dump& f, int32, const a_hist_row& row)
+void put_class(a_ut_hist_dump& f, const a_hist_row& row)
 {
     f.out.mem(uint32(row.cl) < UT_HIST_CL_LAST ? hist_cl_strs[row.cl] : " ?", 2);
 }
 
-// Signal-safe.
-void put_file(a_ut_hist_dump& f, int32, const a_hist_row& row)
+void put_file(a_ut_hist_dump& f, const a_hist_row& row)
 {
     f.out.chr(' ');
-    f.out.str(row.file == nullptr ? "<no_file>" : row.file);
+    f.out.str(row.texts.file == nullptr ? hist_no_file : row.texts.file);
 }
 
-// The columns, in their order. A column without a fixed header text writes its own, see put_header.
-struct a_column {
-    const int32& on;
-    const char* header;
-    a_column_writer put;
+void put_queue(a_ut_hist_dump& f, const a_hist_row& row) { f.out.dec(row.q, 3); }
+void put_num(a_ut_hist_dump& f, const a_hist_row& row) { f.out.dec(row.num, 8); }
+void put_thread(a_ut_hist_dump& f, const a_hist_row& row) { f.out.dec(row.thread, 4); }
+void put_prio(a_ut_hist_dump& f, const a_hist_row& row) { f.out.sdec(row.prio, 3); }
+void put_line(a_ut_hist_dump& f, const a_hist_row& row) { f.out.dec(row.line, 5); }
+void put_id_header(a_ut_hist_dump& f) { f.out.right("Ev_ID", 5, f.max_id_len + 1); }
+void put_event_header(a_ut_hist_dump& f) { f.out.right("Event", 5, f.max_ev_len + 1); }
+
+}  // namespace
+
+const a_hist_column hist_columns[] = {
+    {'a', 1, "absolute time of day", "(a)ut_hist_inc_tod      ", "    time..milli", nullptr, put_tod},
+    {'d', 1, "duration between beg & end", "(d)ut_hist_inc_dur      ", "   duration", nullptr, put_dur},
+    {'q', 0, "queue number", "(q)ut_hist_inc_queue    ", "  Q", nullptr, put_queue},
+    {'n', 1, "index number of event", "(n)ut_hist_inc_num      ", "  Ev_Num", nullptr, put_num},
+    {'t', 1, "thread", "(t)ut_hist_inc_thread   ", " Thr", nullptr, put_thread},
+    {'m', 0, "sig mask", nullptr, " SigM", nullptr, put_sigmask},
+    {'r', 0, "thread priority", "(q)ut_hist_inc_prio     ", " Pr", nullptr, put_prio},
+    {'i', 1, "event id", "(i)ut_hist_inc_id       ", nullptr, put_id_header, put_id},
+    {'e', 1, "event description", "(e)ut_hist_inc_event    ", nullptr, put_event_header, put_event},
+    {'c', 1, "class of event", "(c)ut_hist_inc_class    ", " C", nullptr, put_class},
+    {'p', 1, "parms", "(p)ut_hist_inc_parms    ", nullptr, put_parms_header, put_parms},
+    {'l', 1, "source line number", "(l)ut_hist_inc_line     ", " Line", nullptr, put_line},
+    {'s', 1, "source file name", "(s)ut_hist_inc_file     ", " File....", nullptr, put_file},
+    {'\0', 0, nullptr, nullptr, nullptr, nullptr, nullptr},
 };
-constexpr a_column columns[] = {
-    {hist_cfg.ut_hist_inc_tod, "    time..milli", put_tod},
-    {hist_cfg.ut_hist_inc_dur, "   duration", put_dur},
-    {hist_cfg.ut_hist_inc_queue, "  Q", [](a_ut_hist_dump& f, int32 q, const a_hist_row&) { f.out.dec(uint32(q), 3); }},
-    {hist_cfg.ut_hist_inc_num, "  Ev_Num", [](a_ut_hist_dump& f, int32, const a_hist_row& r) { f.out.dec(r.num, 8); }},
-    {hist_cfg.ut_hist_inc_thread, " Thr",
-     [](a_ut_hist_dump& f, int32, const a_hist_row& r) { f.out.dec(r.thread, 4); }},
-    {hist_cfg.ut_hist_inc_sigmask, " SigM", put_sigmask},
-    {hist_cfg.ut_hist_inc_prio, " Pr", [](a_ut_hist_dump& f, int32, const a_hist_row& r) { f.out.sdec(r.prio, 3); }},
-    {hist_cfg.ut_hist_inc_id, nullptr, put_id},
-    {hist_cfg.ut_hist_inc_event, nullptr, put_event},
-    {hist_cfg.ut_hist_inc_class, " C", put_class},
-    {hist_cfg.ut_hist_inc_parms, nullptr, put_parms},
-    {hist_cfg.ut_hist_inc_line, " Line", [](a_ut_hist_dump& f, int32, const a_hist_row& r) { f.out.dec(r.line, 5); }},
-    {hist_cfg.ut_hist_inc_file, " File....", put_file},
-};
 
-// Signal-safe.
-void put_header(a_ut_hist_dump& f, const a_column& column)
+namespace {
+
+void find_columns(a_ut_hist_dump& f)
 {
-    if (column.header != nullptr)
-        f.out.str(column.header);
-    else if (column.put == put_id)
-        f.out.right("Ev_ID", 5, f.max_id_len + 1);
-    else if (column.put == put_event)
-        f.out.right("Event", 5, f.max_ev_len + 1);
-    else
-        for (int32 i = 1; i <= f.max_pn; i++) {
-            f.out.str("  P");
-            f.out.dec(uint32(i));
-            f.out.str("(hex)");
-        }
+    const a_hist_column** shown = f.shown;
+    for (const a_hist_column* column = hist_columns; column->letter != '\0'; column++)
+        if (hist.cfg->include[column->letter - 'a'] != 0)
+            *shown++ = column;
+    *shown = nullptr;
 }
 
-// ---- data blocks ----
-
-// Signal-safe.
-bool intact(const a_ut_hist_event_list& queue, const a_hist_row& row)
+void put_block(a_ut_hist_dump& f, const a_hist_row& row)
 {
-    // Acquire on one word: generation and fill offset of one moment.
-    const a_data_pos at = unpack_data(__atomic_load_n(&queue.data_pos, __ATOMIC_ACQUIRE));
-    return row.data_gen == at.data_gen || (row.data_gen == at.data_gen - 1 && row.data_idx >= at.data_fil);
-}
-
-// Copies len bytes at data_idx out of the ring, by whole words; gives where they stand. The ring has room for the last
-// word beyond its end.
-// Signal-safe.
-const char* copy_block(a_ut_hist_dump& f, const a_ut_hist_event_list& queue, uint32 data_idx, uint32 len)
-{
-    const uint32 start = data_idx & ~7u;
-    copy_texts(reinterpret_cast<uint64*>(f.data), queue.data_buf + start, (size_t(data_idx) + len - start + 7) & ~7ull);
-    return f.data + (data_idx - start);
-}
-
-// Signal-safe.
-void put_block(a_ut_hist_dump& f, const a_ut_hist_event_list& queue, const a_hist_row& row)
-{
+    const a_ut_hist_event_list& queue = hist.hist_evs[row.q];
     const uint64 length = uint64(a_ptrint(row.p[1]));
-    const uint32 size = uint32(hist_cfg.ut_hist_debug_data_size);
+    const uint32 size = uint32(hist.cfg->ut_hist_debug_data_size);
     const uint32 len = length > size ? size : uint32(length);
     // A record that stored no block names offset 0 and may show its length from there; nothing beyond the ring is read.
     const char* block = nullptr;
-    if (intact(queue, row) && row.data_idx <= size && len <= size - row.data_idx)
-        block = copy_block(f, queue, row.data_idx, len);
-    f.out.str(" (");
-    f.out.dec(row.data_gen);
-    f.out.chr('+');
-    f.out.dec(row.data_idx);
-    f.out.chr('+');
+    if (hist_data_intact(queue, row.data_gen, row.data_idx) && row.data_idx <= size && len <= size - row.data_idx)
+        block = hist_load_data(queue, row.data_idx, len, f.data);
+    f.out.put(" (", row.data_gen, '+', row.data_idx, '+');
     // Looked at again: the block may have been overwritten while it was copied.
-    if (block == nullptr || !intact(queue, row)) {
+    if (block == nullptr || !hist_data_intact(queue, row.data_gen, row.data_idx)) {
         f.out.str("NA)");
         f.out.eol();
         return;
     }
-    f.out.dec(len);
-    f.out.chr(')');
+    f.out.put(len, ')');
     f.out.eol();
     ut_hist_dump_to_file_data(f, block, len);
 }
 
+// ---- the merge ----
+
+// Numbers wrap: the one is later than the other when their signed difference says so.
+bool is_later(uint32 num, uint32 than) { return int32(num - than) > 0; }
+
+// As hist_load_next for the table, whose last row was `last` (null: no row yet). An event may take its number before
+// and enter its ring after one of another queue that the dump has printed meanwhile: it comes too late and is left out.
+bool load_in_order(a_hist_cursor& at, const uint32* last)
+{
+    if (at.loaded)
+        return true;  // and looked at before
+    for (; hist_load_next(at, hist_load_row); hist_step(at))
+        if (last == nullptr || is_later(at.row.num, *last) || at.index < at.newer)
+            return true;
+    return false;
+}
+
+// The queue with the earliest head; null when no queue has one.
+a_hist_cursor* earliest_head(a_ut_hist_dump& f, const uint32* last)
+{
+    a_hist_cursor* found = nullptr;
+    for (uint32 q = 0; q < num_queues(); q++)
+        if (load_in_order(f.cursors[q], last) && (found == nullptr || is_later(found->row.num, f.cursors[q].row.num)))
+            found = &f.cursors[q];
+    return found;
+}
+
+// All rows; a gap line wherever numbers are missing.
+void put_rows(a_ut_hist_dump& f)
+{
+    uint32 last = 0xFFFFFFFF;
+    bool begun = false;
+    while (a_hist_cursor* const head = earliest_head(f, begun ? &last : nullptr)) {
+        if (last + 1 != head->row.num) {
+            f.out.str("........ ......");
+            f.out.eol();
+        }
+        last = head->row.num;
+        begun = true;
+        ut_hist_dump_to_file_q_n(f, head->row);
+        hist_step(*head);
+    }
+}
+
 }  // namespace
 
+// The buffers of a dump with the present settings.
+size_t hist_dump_bytes()
+{
+    const bool captures = hist_cfg.ut_hist_debug_data != 0 && hist_cfg.ut_hist_debug_data_size > 0;
+    const size_t data = captures ? size_t(hist_cfg.ut_hist_debug_data_size) + 8 : 0;
+    return sizeof(a_ut_hist_dump) + hist_row_texts_bytes() * size_t(hist_cfg.hist_num_q) + data;
+}
+
+// In the store that has just been mapped.
+void hist_dump_lay_out(const char* eol)
+{
+    a_ut_hist_dump& f = *hist.dump;
+    f.out.use(f.buf, sizeof f.buf, eol);
+    char* at = f.buf + sizeof f.buf;
+    for (uint32 q = 0; q < num_queues(); q++, at += hist_row_texts_bytes())
+        f.cursors[q].texts = at;
+    f.data = at;
+}
+
 // The hex lines of len bytes at addr, 16 a line.
-// Signal-safe.
 void ut_hist_dump_to_file_data(a_ut_hist_dump& f, const char* addr, uint32 len)
 {
     for (uint32 k = 0; k < len; k += 16) {
@@ -410,78 +287,48 @@ void ut_hist_dump_to_file_data(a_ut_hist_dump& f, const char* addr, uint32 len)
 }
 
 // The begin banner and the header line.
-// Signal-safe.
 void ut_hist_dump_to_file_head(a_ut_hist_dump& f)
 {
     f.out.str("********** HISTORY DUMP BIGIN @ ");
-    hist_put_timestamp(f.out);
+    ut_hist_cur_timestamp_str(f.out);
     f.out.str(" (res=0) **********");
     f.out.eol();
-    for (const a_column& column : columns)
-        if (column.on != 0)
-            put_header(f, column);
+    for (const a_hist_column* const* column = f.shown; *column != nullptr; column++)
+        (*column)->header != nullptr ? f.out.str((*column)->header) : (*column)->put_header(f);
     f.out.eol();
 }
 
-// The row under queue q's cursor, with its data suffix and hex lines.
-// Signal-safe.
-void ut_hist_dump_to_file_q_n(a_ut_hist_dump& f, int32 q)
+// A row with its data suffix and hex lines.
+void ut_hist_dump_to_file_q_n(a_ut_hist_dump& f, const a_hist_row& row)
 {
-    const a_hist_row& row = f.cursors[q].row;
-    for (const a_column& column : columns)
-        if (column.on != 0)
-            column.put(f, q, row);
-    const a_ut_hist_event_list& queue = hist.hist_evs[q];
-    if (row.cl == UT_HIST_CL_DATA && queue.data_buf != nullptr)
-        put_block(f, queue, row);
+    for (const a_hist_column* const* column = f.shown; *column != nullptr; column++)
+        (*column)->put_cell(f, row);
+    if (row.cl == UT_HIST_CL_DATA && hist.hist_evs[row.q].data_buf != nullptr)
+        put_block(f, row);
     else
         f.out.eol();
 }
 
 // The event section: banner, header, and all rows merged by event number.
-// Signal-safe.
 void ut_hist_dump_to_file_i_ev(a_ut_hist_dump& f)
 {
     if (!__atomic_load_n(&hist.hist_ok_to_dump, __ATOMIC_ACQUIRE))
         return;
-    f.tod.len = 0;
-    start_cursors(f);
+    f.tod.text[0] = '\0';
+    find_columns(f);
     find_widths(f);
     ut_hist_dump_to_file_head(f);
     start_cursors(f);
-    for (uint32 last = no_number;;) {
-        uint32 m = no_number;
-        for (int32 q = 0; q < hist_cfg.hist_num_q; q++)
-            if (load_in_order(hist.hist_evs[q], f.cursors[q], last) && f.cursors[q].row.num < m)
-                m = f.cursors[q].row.num;
-        if (m == no_number)
-            return;
-        for (int32 q = 0; q < hist_cfg.hist_num_q; q++) {
-            if (!f.cursors[q].loaded || f.cursors[q].row.num != m)
-                continue;
-            if (last + 1 != m) {
-                f.out.str("........ ......");
-                f.out.eol();
-                last = m - 1;
-            }
-            ut_hist_dump_to_file_q_n(f, q);
-            step(f.cursors[q]);
-        }
-        last = m;
-    }
+    put_rows(f);
 }
 
 // The end banner.
-// Signal-safe.
 void ut_hist_dump_to_file_tail(a_ut_hist_dump& f)
 {
     f.out.str("********** HISTORY DUMP END @ ");
-    hist_put_timestamp(f.out);
-    f.out.str(" (");
+    ut_hist_cur_timestamp_str(f.out);
     // Relaxed: the counts are only shown.
-    f.out.dec(__atomic_load_n(&hist.events_missed, __ATOMIC_RELAXED));
-    f.out.str(" missed, thr=");
-    f.out.dec(__atomic_load_n(&hist.last_missed_thread, __ATOMIC_RELAXED));
-    f.out.str(") **********");
+    f.out.put(" (", __atomic_load_n(&hist.events_missed, __ATOMIC_RELAXED),
+              " missed, thr=", __atomic_load_n(&hist.last_missed_thread, __ATOMIC_RELAXED), ") **********");
     f.out.eol();
 }

@@ -1,19 +1,15 @@
-// hist_log.h: dumps to the log or the errout stream, the errout stream itself, and the SIGUSR1 handler.
-#ifndef UTHIST_HIST_LOG_H
-#define UTHIST_HIST_LOG_H
+// hist_log.h: dumps to the log or the message stream, and the SIGUSR1 handler.
+#pragma once
 
-#include "utils/etc/uthist/hist_text.h"
+#include "utils/etc/uthist/hist_events.h"
 
-void Open_Errout();
-void Close_Errout();
-FILE* hist_begin_message();
-
-inline constexpr int hist_no_limit = -1;
-void hist_errout_fork_child();
-bool hist_dump_claim(int max_wait);
+bool hist_dump_claim_in_time();
 void hist_dump_release();
-void hist_dump_to_log_unlocked(int max_wait);
+void hist_dump_at_exit();
 void ut_hist_dump_to_log_i(a_ut_hist_dump& f);
+void hist_log_fork_child();
+
+void hist_say(const char* text);  // a diagnostic message, with option Z
 
 void ut_hist_add_signal_handler();
 void ut_hist_del_signal_handler();
@@ -21,4 +17,5 @@ void ut_hist_signal_handler(int signal_number);
 void hist_install_signal_handler_once();
 void hist_remove_signal_handler_at_unload();
 
-#endif
+// The history is off for want of memory: whoever asks for a dump by signal is told so.
+void hist_note_no_memory();

@@ -1,135 +1,187 @@
-// hist_slots.cpp: claims dense thread slots (the owner word's life is drawn in hist_slots.h).
+// hist_slots.cpp: claims dense thread slots and frees them (hist_slots.h draws a slot's life).
 //
-// Invariant: a live thread owns at most one slot. A signal handler may record, and so claim, in the middle of
-// the claim that it interrupted; whoever finds hist_my_slot set after its own claim gives that one back. No
-// locks; everything here is signal-safe.
+// Invariant: a live thread owns at most one slot. A signal handler may record, and so claim, in the middle of the claim
+// that it interrupted; whoever finds that its thread has a slot after its own claim gives that one back. Signal-safe:
+// all of it, but hist_slots_start; pthread_setspecific stores into the thread itself where the key is one of the first.
 #include "utils/etc/uthist/hist_slots.h"
 
 #include <errno.h>
 #include <unistd.h>
 
-#include <atomic>
-
-constinit __attribute__((tls_model("initial-exec"))) thread_local a_slot hist_my_slot = {nullptr, 0};
+constinit __attribute__((tls_model("initial-exec"))) thread_local uint64 hist_my_slot = 0;
 
 namespace {
 
-// A thread that found no slot looks for dead owners again only every so many events: it costs 256 system calls.
-constexpr uint32 sweep_interval = 16;
-constinit __attribute__((tls_model("initial-exec"))) thread_local uint32 events_until_sweep = 0;
+constexpr pthread_key_t keys_in_thread = 32;  // the C library allocates for the others
+constexpr uint32 look_interval = 16;          // events of a thread without a slot between two questions to the kernel
+constexpr int looks_of_claim = 2;             // owners asked for by a claim where no destructors run
 
-uint64 owners[hist_max_threads];  // owner word: generation in the high half, thread id (0: free) in the low half
+// Events since a thread that found no slot looked for a dead owner, and how many slots had been freed when it last
+// looked.
+constinit __attribute__((tls_model("initial-exec"))) thread_local uint32 events_without_slot = 0;
+constinit __attribute__((tls_model("initial-exec"))) thread_local uint32 freed_seen = 0;
+
+pthread_key_t end_key;
+bool ends_are_told = false;  // end_key is there, and setting it allocates nothing
+uint32 freed = 1;            // slots freed since the library was loaded
+uint32 next_look = 0;        // the slot whose owner is asked for next
+uint32 end = 0;              // one behind the highest slot claimed since start-up
 
 constexpr uint32 tid_of(uint64 owner) { return uint32(owner); }
 constexpr uint64 successor(uint64 owner, uint32 tid) { return ((owner >> 32) + 1) << 32 | tid; }
 
-// Relaxed: the word is all that is read, and every change of it is a compare-and-swap.
-// Signal-safe.
-uint64 owner_of(uint32 slot) { return __atomic_load_n(&owners[slot], __ATOMIC_RELAXED); }
-
 // Acquire and release: the next owner sees the slot's state as the last one left it.
-// Signal-safe.
-bool change_owner(uint32 slot, uint64 from, uint32 tid)
+bool take_bit(uint32 t)
 {
-    return __atomic_compare_exchange_n(&owners[slot], &from, successor(from, tid), false, __ATOMIC_ACQ_REL,
+    const uint64 bit = uint64(1) << t % 64;
+    return (__atomic_fetch_or(&hist.taken_slots[t / 64], bit, __ATOMIC_ACQ_REL) & bit) == 0;
+}
+
+void free_bit(uint32 t)
+{
+    __atomic_fetch_and(&hist.taken_slots[t / 64], ~(uint64(1) << t % 64), __ATOMIC_RELEASE);
+    __atomic_add_fetch(&freed, 1u, __ATOMIC_RELEASE);
+}
+
+// Relaxed here and below: the word is all that is read, and every change of it is a compare-and-swap.
+bool change_owner(uint32 t, uint64 from, uint32 tid)
+{
+    return __atomic_compare_exchange_n(&hist.threads[t].owner, &from, successor(from, tid), false, __ATOMIC_ACQ_REL,
                                        __ATOMIC_RELAXED);
 }
 
-// A slot that bears the caller's id although the caller has none belonged to a dead thread with the same id, or to the
-// claim that this one interrupted.
-// Signal-safe.
-bool adopt(uint32 tid, uint32& slot)
+void free_slot(uint32 t)
 {
-    for (slot = 0; slot < hist_max_threads; slot++) {
-        const uint64 owner = owner_of(slot);
-        if (tid_of(owner) == tid && change_owner(slot, owner, tid))
-            return true;
+    const uint64 owner = __atomic_load_n(&hist.threads[t].owner, __ATOMIC_RELAXED);
+    if (change_owner(t, owner, 0))
+        free_bit(t);
+}
+
+// Gives the lowest free slot; num_threads when there is none.
+uint32 take_lowest()
+{
+    for (uint32 base = 0; base < hist.num_threads; base += 64)
+        for (uint64 taken; (taken = __atomic_load_n(&hist.taken_slots[base / 64], __ATOMIC_RELAXED)) != ~uint64(0);) {
+            const uint32 t = base + uint32(__builtin_ctzll(~taken));
+            if (t >= hist.num_threads)
+                break;
+            if (take_bit(t))
+                return t;
+        }
+    return hist.num_threads;
+}
+
+// Asks for the next owner that there is, and frees its slot if the kernel does not know it any more.
+void look_for_a_dead_owner()
+{
+    for (uint32 i = 0, used = hist_slots_end(); i < used; i++) {
+        const uint32 t = __atomic_fetch_add(&next_look, 1u, __ATOMIC_RELAXED) % used;
+        const uint64 owner = __atomic_load_n(&hist.threads[t].owner, __ATOMIC_RELAXED);
+        if (tid_of(owner) == 0)
+            continue;
+        if (tgkill(getpid(), pid_t(tid_of(owner)), 0) != 0 && errno == ESRCH && change_owner(t, owner, 0))
+            free_bit(t);
+        return;
     }
-    return false;
 }
 
-// Frees the slots of threads that have ended.
-// Signal-safe.
-void sweep()
+// Relaxed: shut-down, which looks at it, waits for a mark that is set behind a barrier.
+void note_end(uint32 t)
 {
-    const pid_t process = getpid();
-    for (uint32 slot = 0; slot < hist_max_threads; slot++) {
-        const uint64 owner = owner_of(slot);
-        if (tid_of(owner) != 0 && tgkill(process, pid_t(tid_of(owner)), 0) != 0 && errno == ESRCH)
-            change_owner(slot, owner, 0);
-    }
+    uint32 seen = hist_slots_end();
+    while (seen <= t && !__atomic_compare_exchange_n(&end, &seen, t + 1, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED))
+        continue;
 }
 
-// Signal-safe.
-bool claim_lowest(uint32 tid, uint32& slot)
-{
-    for (slot = 0; slot < hist_max_threads; slot++) {
-        const uint64 owner = owner_of(slot);
-        if (tid_of(owner) == 0 && change_owner(slot, owner, tid))
-            return true;
-    }
-    return false;
-}
-
-// The number comes first: a handler that finds the thread finds its number.
-// Signal-safe.
-void take(a_slot slot)
-{
-    hist_my_slot.t = slot.t;
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    hist_my_slot.thread = slot.thread;
-}
-
-// Signal-safe.
+// For a thread without a slot.
 a_slot claim()
 {
-    const uint32 tid = uint32(gettid());
-    uint32 slot;
-    if (!adopt(tid, slot)) {
-        sweep();
-        if (!claim_lowest(tid, slot)) {
-            events_until_sweep = hist_my_slot.thread == nullptr ? sweep_interval : 0;
-            return hist_my_slot.thread == nullptr ? hist_slot(hist_max_threads) : hist_my_slot;
-        }
+    uint64 before = hist_my_slot;
+    const uint32 seen = __atomic_load_n(&freed, __ATOMIC_ACQUIRE), t = take_lowest();
+    if (t == hist.num_threads) {
+        freed_seen = seen;
+        events_without_slot = 1;
+        return hist_slot(t);
     }
-    if (hist_my_slot.thread != nullptr) {
-        if (hist_my_slot.t != slot)
-            change_owner(slot, owner_of(slot), 0);
-        return hist_my_slot;
+    note_end(t);
+    hist_reset_thread(hist.threads[t]);
+    change_owner(t, __atomic_load_n(&hist.threads[t].owner, __ATOMIC_RELAXED), uint32(gettid()));
+    // Fails when a handler has claimed meanwhile.
+    if (!__atomic_compare_exchange_n(&hist_my_slot, &before, uint64(hist.start) << 32 | t, false, __ATOMIC_RELAXED,
+                                     __ATOMIC_RELAXED)) {
+        free_slot(t);
+        return hist_slot(uint32(hist_my_slot));
     }
-    hist_reset_thread(hist.threads[slot]);
-    take(hist_slot(slot));
-    if (tid_of(owner_of(slot)) == uint32(gettid()))
-        return hist_my_slot;
-    // A handler forked just now, and the child has freed the slot.
-    hist_my_slot.thread = nullptr;
-    return claim();
+    if (ends_are_told)
+        pthread_setspecific(end_key, &hist);
+    return hist_slot(t);
+}
+
+// Runs at a thread's end. The slot may be of an earlier start-up, or shut-down just be freeing the store.
+void end_thread(void*)
+{
+    const a_hist_user user;
+    const uint64 mine = hist_my_slot;
+    hist_my_slot = 0;
+    if (user.has_store() && uint32(mine >> 32) == hist.start)
+        free_slot(uint32(mine));
 }
 
 }  // namespace
 
-// The calling thread's new slot, number 256 while 256 live threads hold one, and in a vfork child: the slots are its
-// parent's, whose threads the kernel does not know under the child's id. Keeps errno.
-// Signal-safe.
+// The key stays until the library is unloaded: threads of an earlier start-up may have set it.
+// Not signal-safe: it makes a key.
+void hist_slots_start()
+{
+    end = hist_cfg.dense_slots == 0 ? hist.num_threads : 0;
+    freed++;  // a thread that found no slot in an earlier store looks again
+    if (hist_cfg.dense_slots == 0)
+        return;
+    if (!ends_are_told && pthread_key_create(&end_key, end_thread) == 0) {
+        ends_are_told = end_key < keys_in_thread;
+        if (!ends_are_told)
+            pthread_key_delete(end_key);
+    }
+}
+
+// Nothing may point into the library once it has left the process. Not signal-safe: it deletes a key.
+void hist_slots_unload()
+{
+    if (ends_are_told)
+        pthread_key_delete(end_key);
+    ends_are_told = false;
+}
+
+uint32 hist_slots_end() { return __atomic_load_n(&end, __ATOMIC_RELAXED); }
+
+// The calling thread's new slot, the first number beyond the last while all are taken, and in a vfork child: the slots
+// are its parent's, whose threads the kernel does not know under the child's id. Keeps errno.
 a_slot hist_claim_slot()
 {
-    if (events_until_sweep != 0) {
-        events_until_sweep--;
-        return hist_slot(hist_max_threads);
-    }
-    if (!unix_is_home_process())
-        return hist_slot(hist_max_threads);
+    // Nothing has been freed since this thread found no slot: a look at a counter, and seldom a question.
+    const bool in_vain = events_without_slot != 0 && freed_seen == __atomic_load_n(&freed, __ATOMIC_ACQUIRE);
+    if ((in_vain && events_without_slot++ % look_interval != 0) || !unix_is_home_process())
+        return hist_slot(hist.num_threads);
     const int kept = errno;
+    for (int looks = in_vain ? 1 : ends_are_told ? 0 : looks_of_claim; looks > 0; looks--)
+        look_for_a_dead_owner();
     const a_slot slot = claim();
     errno = kept;
     return slot;
 }
 
 // The child's only thread keeps its slot under its new id; the slots of the parent's other threads are free.
-// Signal-safe.
 void hist_slots_fork_child()
 {
-    events_until_sweep = 0;
-    for (uint32 slot = 0; slot < hist_max_threads; slot++)
-        change_owner(slot, owner_of(slot), &hist.threads[slot] == hist_my_slot.thread ? uint32(gettid()) : 0);
+    events_without_slot = 0;
+    if (hist.hist_evs == nullptr || hist_cfg.dense_slots == 0)
+        return;
+    const uint64 mine = hist_my_slot;
+    const bool has_slot = uint32(mine >> 32) == hist.start;
+    for (uint32 t = 0; t < hist.num_threads; t += 64)
+        __atomic_store_n(&hist.taken_slots[t / 64], uint64(0), __ATOMIC_RELAXED);
+    for (uint32 t = 0; t < hist_slots_end(); t++)
+        hist.threads[t].owner = successor(hist.threads[t].owner, has_slot && t == uint32(mine) ? uint32(gettid()) : 0);
+    if (has_slot)
+        take_bit(uint32(mine));
 }

@@ -1,53 +1,54 @@
-// hist_slots.h: which of the 256 thread slots the calling thread records under.
+// hist_slots.h: which thread slot the calling thread records under.
 //
-// Literal rule (the default): the low 10 bits of pthread_self(); slots above 255 do not record.
-// Dense rule (UT_HIST_THREAD_SLOT=dense): every live thread gets the lowest free number at its first event
-// and keeps it until it ends. A slot's owner word moves like this:
+// Literal rule (the default): the low 10 bits of pthread_self(); slots above 255 do not record. Dense rule
+// (UT_HIST_THREAD_SLOT=dense or dense:<max>): every live thread gets the lowest free number at its first event and
+// keeps it until it ends. A bit map says which are taken; a slot's owner word (generation, thread id) says by whom:
 //
-//     free, g --claim--> tid, g+1 --the kernel no longer knows tid--> free, g+2
-//                          |  ^
-//                          +--+ adopted by a new thread that got the same id: tid, g+2
+//     free --claim: bit, then owner--> taken --the thread ends: owner, then bit--> free
 //
-// The generation g makes the compare-and-swap of a thread that saw a dead owner fail when the slot has been
-// adopted meanwhile. No lock, no allocation; both rules are signal-safe.
-#ifndef UTHIST_HIST_SLOTS_H
-#define UTHIST_HIST_SLOTS_H
+// The end is told by a destructor of thread-specific data. Threads that none runs for (its key costs an allocation, or
+// an event came after the last round of destructors) are found by asking the kernel for one owner at a time. The
+// generation makes the compare-and-swap of one that saw a dead owner fail when the slot has been claimed anew
+// meanwhile. No lock, no allocation. Signal-safe: all of it, but hist_slots_start.
+#pragma once
 
-#include <pthread.h>
-
-#include <atomic>
-
-#include "utils/etc/uthist/hist_config.h"
+#include "utils/etc/uthist/hist_store.h"
 
 inline constexpr uint32 thread_slot_mask = 0x3FF;
 
-// A slot's number and what it holds; no thread where the number is above 255.
+// A slot's number and what it holds; no thread where the number is beyond the last slot.
 struct a_slot {
     a_ut_hist_thread* thread;
     uint32 t;
 };
 
-// The calling thread's dense slot; no thread while it has none. Both, since an event needs both at once. initial-exec: the
-// first touch of a lazily allocated thread-local variable would allocate, which a signal handler may not.
-extern constinit __attribute__((tls_model("initial-exec"))) thread_local a_slot hist_my_slot;
+// The calling thread's dense slot: the start-up that gave it in the high half, its number in the low half.
+// initial-exec: the first touch of a lazily allocated thread-local variable would allocate, which a signal handler may
+// not.
+extern constinit __attribute__((tls_model("initial-exec"))) thread_local uint64 hist_my_slot;
 
-a_slot hist_claim_slot();
+void hist_slots_start();   // Not signal-safe: it makes a key.
+void hist_slots_unload();  // Not signal-safe: it deletes one.
 void hist_slots_fork_child();
+a_slot hist_claim_slot();
+uint32 hist_slots_end();  // no slot from this one on has been claimed
 
-// Signal-safe.
-inline a_slot hist_slot(uint32 t) { return {t < hist_max_threads ? &hist.threads[t] : nullptr, t}; }
+inline a_slot hist_slot(uint32 t) { return {t < hist.num_threads ? &hist.threads[t] : nullptr, t}; }
 
-// Signal-safe.
+// The number of the calling thread's slot; beyond the last while it has none.
+inline uint32 hist_slot_number()
+{
+    if (hist_cfg.dense_slots == 0)
+        return uint32(a_ptrint(pthread_self())) & thread_slot_mask;
+    return uint32(hist_my_slot >> 32) == hist.start ? uint32(hist_my_slot) : hist.num_threads;
+}
+
 inline a_slot hist_thread_slot()
 {
     if (hist_cfg.dense_slots == 0) [[unlikely]]
         return hist_slot(uint32(a_ptrint(pthread_self())) & thread_slot_mask);
-    a_ut_hist_thread* const thread = hist_my_slot.thread;
-    if (thread == nullptr) [[unlikely]]
+    const uint64 mine = hist_my_slot;
+    if (uint32(mine >> 32) != hist.start) [[unlikely]]
         return hist_claim_slot();
-    // The number second: a handler that claims between the two sets it first.
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    return {thread, hist_my_slot.t};
+    return {&hist.threads[uint32(mine)], uint32(mine)};
 }
-
-#endif

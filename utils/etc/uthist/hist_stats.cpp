@@ -2,11 +2,10 @@
 //
 // Locks: a sample takes the one timer list's mutex, inside the queue's if that is held; the table takes none.
 // All fields that the table reads are therefore atomic; a timer that is updated meanwhile may show a count
-// and a total one sample apart, never a value that was not stored.
+// and a total one sample apart, never a value that was not stored. Signal-safe: all of it, but ut_hist_add_time.
 #include "utils/etc/uthist/hist_stats.h"
 
 #include "utils/etc/uthist/hist_clock.h"
-#include "utils/etc/uthist/hist_config.h"
 
 namespace {
 
@@ -14,11 +13,9 @@ constexpr size_t timer_text_fixed = 15;  // "> EV  -  0 END " without the descri
 constexpr size_t min_desc_width = 12;
 
 // Classes beyond the table count like those without a key of their own.
-// Signal-safe.
 a_key key_of(int32 cl) { return uint32(cl) < UT_HIST_CL_LAST ? cl_to_key[cl] : K_OTHER; }
 
 // Relaxed: the list's mutex orders the writers; readers without it take any value that was stored.
-// Signal-safe.
 void add_sample(a_ut_hist_timer& timer, uint32 dur)
 {
     __atomic_store_n(&timer.count, timer.count + 1, __ATOMIC_RELAXED);
@@ -29,7 +26,6 @@ void add_sample(a_ut_hist_timer& timer, uint32 dur)
     __atomic_store_n(&timer.total, timer.total + dur, __ATOMIC_RELAXED);
 }
 
-// Signal-safe.
 void append_timer(a_ut_hist_timer_list& list, int32 ti, a_key tk, uint32 dur)
 {
     a_ut_hist_timer& timer = list.ids[list.num];
@@ -43,7 +39,6 @@ void append_timer(a_ut_hist_timer_list& list, int32 ti, a_key tk, uint32 dur)
     __atomic_store_n(&list.num, list.num + 1, __ATOMIC_RELEASE);
 }
 
-// Signal-safe.
 void add_to_list(a_ut_hist_timer_list& list, int32 ti, a_key tk, uint32 dur)
 {
     for (int32 i = 0; i < list.num; i++)
@@ -57,55 +52,47 @@ void add_to_list(a_ut_hist_timer_list& list, int32 ti, a_key tk, uint32 dur)
         __atomic_store_n(&list.missed, list.missed + 1, __ATOMIC_RELAXED);
 }
 
-// ---- the table ----
-
-// Signal-safe.
 size_t description_width(int32 num_ids)
 {
     if (num_ids < 1)
         return min_desc_width + timer_text_fixed;
     size_t longest = min_desc_width;
     for (int32 i = 0; i < num_ids; i++)
-        if (strlen(hist.hist_ids[i].desc) > longest)
-            longest = strlen(hist.hist_ids[i].desc);
+        if (strlen(hist.hist_ids[i].desc.text) > longest)
+            longest = strlen(hist.hist_ids[i].desc.text);
     return longest + timer_text_fixed;
 }
 
-// Signal-safe.
 void put_head(a_hist_text& out, size_t width)
 {
     out.str("********** STATISTICS DUMP BIGIN @ ");
-    hist_put_timestamp(out);
+    ut_hist_cur_timestamp_str(out);
     out.str(" (res=0) **********");
     out.eol();
     out.str("ID ");
     out.left("Description", width);
     out.str(" Count Min_s..milli Avg_s..milli Max_s..milli");
-    if (hist_cfg.ut_hist_inc_line != 0)
+    if (hist.cfg->include['l' - 'a'] != 0)
         out.str(" Line");
-    if (hist_cfg.ut_hist_inc_file != 0)
+    if (hist.cfg->include['s' - 'a'] != 0)
         out.str(" File....");
     out.eol();
 }
 
-// Signal-safe.
 void put_id_line(a_hist_text& out, int32 i, size_t width)
 {
     const a_ut_hist_id_data& id = hist.hist_ids[i];
     out.dec(uint32(i), 2);
     out.chr(' ');
-    out.left(id.desc, width);
+    out.left(id.desc.text, width);
     out.str(" ----- -----.------ -----.------ -----.------");
-    if (hist_cfg.ut_hist_inc_line != 0)
+    if (hist.cfg->include['l' - 'a'] != 0)
         out.dec(id.line, 5);
-    if (hist_cfg.ut_hist_inc_file != 0 && id.file != nullptr) {
-        out.chr(' ');
-        out.str(id.file);
-    }
+    if (hist.cfg->include['s' - 'a'] != 0 && id.file.text != nullptr)
+        out.put(' ', id.file.text);
     out.eol();
 }
 
-// Signal-safe.
 void put_seconds(a_hist_text& out, uint32 microseconds)
 {
     out.dec(microseconds / 1000000, 6);
@@ -113,18 +100,13 @@ void put_seconds(a_hist_text& out, uint32 microseconds)
     out.dec(microseconds % 1000000, 6, '0');
 }
 
-// Signal-safe.
 void put_timer(a_hist_text& out, int32 key, const a_ut_hist_timer& timer, size_t width)
 {
     const int32 to = __atomic_load_n(&timer.id, __ATOMIC_RELAXED);
-    const char* desc = hist.hist_ids[to].desc;
-    out.str("   > ");
-    out.str(key_names[key]);
-    out.str(" -");
+    const char* desc = hist.hist_ids[to].desc.text;
+    out.put("   > ", key_names[key], " -");
     out.dec(uint32(to), 3);
-    out.chr(' ');
-    out.str(key_names[__atomic_load_n(&timer.id_key, __ATOMIC_RELAXED)]);
-    out.chr(' ');
+    out.put(' ', key_names[__atomic_load_n(&timer.id_key, __ATOMIC_RELAXED)], ' ');
     size_t fixed = timer_text_fixed;
     for (int64_t widening = 1000; widening <= to && fixed < width; widening *= 10)
         fixed++;
@@ -136,20 +118,16 @@ void put_timer(a_hist_text& out, int32 key, const a_ut_hist_timer& timer, size_t
     put_seconds(out, __atomic_load_n(&timer.max, __ATOMIC_RELAXED));
 }
 
-// Signal-safe.
 void put_timers(a_hist_text& out, int32 i, size_t width)
 {
     for (int32 key = K_EV; key < K_LAST; key++) {
-        const a_ut_hist_timer_list& list = hist.hist_ids[i].by_key[key];
+        const a_ut_hist_timer_list& list = hist_by_key(i, key);
         const int32 num = __atomic_load_n(&list.num, __ATOMIC_ACQUIRE);
         for (int32 j = 0; j < num; j++) {
             put_timer(out, key, list.ids[j], width);
             const int32 missed = __atomic_load_n(&list.missed, __ATOMIC_RELAXED);
-            if (j == 0 && missed > 0) {
-                out.str(" (");
-                out.dec(uint32(missed));
-                out.str(" missed)");
-            }
+            if (j == 0 && missed > 0)
+                out.put(" (", missed, " missed)");
             out.eol();
         }
     }
@@ -161,22 +139,21 @@ void put_timers(a_hist_text& out, int32 i, size_t width)
 // Not signal-safe: it locks.
 void ut_hist_add_time(int32 fi, int32 fc, int32 ti, int32 tc, uint32 dur)
 {
-    a_ut_hist_timer_list& list = hist.hist_ids[fi].by_key[key_of(fc)];
+    a_ut_hist_timer_list& list = hist_by_key(fi, key_of(fc));
     const a_hist_lock lock(&list.mutex);
     add_to_list(list, ti, key_of(tc), dur);
 }
 
 // The statistics section; nothing while there is no registry.
-// Signal-safe.
-void ut_hist_dump_to_file_i_dur(a_ut_hist_dump& f)
+void ut_hist_dump_to_file_i_dur(a_hist_text& f)
 {
     if (hist.hist_ids == nullptr || !__atomic_load_n(&hist.hist_ok_to_dump, __ATOMIC_ACQUIRE))
         return;
     const int32 num_ids = __atomic_load_n(&hist.hist_num_ids, __ATOMIC_ACQUIRE);
     const size_t width = description_width(num_ids);
-    put_head(f.out, width);
+    put_head(f, width);
     for (int32 i = 0; i < num_ids; i++) {
-        put_id_line(f.out, i, width);
-        put_timers(f.out, i, width);
+        put_id_line(f, i, width);
+        put_timers(f, i, width);
     }
 }

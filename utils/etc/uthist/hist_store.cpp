@@ -1,166 +1,159 @@
-// hist_store.cpp: allocates, frees and looks into the store (see hist_store.h for its invariants).
+// hist_store.cpp: the table of the store's sections; maps, fills and frees it (see hist_store.h for what holds).
 //
-// Start-up either gets the whole store or gives back what it got. Every page is written here once, so that no
-// event pays for a first touch. Signal-safe: hist_live, hist_elapsed, hist_reset_thread.
+// Start-up gets the whole store or leaves the history off; only the registry may be missing. Not signal-safe, but
+// hist_reset_thread and hist_store_forget.
 #include "utils/etc/uthist/hist_store.h"
 
 #include <string.h>
+#include <sys/mman.h>
 
-#include "utils/etc/uthist/hist_config.h"
-#include "utils/etc/uthist/hist_text.h"
-#include "utils/utmem/utmem.h"
+#include "utils/unix/utptmutex.h"
 
 constinit a_ut_hist_store hist{};
+constinit __attribute__((tls_model("initial-exec"))) thread_local uint32 hist_my_uses = 0;
 
 namespace {
 
-// Zero-filled memory for `count` elements, its pages touched, that shares no cache line with any other; null when there is
-// none or the product is too large. The allocation behind it stands in the word before it.
-// Not signal-safe: it allocates.
-void* store_alloc(size_t count, size_t size)
+constexpr size_t page = 4096;
+constexpr size_t too_many = SIZE_MAX / 2;  // bytes that no mapping has
+
+// Sizes that would overflow become too_many.
+size_t times(size_t count, size_t size)
 {
     size_t bytes;
-    if (__builtin_mul_overflow(count, size, &bytes) || __builtin_add_overflow(bytes, 3 * cache_line, &bytes))
+    return __builtin_mul_overflow(count, size, &bytes) || bytes > too_many ? too_many : bytes;
+}
+
+size_t queues() { return size_t(hist_cfg.hist_num_q); }
+size_t records() { return times(queues(), size_t(hist_cfg.ut_hist_debug_num)); }
+size_t ids() { return hist_cfg.ut_hist_debug_knum > 0 ? size_t(hist_cfg.ut_hist_debug_knum) : 0; }
+size_t slots() { return hist_cfg.dense_slots != 0 ? hist_cfg.dense_slots : hist_handle_slots; }
+
+// A data ring is read by whole words; its queue's share begins on a cache line.
+size_t data_ring_bytes()
+{
+    if (hist_cfg.ut_hist_debug_data == 0 || hist_cfg.ut_hist_debug_data_size <= 0)
+        return 0;
+    return (size_t(hist_cfg.ut_hist_debug_data_size) + 8 + cache_line - 1) / cache_line * cache_line;
+}
+
+// In the order of the mapping; each begins on a cache line. The thread slots come last: the first of them are written
+// when the store is made, the others' pages are taken when they are claimed.
+enum a_section : uint32 { QUEUES, RINGS, TEXTS, DATA, REGISTRY, TIMERS, SETTINGS, DUMP, TAKEN, THREADS, SECTIONS };
+struct a_section_row {
+    size_t (*bytes)(size_t dump_bytes);
+};
+constexpr a_section_row rows[SECTIONS] = {
+    /* QUEUES */ {[](size_t) { return times(queues(), sizeof(a_ut_hist_event_list)); }},
+    /* RINGS */ {[](size_t) { return times(records(), sizeof(a_ut_hist_event)); }},
+    /* TEXTS */ {[](size_t) {
+        return hist_cfg.ut_hist_dump_on_fini != 0 ? times(records(), hist_cfg.text_stride) : 0;
+    }},
+    /* DATA */ {[](size_t) { return times(queues(), data_ring_bytes()); }},
+    /* REGISTRY */ {[](size_t) { return times(ids(), sizeof(a_ut_hist_id_data)); }},
+    /* TIMERS */ {[](size_t) { return times(ids(), K_LAST * sizeof(a_ut_hist_timer_list)); }},
+    /* SETTINGS */ {[](size_t) { return sizeof(a_ut_hist_settings); }},
+    /* DUMP */ {[](size_t dump_bytes) { return dump_bytes; }},
+    /* TAKEN */ {[](size_t) { return (slots() + 63) / 64 * sizeof(uint64); }},
+    /* THREADS */ {[](size_t) { return times(slots(), sizeof(a_ut_hist_thread)); }},
+};
+
+// The thread slots of the store that was freed last.
+void* left_slots = nullptr;
+size_t left_bytes = 0;
+
+struct a_layout {
+    size_t at[SECTIONS + 1];  // offsets; the last is the end
+};
+
+a_layout lay_out(size_t dump_bytes)
+{
+    a_layout layout = {};
+    for (uint32 i = 0; i < SECTIONS; i++) {
+        const size_t bytes = rows[i].bytes(dump_bytes);
+        const size_t whole_lines = bytes < too_many ? (bytes + cache_line - 1) / cache_line * cache_line : too_many;
+        layout.at[i + 1] = layout.at[i] + whole_lines < too_many ? layout.at[i] + whole_lines : too_many;
+    }
+    return layout;
+}
+
+// Every page up to `present` is written once, so that no event pays for a first touch.
+void* map_pages(size_t bytes, size_t present)
+{
+    void* const mapping = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapping == MAP_FAILED)
         return nullptr;
-    char* block = static_cast<char*>(ut_calloc(bytes));
-    if (block == nullptr)
-        return nullptr;
-    // A compiler may clear them by taking zero pages, which are mapped by their first write only.
-    constexpr size_t page = 4096;
-    for (size_t at = 0; at < bytes; at += page)
-        static_cast<volatile char*>(block)[at] = 0;
-    static_cast<volatile char*>(block)[bytes - 1] = 0;
-    char* lines = block + 2 * cache_line - a_ptrint(block) % cache_line;
-    reinterpret_cast<void**>(lines)[-1] = block;
-    return lines;
+    for (size_t at = 0; at < present; at += page)
+        static_cast<volatile char*>(mapping)[at] = 0;
+    return mapping;
 }
 
-// Not signal-safe: it frees.
-void store_free(void* lines)
+// False when a lock cannot be had.
+bool fill_queues(char* base, const a_layout& layout)
 {
-    if (lines != nullptr)
-        ut_free(static_cast<void**>(lines)[-1]);
+    const size_t num = size_t(hist_cfg.ut_hist_debug_num), data_bytes = data_ring_bytes();
+    hist.hist_evs = reinterpret_cast<a_ut_hist_event_list*>(base + layout.at[QUEUES]);
+    for (size_t q = 0; q < queues(); q++) {
+        a_ut_hist_event_list& queue = hist.hist_evs[q];
+        queue.evs = reinterpret_cast<a_ut_hist_event*>(base + layout.at[RINGS]) + q * num;
+        queue.data_pos = uint64(1) << 32;  // generation 1, nothing stored
+        queue.data_buf = data_bytes != 0 ? base + layout.at[DATA] + q * data_bytes : nullptr;
+        queue.texts =
+            hist_cfg.ut_hist_dump_on_fini != 0 ? base + layout.at[TEXTS] + q * num * hist_cfg.text_stride : nullptr;
+        if (ut_safe_pthread_mutex_init(&queue.mutex, nullptr) != 0)
+            return false;
+    }
+    return true;
 }
 
-// Not signal-safe: used while nobody records.
-void lay_out_texts()
+// Those beyond are reset when they are claimed.
+void fill_threads(char* base, const a_layout& layout)
 {
-    const size_t file = text_bytes(hist_cfg.hist_max_file_len), id = text_bytes(hist_cfg.hist_max_id_len);
-    const uint32 max_file = uint32(hist_cfg.hist_max_file_len);
-    hist_cfg.file_fits = max_file < 2 * text_block ? (1u << max_file) - 1 : UINT32_MAX;
-    hist_cfg.id_text_at = file;
-    hist_cfg.ev_text_at = file + id;
-    hist_cfg.text_stride = file + id + text_bytes(hist_cfg.hist_max_ev_len);
-}
-
-// Points every slot's three texts into the queue's text block; they stay there while the store lives.
-// Not signal-safe: used while nobody records.
-void bind_texts(a_ut_hist_event_list& queue)
-{
-    char* text = queue.texts;
-    for (int32 n = 0; n < hist_cfg.ut_hist_debug_num; n++) {
-        a_ut_hist_event& r = queue.evs[n];
-        r.file = text;
-        r.id = text + hist_cfg.id_text_at;
-        r.ev = text + hist_cfg.ev_text_at;
-        text += hist_cfg.text_stride;
+    hist.taken_slots = reinterpret_cast<uint64*>(base + layout.at[TAKEN]);
+    hist.threads = reinterpret_cast<a_ut_hist_thread*>(base + layout.at[THREADS]);
+    hist.num_threads = uint32(slots());
+    for (uint32 t = 0; t < hist.num_threads && t < hist_handle_slots; t++) {
+        hist.threads[t].own_q =
+            hist_cfg.ut_hist_debug_q_by_thr != 0 && t + 1 < uint32(hist_cfg.hist_num_q) ? int32(t + 1) : 0;
+        hist_reset_thread(hist.threads[t]);
     }
 }
 
-// A data ring is read by whole words.
-// Signal-safe.
-size_t data_ring_bytes() { return size_t(hist_cfg.ut_hist_debug_data_size) + 8; }
-
-// Not signal-safe: it allocates.
-bool alloc_queue(a_ut_hist_event_list& queue)
+// A registry that cannot be had is off: ids are then texts.
+void fill_ids(char* base, const a_layout& layout)
 {
-    if (ut_safe_pthread_mutex_init(&queue.mutex, nullptr) != 0)
-        return false;
-    const size_t num = size_t(hist_cfg.ut_hist_debug_num);
-    queue.evs = static_cast<a_ut_hist_event*>(store_alloc(num, sizeof(a_ut_hist_event)));
-    if (queue.evs == nullptr)
-        return false;
-    queue.data_pos = pack_data({1, 0});
-    // A data ring that cannot be had is just not there: the records then keep address and length only.
-    if (hist.dump->data != nullptr)
-        queue.data_buf = static_cast<char*>(store_alloc(data_ring_bytes(), 1));
-    if (hist_cfg.ut_hist_dump_on_fini == 0)
-        return true;
-    queue.texts = static_cast<char*>(store_alloc(num, hist_cfg.text_stride));
-    if (queue.texts == nullptr)
-        return false;
-    bind_texts(queue);
-    return true;
-}
-
-// Not signal-safe: it frees.
-void free_queue(a_ut_hist_event_list& queue, bool destroy_lock)
-{
-    if (destroy_lock)
-        ut_safe_pthread_mutex_destroy(&queue.mutex);
-    store_free(queue.texts);
-    store_free(queue.evs);
-    store_free(queue.data_buf);
-}
-
-// Not signal-safe: it allocates.
-bool alloc_queues()
-{
-    const size_t num_q = size_t(hist_cfg.hist_num_q);
-    hist.hist_evs = static_cast<a_ut_hist_event_list*>(store_alloc(num_q, sizeof(a_ut_hist_event_list)));
-    if (hist.hist_evs == nullptr)
-        return false;
-    for (size_t q = 0; q < num_q; q++)
-        if (!alloc_queue(hist.hist_evs[q]))
-            return false;
-    return true;
-}
-
-// The registry that cannot be had is off: ids are then texts.
-// Not signal-safe: it allocates.
-void alloc_ids()
-{
-    if (hist_cfg.ut_hist_debug_knum <= 0)
+    if (ids() == 0 || ut_safe_pthread_mutex_init(&hist.hist_ids_mutex, nullptr) != 0)
         return;
-    void* ids = store_alloc(size_t(hist_cfg.ut_hist_debug_knum), sizeof(a_ut_hist_id_data));
-    if (ids != nullptr && ut_safe_pthread_mutex_init(&hist.hist_ids_mutex, nullptr) == 0)
-        hist.hist_ids = static_cast<a_ut_hist_id_data*>(ids);
-    else
-        store_free(ids);
+    hist.hist_ids = reinterpret_cast<a_ut_hist_id_data*>(base + layout.at[REGISTRY]);
+    hist.timers = reinterpret_cast<a_ut_hist_timer_list*>(base + layout.at[TIMERS]);
 }
 
-// Takes a pointer out of the store before what it names is freed: a process that another thread forks meanwhile must not
-// find it there.
-// Signal-safe.
-template <class T>
-T* take_out(T*& from)
+// A thread that is ended in the middle of its event, or leaves it by a jump, leaves its lock locked; nobody holds it
+// any more, and the pool gives its mutex to somebody else.
+void give_back(a_critical_sect& section)
 {
-    return __atomic_exchange_n(&from, nullptr, __ATOMIC_RELAXED);
+    if (section.p_mutex != nullptr && pthread_mutex_trylock(section.p_mutex) == 0)
+        pthread_mutex_unlock(section.p_mutex);
+    else
+        ut_safe_pthread_mutex_fork_child(&section);
+    ut_safe_pthread_mutex_destroy(&section);
 }
 
-// Not signal-safe: it frees.
 void free_ids()
 {
+    a_ut_hist_id_data* const registry = hist.hist_ids;
     const int32 num_ids = hist.hist_num_ids;
     hist.hist_num_ids = 0;
-    a_ut_hist_id_data* ids = take_out(hist.hist_ids);
-    if (ids == nullptr)
+    hist.hist_ids = nullptr;
+    if (registry == nullptr)
         return;
     for (int32 i = 0; i < num_ids; i++) {
-        for (a_ut_hist_timer_list& list : ids[i].by_key)
-            ut_safe_pthread_mutex_destroy(&list.mutex);
-        ut_free(ids[i].file);
-        ut_free(ids[i].desc);
+        for (int32 key = 0; key < K_LAST; key++)
+            give_back(hist_by_key(i, key).mutex);
+        registry[i].file.release();
+        registry[i].desc.release();
     }
-    store_free(ids);
-    ut_safe_pthread_mutex_destroy(&hist.hist_ids_mutex);
-}
-
-// The queue of a thread slot, 0 for those that share it.
-// Signal-safe.
-int32 own_queue(uint32 t)
-{
-    return hist_cfg.ut_hist_debug_q_by_thr != 0 && t + 1 < uint32(hist_cfg.hist_num_q) ? int32(t + 1) : 0;
+    give_back(hist.hist_ids_mutex);
 }
 
 }  // namespace
@@ -174,45 +167,69 @@ void hist_store_forget()
     hist.hist_evs = nullptr;
     hist.hist_ids = nullptr;
     hist.hist_num_ids = 0;
-    hist.dump = nullptr;
+    hist.mapping = nullptr;
 }
 
-// Allocates the store that the settings describe and resets the state of all threads; false when memory is short, with
-// nothing kept.
-// Not signal-safe: it allocates.
-bool hist_store_alloc()
+// Maps the store that the settings describe; false when memory is short, with nothing kept.
+bool hist_store_alloc(size_t dump_bytes)
 {
-    lay_out_texts();
-    for (uint32 t = 0; t < hist_max_threads; t++) {
-        hist.threads[t].own_q = own_queue(t);
-        hist_reset_thread(hist.threads[t]);
+    a_layout layout = lay_out(dump_bytes);
+    hist.wanted_bytes = layout.at[SECTIONS];
+    // What an event needs not is not present before it is claimed.
+    const auto present = [&layout] {
+        const size_t first_slots = slots() < hist_handle_slots ? slots() : size_t(hist_handle_slots);
+        return layout.at[THREADS] + first_slots * sizeof(a_ut_hist_thread);
+    };
+    hist.mapping = map_pages(layout.at[SECTIONS], present());
+    if (hist.mapping == nullptr && ids() != 0) {
+        hist_cfg.ut_hist_debug_knum = 0;
+        layout = lay_out(dump_bytes);
+        hist.mapping = map_pages(layout.at[SECTIONS], present());
     }
-    hist.dump = hist_dump_alloc();
-    // Without room to copy a block to, nothing could be dumped from data rings: there are none then.
-    if (hist.dump != nullptr && hist_cfg.ut_hist_debug_data != 0 && hist_cfg.ut_hist_debug_data_size > 0)
-        hist.dump->data = static_cast<char*>(store_alloc(data_ring_bytes(), 1));
-    if (hist.dump == nullptr || !alloc_queues()) {
+    hist.no_memory = hist.mapping == nullptr;
+    if (hist.no_memory)
+        return false;
+    hist.mapped_bytes = layout.at[SECTIONS];
+    hist.slots_at = layout.at[TAKEN] / page * page;
+    char* const base = static_cast<char*>(hist.mapping);
+    if (!fill_queues(base, layout)) {
         hist_store_free(true);
+        hist.no_memory = true;
         return false;
     }
-    alloc_ids();
+    fill_threads(base, layout);
+    fill_ids(base, layout);
+    hist.dump = reinterpret_cast<a_ut_hist_dump*>(base + layout.at[DUMP]);
+    hist.cfg = static_cast<a_ut_hist_settings*>(memcpy(base + layout.at[SETTINGS], &hist_cfg, sizeof hist_cfg));
+    hist.start++;
     return true;
 }
 
-// Gives the whole store back. The queue locks stay in their pool's hands when destroy_queue_locks is false.
-// Not signal-safe: it frees.
+// Gives the store back, but for its thread slots: a thread that saw the history running may be about to claim one, or
+// to set its mark there, and it cannot be waited for. They stay until the next store goes. The queue locks stay in
+// their pool's hands when destroy_queue_locks is false. What names the store goes first: a process that another thread
+// forks meanwhile must not find it there.
 void hist_store_free(bool destroy_queue_locks)
 {
     free_ids();
-    a_ut_hist_event_list* queues = take_out(hist.hist_evs);
-    if (queues != nullptr)
-        for (int32 q = 0; q < hist_cfg.hist_num_q; q++)
-            free_queue(queues[q], destroy_queue_locks);
-    store_free(queues);
-    a_ut_hist_dump* dump = take_out(hist.dump);
-    if (dump != nullptr)
-        store_free(dump->data);
-    ut_free(dump);
+    a_ut_hist_event_list* const evs = hist.hist_evs;
+    hist.hist_evs = nullptr;
+    for (size_t q = 0; destroy_queue_locks && q < queues(); q++)
+        give_back(evs[q].mutex);
+    char* const mapping = static_cast<char*>(hist.mapping);
+    hist.mapping = nullptr;
+    munmap(mapping, hist.slots_at);
+    hist_store_unload();
+    left_slots = mapping + hist.slots_at;
+    left_bytes = hist.mapped_bytes - hist.slots_at;
+}
+
+// What the last shut-down left. Nobody can be in the library any more when it goes.
+void hist_store_unload()
+{
+    if (left_slots != nullptr)
+        munmap(left_slots, left_bytes);
+    left_slots = nullptr;
 }
 
 // A thread that has recorded nothing yet: no last marker, inside no queue. Relaxed: only the slot's own thread looks.
@@ -223,61 +240,6 @@ void hist_reset_thread(a_ut_hist_thread& thread)
     __atomic_store_n(&thread.last_marker_loc.q, -1, __ATOMIC_RELAXED);
     __atomic_store_n(&thread.last_marker_loc.n, 0u, __ATOMIC_RELAXED);
     __atomic_store_n(&thread.last_marker_loc.num, 0u, __ATOMIC_RELAXED);
-    for (int32& recursing : thread.recursing)
-        __atomic_store_n(&recursing, 0, __ATOMIC_RELAXED);
-}
-
-// Moves a forked child's ring past a record that the fork cut in two. When its thread lives on in the child, since a
-// handler forked, it gives the record up. Start-up in another thread may not have got to this queue.
-// Signal-safe.
-void hist_pass_unfinished(a_ut_hist_event_list& queue)
-{
-    if (queue.evs == nullptr)
-        return;
-    const a_ring_pos at = unpack_ring(__atomic_load_n(&queue.ring_pos, __ATOMIC_RELAXED));
-    if (__atomic_load_n(&queue.evs[at.next].seq, __ATOMIC_RELAXED) % 2 != 0)
-        __atomic_store_n(&queue.ring_pos, pack_ring(next_slot(at, uint32(hist_cfg.ut_hist_debug_num))),
-                         __ATOMIC_RELEASE);
-}
-
-// Whether `loc` names a record that still stands in its ring; if so, gives what a later event needs of it. A record
-// that is overwritten meanwhile is stale.
-// Signal-safe.
-bool hist_live(const a_ut_hist_loc& loc, an_earlier_event& found)
-{
-    if (loc.q < 0 || loc.q >= hist_cfg.hist_num_q || loc.n >= uint32(hist_cfg.ut_hist_debug_num))
-        return false;
-    const a_ut_hist_event& r = hist.hist_evs[loc.q].evs[loc.n];
-    const uint32 seq = __atomic_load_n(&r.seq, __ATOMIC_ACQUIRE);
-    if (__atomic_load_n(&r.num, __ATOMIC_ACQUIRE) != loc.num || seq % 2 != 0)
-        return false;
-    found.time_of_day.tv_sec = __atomic_load_n(&r.time_of_day.tv_sec, __ATOMIC_ACQUIRE);
-    found.time_of_day.tv_usec = __atomic_load_n(&r.time_of_day.tv_usec, __ATOMIC_ACQUIRE);
-    found.cl = __atomic_load_n(&r.cl, __ATOMIC_ACQUIRE);
-    // Relaxed: the acquire loads above keep this one behind them.
-    return __atomic_load_n(&r.seq, __ATOMIC_RELAXED) == seq;
-}
-
-// Microseconds from one time to another, modulo 2^32: beyond 71.6 minutes and for a clock that steps back it wraps.
-// Signal-safe.
-uint32 hist_elapsed(const struct timeval& from, const struct timeval& to)
-{
-    return uint32((uint64(to.tv_sec) - uint64(from.tv_sec)) * 1000000 + uint64(to.tv_usec) - uint64(from.tv_usec));
-}
-
-// Not signal-safe: it locks.
-a_hist_lock_all::a_hist_lock_all()
-{
-    for (int32 q = 0; q < hist_cfg.hist_num_q; q++) {
-        ut_safe_pthread_mutex_lock(&hist.hist_evs[q].mutex);
-        forks[q] = __atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED);
-    }
-}
-
-// Not signal-safe: it unlocks.
-a_hist_lock_all::~a_hist_lock_all()
-{
-    for (int32 q = 0; q < hist_cfg.hist_num_q; q++)
-        if (forks[q] == __atomic_load_n(&hist.fork_count, __ATOMIC_RELAXED))
-            ut_safe_pthread_mutex_unlock(&hist.hist_evs[q].mutex);
+    for (uint8_t& recursing : thread.recursing)
+        __atomic_store_n(&recursing, uint8_t(0), __ATOMIC_RELAXED);
 }

@@ -1,0 +1,169 @@
+// hist_texts.cpp: the layout of texts, and those copies of texts and data blocks that are not inlined into the recorder
+// (hist_texts.h draws the layout). Signal-safe: all of it, but hist_lay_out_texts and hist_bind_texts run in start-up.
+#include "utils/etc/uthist/hist_texts.h"
+
+#include <string.h>
+
+namespace {
+
+size_t text_bytes(int32 max_len) { return (size_t(max_len) + text_block) / text_block * text_block; }
+
+// A block of a text that may end before it: at the end of a page byte by byte.
+READS_WHOLE_BLOCKS inline __m128i load_block(const char* src)
+{
+    constexpr size_t page = 4096;
+    if (__builtin_expect(a_ptrint(src) % page <= page - text_block, 1))
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
+    char bytes[text_block] = {};
+    for (size_t i = 0; i < text_block && src[i] != '\0'; i++)
+        bytes[i] = src[i];
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+}
+
+inline void store_words(char* dst, __m128i block)
+{
+    uint64* words = reinterpret_cast<uint64*>(dst);
+    __atomic_store_n(words, uint64(_mm_cvtsi128_si64(block)), __ATOMIC_RELEASE);
+    __atomic_store_n(words + 1, uint64(_mm_cvtsi128_si64(_mm_unpackhi_epi64(block, block))), __ATOMIC_RELEASE);
+}
+
+// Copies a data block, whole words where the ring is aligned. Release, so that a reader of any of these bytes sees the
+// ring's position that was stored before them.
+void store_block(char* dst, const char* src, size_t len)
+{
+    while (len > 0 && (a_ptrint(dst) & 7) != 0) {
+        __atomic_store_n(dst++, *src++, __ATOMIC_RELEASE);
+        len--;
+    }
+    for (; len >= 8; len -= 8, dst += 8, src += 8) {
+        uint64 word;
+        memcpy(&word, src, 8);
+        __atomic_store_n(reinterpret_cast<uint64*>(dst), word, __ATOMIC_RELEASE);
+    }
+    while (len-- > 0)
+        __atomic_store_n(dst++, *src++, __ATOMIC_RELEASE);
+}
+
+void load_words(char* dst, const char* src, size_t bytes)
+{
+    for (size_t i = 0; i < bytes; i += 8) {
+        const uint64 word = __atomic_load_n(reinterpret_cast<const uint64*>(src + i), __ATOMIC_ACQUIRE);
+        memcpy(dst + i, &word, 8);
+    }
+}
+
+}  // namespace
+
+void hist_lay_out_texts()
+{
+    const size_t file = text_bytes(hist_cfg.hist_max_file_len), id = text_bytes(hist_cfg.hist_max_id_len);
+    const uint32 max_file = uint32(hist_cfg.hist_max_file_len);
+    hist_cfg.file_fits = max_file < 2 * text_block ? (1u << max_file) - 1 : UINT32_MAX;
+    hist_cfg.id_text_at = file;
+    hist_cfg.ev_text_at = file + id;
+    hist_cfg.text_stride = file + id + text_bytes(hist_cfg.hist_max_ev_len);
+}
+
+void hist_bind_texts()
+{
+    for (int32 q = 0; q < hist_cfg.hist_num_q; q++) {
+        char* text = hist.hist_evs[q].texts;
+        for (int32 n = 0; text != nullptr && n < hist_cfg.ut_hist_debug_num; n++, text += hist_cfg.text_stride) {
+            a_ut_hist_event& r = hist.hist_evs[q].evs[n];
+            r.file = text;
+            r.id = text + hist_cfg.id_text_at;
+            r.ev = text + hist_cfg.ev_text_at;
+        }
+    }
+}
+
+size_t hist_row_texts_bytes() { return hist_cfg.ut_hist_dump_on_fini != 0 ? hist_cfg.text_stride : 0; }
+
+__attribute__((noinline, cold)) const char* hist_number_text(char (&buf)[2 * text_block], a_ut_hist_id id)
+{
+    char digits[8];
+    size_t len = 0, at = 0;
+    for (a_ptrint value = a_ptrint(id); len == 0 || value != 0; value /= 10)
+        digits[len++] = char('0' + value % 10);
+    buf[at++] = '#';
+    while (len > 0)
+        buf[at++] = digits[--len];
+    memset(buf + at, '\0', sizeof buf - at);
+    return buf;
+}
+
+// Copies a text block by block until one holds its NUL.
+READS_WHOLE_BLOCKS __attribute__((noinline)) void hist_store_long_text(char* dst, const char* src, size_t max)
+{
+    for (size_t at = 0; at < max; at += text_block) {
+        const __m128i block = load_block(src + at);
+        store_words(dst + at, block);
+        if (nuls_of(block) != 0)
+            break;
+    }
+}
+
+__attribute__((noinline, cold)) void hist_store_number(char* dst, const char* id)
+{
+    char number[2 * text_block];
+    store_text(dst, id == nullptr ? hist_no_id : hist_number_text(number, const_cast<char*>(id)),
+               size_t(hist_cfg.hist_max_id_len));
+}
+
+// Of a path too long the end tells more than the beginning.
+__attribute__((noinline)) void hist_store_path_end(char* dst, const char* file)
+{
+    const size_t len = strlen(file), max = size_t(hist_cfg.hist_max_file_len);
+    store_text(dst, len < max ? file : file + len - (max - 1), max);
+}
+
+// In copy mode the texts go to `copy`, where they are ended: the recorder ends none that is too long.
+a_hist_row_texts hist_load_texts(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, char* copy)
+{
+    if (queue.texts == nullptr)
+        return {__atomic_load_n(&r.file, __ATOMIC_ACQUIRE),
+                static_cast<const char*>(__atomic_load_n(&r.id, __ATOMIC_ACQUIRE)),
+                __atomic_load_n(&r.ev, __ATOMIC_ACQUIRE)};
+    const a_ut_hist_settings& cfg = *hist.cfg;
+    load_words(copy, r.file, cfg.text_stride);
+    char *const id = copy + cfg.id_text_at, *const ev = copy + cfg.ev_text_at;
+    copy[cfg.hist_max_file_len] = id[cfg.hist_max_id_len] = ev[cfg.hist_max_ev_len] = '\0';
+    return {copy, id, ev};
+}
+
+// Stores the block of a data event and notes in the record where it lies; generation 0 where there is none. Only
+// records of this class are asked for it.
+__attribute__((noinline)) void hist_store_data(a_ut_hist_event_list& queue, a_ut_hist_event& r, const void* block,
+                                               int64_t length)
+{
+    __atomic_store_n(&r.data_gen, 0u, __ATOMIC_RELEASE);
+    __atomic_store_n(&r.data_idx, 0u, __ATOMIC_RELEASE);
+    if (block == nullptr || length <= 0 || queue.data_buf == nullptr)
+        return;
+    const uint32 size = uint32(hist_cfg.ut_hist_debug_data_size);
+    const uint32 len = uint64(length) > size ? size : uint32(length);
+    // Relaxed: only this writer moves the position.
+    a_data_pos at = unpack_data(__atomic_load_n(&queue.data_pos, __ATOMIC_RELAXED));
+    if (size - len < at.data_fil)
+        at = {at.data_gen + 1, 0};
+    __atomic_store_n(&r.data_gen, at.data_gen, __ATOMIC_RELEASE);
+    __atomic_store_n(&r.data_idx, at.data_fil, __ATOMIC_RELEASE);
+    __atomic_store_n(&queue.data_pos, pack_data({at.data_gen, at.data_fil + len}), __ATOMIC_RELAXED);
+    store_block(queue.data_buf + at.data_fil, static_cast<const char*>(block), len);
+}
+
+bool hist_data_intact(const a_ut_hist_event_list& queue, uint32 data_gen, uint32 data_idx)
+{
+    // Acquire on one word: generation and fill offset of one moment.
+    const a_data_pos at = unpack_data(__atomic_load_n(&queue.data_pos, __ATOMIC_ACQUIRE));
+    return data_gen == at.data_gen || (data_gen == at.data_gen - 1 && data_idx >= at.data_fil);
+}
+
+// Copies len bytes at data_idx out of the ring, by whole words; gives where they stand. The ring has room for the last
+// word beyond its end, and so has the copy.
+const char* hist_load_data(const a_ut_hist_event_list& queue, uint32 data_idx, uint32 len, char* copy)
+{
+    const uint32 start = data_idx & ~7u;
+    load_words(copy, queue.data_buf + start, (size_t(data_idx) + len - start + 7) & ~7ull);
+    return copy + (data_idx - start);
+}

@@ -1,0 +1,132 @@
+// hist_texts.h: how texts and data blocks lie in the store, and their ways in and out.
+//
+// Copy mode: file, id and event text of slot 0, then of slot 1, each in whole blocks of 16 characters:
+//
+//     |file........|id..........|ev..........|file........|...        ev_text_at, text_stride (hist_config.h)
+//
+// A writer stores whole words with release order, a reader loads them with acquire order, both between their looks at
+// the record's sequence word (hist_ring.h). What comes along behind a text's NUL is never shown.
+//
+// Data ring: generation and fill offset share one word, moved before the bytes are copied: a reader that copied a byte
+// of a newer block then also sees that its own block is gone. Signal-safe: all of it.
+#pragma once
+
+#include <emmintrin.h>
+
+#include "utils/etc/uthist/hist_store.h"
+
+inline constexpr size_t text_block = 16;  // bytes; texts are stored in whole blocks
+
+// An id below this that is not registered is a number, say of an earlier life of the registry, and never an address.
+inline constexpr a_ptrint hist_first_address = 65536;
+
+struct a_data_pos {
+    uint32 data_gen;
+    uint32 data_fil;
+};
+inline constexpr uint64 pack_data(a_data_pos at) { return uint64(at.data_gen) << 32 | at.data_fil; }
+inline constexpr a_data_pos unpack_data(uint64 word) { return {uint32(word >> 32), uint32(word)}; }
+
+void hist_lay_out_texts();      // into the settings, before the store is mapped
+void hist_bind_texts();         // every slot of every queue to its piece, once it is
+size_t hist_row_texts_bytes();  // of the texts of one row
+const char* hist_number_text(char (&buf)[2 * text_block], a_ut_hist_id id);  // "#" and the number
+
+// What a row's texts are copied from and to: out of the queue's block, or as addresses.
+struct a_hist_row_texts {
+    const char* file;
+    const char* id;
+    const char* ev;
+};
+a_hist_row_texts hist_load_texts(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, char* copy);
+
+void hist_store_data(a_ut_hist_event_list& queue, a_ut_hist_event& r, const void* block, int64_t length);
+bool hist_data_intact(const a_ut_hist_event_list& queue, uint32 data_gen, uint32 data_idx);
+const char* hist_load_data(const a_ut_hist_event_list& queue, uint32 data_idx, uint32 len, char* copy);
+
+// Texts are copied by blocks of 16 characters, as the C library's string functions do: a block is read whole when it
+// cannot reach into another page, wherever the text ends in it. The sanitizers must not look at that.
+#define READS_WHOLE_BLOCKS __attribute__((no_sanitize("address", "thread")))
+
+void hist_store_long_text(char* dst, const char* src, size_t max);
+void hist_store_path_end(char* dst, const char* file);
+void hist_store_number(char* dst, const char* id);  // of an id that is no address
+
+using an_unaligned_word [[gnu::may_alias, gnu::aligned(1)]] = uint64;
+
+// Copies a block of a text whose bytes may all be read: by words, which costs less than a block's way through a vector.
+READS_WHOLE_BLOCKS inline void copy_block(char* dst, const char* src)
+{
+    const an_unaligned_word* from = reinterpret_cast<const an_unaligned_word*>(src);
+    uint64* to = reinterpret_cast<uint64*>(dst);
+    __atomic_store_n(to, from[0], __ATOMIC_RELEASE);
+    __atomic_store_n(to + 1, from[1], __ATOMIC_RELEASE);
+}
+
+inline bool two_blocks_readable(const char* text)
+{
+    constexpr size_t page = 4096;
+    return a_ptrint(text) % page <= page - 2 * text_block;
+}
+
+// Copies at least what a reader looks at: up to the text's NUL or to character max, where the reader puts one. So a
+// text of at most two blocks is copied without a look at its end.
+READS_WHOLE_BLOCKS inline void store_text(char* dst, const char* src, size_t max)
+{
+    if (max >= 2 * text_block || !two_blocks_readable(src)) [[unlikely]] {
+        hist_store_long_text(dst, src, max);
+        return;
+    }
+    copy_block(dst, src);
+    if (max >= text_block) [[likely]]
+        copy_block(dst + text_block, src + text_block);
+}
+
+// Bit i is set where byte i of the block is NUL.
+inline uint32 nuls_of(__m128i block) { return uint32(_mm_movemask_epi8(_mm_cmpeq_epi8(block, _mm_setzero_si128()))); }
+
+// Bit i is set where one of two blocks, as one, has a NUL at character i.
+READS_WHOLE_BLOCKS inline uint32 nuls_of_two(const char* text)
+{
+    const __m128i* const blocks = reinterpret_cast<const __m128i*>(text);
+    return nuls_of(_mm_loadu_si128(blocks)) | nuls_of(_mm_loadu_si128(blocks + 1)) << text_block;
+}
+
+// What stands for a text that is not there; two whole blocks each.
+alignas(2 * text_block) inline constexpr char hist_no_file[2 * text_block] = "<no_file>";
+alignas(2 * text_block) inline constexpr char hist_no_id[2 * text_block] = "-";
+alignas(2 * text_block) inline constexpr char hist_no_ev[2 * text_block] = "?";
+
+// The two blocks of a short name may reach into the id's text, which is stored after it.
+inline void store_file(char* dst, const char* file)
+{
+    if (file == nullptr) [[unlikely]] {
+        store_text(dst, hist_no_file, size_t(hist_cfg.hist_max_file_len));
+    } else if (two_blocks_readable(file) && (nuls_of_two(file) & hist_cfg.file_fits) != 0) [[likely]] {
+        copy_block(dst, file);
+        copy_block(dst + text_block, file + text_block);
+    } else {
+        hist_store_path_end(dst, file);
+    }
+}
+
+// The texts of a record in copy mode, into its piece of the queue's block.
+inline void hist_store_texts(char* dst, const char* file, const char* id, const char* ev)
+{
+    if (ev == nullptr) [[unlikely]]
+        ev = hist_no_ev;
+    store_file(dst, file);
+    if (a_ptrint(id) < hist_first_address) [[unlikely]]
+        hist_store_number(dst + hist_cfg.id_text_at, id);
+    else
+        store_text(dst + hist_cfg.id_text_at, id, size_t(hist_cfg.hist_max_id_len));
+    store_text(dst + hist_cfg.ev_text_at, ev, size_t(hist_cfg.hist_max_ev_len));
+}
+
+// The same outside copy mode.
+inline void hist_store_pointers(a_ut_hist_event& r, const char* file, const char* id, const char* ev)
+{
+    __atomic_store_n(&r.file, const_cast<char*>(file), __ATOMIC_RELEASE);
+    __atomic_store_n(&r.id, a_ut_hist_id(const_cast<char*>(id)), __ATOMIC_RELEASE);
+    __atomic_store_n(&r.ev, const_cast<char*>(ev), __ATOMIC_RELEASE);
+}
