@@ -1,6 +1,6 @@
 // hist_dump_test.cpp: what the history writes, to the byte, under a fixed clock. Most of it stands in
-// tests/process/cases: a case is a line "UT_HIST=options", further variables, the steps of hist_play, indented, and
-// what comes out, each text between "name:" and a line ".".
+// tests/process/cases: a case is a line "UT_HIST=options", perhaps with " columns: " and the only ones shown, further
+// variables, the steps of hist_play, indented, and what comes out, each text between "name:" and a line ".".
 #include <algorithm>
 #include <map>
 
@@ -23,13 +23,28 @@ struct a_case {
     }
 };
 
+// The options with a switch for each column before them.
+std::string with_columns(const std::string& line)
+{
+    const std::string separator = " columns: ";
+    const size_t at = line.find(separator);
+    if (at == std::string::npos)
+        return line;
+    const std::string shown = line.substr(at + separator.size()) + " ";
+    std::string switches;
+    for (const std::string word : {"a time", "c class", "d duration", "e event", "i id", "l line", "m sigmask",
+                                   "n number", "p parms", "q queue", "r priority", "s file", "t thread"})
+        switches += std::string("i") + word[0] + (shown.find(word.substr(2) + " ") != std::string::npos ? "+" : "-");
+    return switches + line.substr(0, at);
+}
+
 std::vector<a_case> read_cases(const std::string& path)
 {
     std::vector<a_case> cases;
     std::ifstream file(path);
     for (std::string line; std::getline(file, line);) {
         if (line.compare(0, 8, "UT_HIST=") == 0)
-            cases.push_back({line.substr(8), {}, {}, {}});
+            cases.push_back({with_columns(line.substr(8)), {}, {}, {}});
         else if (line.compare(0, 2, "  ") == 0)
             cases.back().script.push_back(line.substr(2));
         else if (line.find('=') != std::string::npos && line[0] != '#')
