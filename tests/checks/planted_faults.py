@@ -49,6 +49,7 @@ def main(project):
             root = pathlib.Path(scratch)
             for room in ("tasks", "utils", "include"):
                 shutil.copytree(project / room, root / room)
+            shutil.copy(project / "CONTRIBUTING.md", root)
             for where, inside, before, _ in faults:
                 plant(root, where, inside, before)
             result = subprocess.run([project / "scripts" / check, root], capture_output=True, text=True)

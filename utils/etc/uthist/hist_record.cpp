@@ -107,7 +107,7 @@ void store_loc(a_ut_hist_loc* loc, const a_ut_hist_loc& value)
 
 // Times the event against the record that the caller's location names and against the thread's last marker; a pair that
 // the location has just counted is not counted again. Returns the duration column.
-// Not signal-safe: for a registered id it locks timer lists. For any other it is.
+// Signal-safe but for a registered id: for that it locks timer lists.
 __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int32 ii, uint32 t, a_ut_hist_loc here,
                                               const struct timeval now)
 {
@@ -137,7 +137,7 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
     return dur;
 }
 
-// Fills the queue's next slot and publishes it. Returns the slot. Not signal-safe: see record_times.
+// Fills the queue's next slot and publishes it. Returns the slot. Signal-safe as record_times is.
 inline uint32 record(const an_event& event, a_ut_hist_event_list& queue, int32 q, uint32 t)
 {
     struct timeval now;
@@ -173,7 +173,7 @@ inline uint32 record(const an_event& event, a_ut_hist_event_list& queue, int32 q
     return at.next;
 }
 
-// Records under the queue's lock, if it has one. Not signal-safe: it may lock. With UT_HIST_ID_SIGHANDLER it is.
+// Records under the queue's lock, if it has one. Signal-safe with UT_HIST_ID_SIGHANDLER, whose queue has none.
 inline uint32 record_locked(const an_event& event, int32 q, uint32 t)
 {
     a_ut_hist_event_list& queue = hist.hist_evs[q];
