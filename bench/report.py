@@ -108,6 +108,9 @@ ROWS = [
      None),
     ("SysV semaphore, sets of 16, member used before", "semctl(SETVAL)", "sixteen/sysv/open_close/1",
      "sixteen/sysv/setval", (AT_MOST, 1.3)),
+    ("event, shared queue, 4000 live threads", "4 live threads", "event/live/4000", "event/live/4", None),
+    ("event lost for want of a slot", "event", "event/lost/1000", "event/live/1000", None),
+    ("first event of a thread, what it costs more", "event", "event/first/1000#beyond", "event/live/1000", None),
     ("dump, a row", "digits by hand", "dump/history", "dump/digits", (AT_MOST, 1.5)),
     ("fprintf, a row", "dump, a row", "dump/fprintf", "dump/history", (AT_LEAST, 3.0)),
 ]
@@ -196,7 +199,7 @@ def run_benchmarks(program, env, which="."):
         name = re.split("/(?:iterations|min_time|repeats|real_time)", run["run_name"])[0]
         # Time that a neighbour on the machine took away does not count, but threads can only be timed by the wall.
         values.setdefault(name, []).append(run["real_time" if "/two/" in name else "cpu_time"])
-        for counter in ("timer", "history_p50", "history_p999", "floor_p50", "floor_p999"):
+        for counter in ("timer", "history_p50", "history_p999", "floor_p50", "floor_p999", "beyond"):
             if counter in run:
                 values.setdefault(f"{name}#{counter}", []).append(run[counter])
     return values

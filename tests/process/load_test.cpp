@@ -46,9 +46,11 @@ TEST(VersionRecord, HoldsEighteenEntriesAndPrintsItsSystemLineOnRequest)
                                           dup2(child_pipe[1], STDOUT_FILENO);
                                           dlopen(LIBRARY_FILE, RTLD_NOW);
                                       }).said);
+#ifndef __SANITIZE_THREAD__  // which writes a file of its own at start-up
     EXPECT_TRUE(
         run("/bin/sh", {"VORNE_VERSION_INFO="}, {"-c", "ulimit -f 0; exec " PROGRAM_DIR "/hist_play"}).exited_well())
         << "a line that finds no room does not end the process";
+#endif
 }
 
 TEST(VersionRecord, IsTheSameInEveryBuildOfOneSourceDate)
