@@ -1,6 +1,5 @@
 /* corvex.h: the whole public interface. */
-#ifndef CORVEX_CORVEX_H
-#define CORVEX_CORVEX_H
+#pragma once
 
 #include "corvex/forkprotection.h"
 #include "corvex/hist.h"
@@ -15,6 +14,4 @@
 #include "corvex/types.h"
 #ifdef __cplusplus
 #include "corvex/vmutex.h"
-#endif
-
 #endif

@@ -3,8 +3,7 @@
  *
  * A child forked by a signal handler must end by exec or _exit: it may use the whole library until then, record and
  * dump included, but never return from the handler into what that interrupted. */
-#ifndef CORVEX_FORKPROTECTION_H
-#define CORVEX_FORKPROTECTION_H
+#pragma once
 
 #include "corvex/types.h"
 
@@ -22,5 +21,3 @@ CORVEX_API a_bool UnixForkProtection_IsChild(void);
 CORVEX_API void UnixForkProtection_Reset(void);
 
 CORVEX_C_END
-
-#endif

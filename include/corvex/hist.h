@@ -27,8 +27,7 @@
  * is told by notes, lines of their own on the message stream: "** HISTORY note ** <text>". No write of the library
  * raises SIGPIPE or SIGXFSZ, and a stream that takes nothing for a second is given up for that dump; while the process
  * ends, all waits together stay under two seconds. */
-#ifndef CORVEX_HIST_H
-#define CORVEX_HIST_H
+#pragma once
 
 #include <stdio.h>
 
@@ -255,6 +254,4 @@ private:
 };
 /* A scope object for the rest of this block: id, text. */
 #define UT_HIST_SCOPE(id, text) a_ut_hist_scope UT_HIST_CAT_(ut_hist_scope_, __LINE__)(__FILE__, __LINE__, id, text)
-#endif
-
 #endif

@@ -1,8 +1,7 @@
 /* identity.h: facts about the process that are recorded once and asked for later, for C99 and C++11. None has a
  * lock: set them before other threads ask. Only the mutex operations are for several threads. Nothing here is
  * signal-safe but OS_GetRootPid. */
-#ifndef CORVEX_IDENTITY_H
-#define CORVEX_IDENTITY_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -29,5 +28,3 @@ CORVEX_API void OS_GetTmpCleanerMutex(void);
 CORVEX_API void OS_GiveTmpCleanerMutex(void);
 
 CORVEX_C_END
-
-#endif

@@ -22,8 +22,7 @@
  * crash signals only; capitals too), ZT_ALWAYS_GEN_CORE (set: the core limit is left alone), ZT_LINUX_COREDUMP_DELAY
  * (seconds to sleep before the abort: leading decimal digits, 0 to 3600, 2 when empty). In a set-uid or set-gid
  * program, or one with capabilities, none of them counts. */
-#ifndef CORVEX_ONSIG_H
-#define CORVEX_ONSIG_H
+#pragma once
 
 #include "corvex/types.h"
 
@@ -67,5 +66,3 @@ CORVEX_API void ut_onsig_install_signal_handlers(a_bool called_during_lib_init);
 CORVEX_API void ut_want_no_core(void);
 
 CORVEX_C_END
-
-#endif

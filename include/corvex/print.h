@@ -1,7 +1,6 @@
 /* print.h: one channel for messages and one for errors, each of which the program may redirect, for C99 and
  * C++11. A channel without a routine writes to standard output (messages) or standard error (errors). */
-#ifndef CORVEX_PRINT_H
-#define CORVEX_PRINT_H
+#pragma once
 
 #include "corvex/types.h"
 
@@ -25,5 +24,3 @@ CORVEX_API void ut_MsgPrintf(const char* fmt, ...) __attribute__((format(printf,
 CORVEX_API void ut_ErrPrintf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 CORVEX_C_END
-
-#endif

@@ -1,7 +1,6 @@
 /* ptcondvar.h: POSIX condition variables, for C99 and C++11: plain wrappers, and safe ones from a pool that the library
  * owns. The pool works like that of the safe mutexes (ptmutex.h). Absolute times are of the real-time clock. */
-#ifndef CORVEX_PTCONDVAR_H
-#define CORVEX_PTCONDVAR_H
+#pragma once
 
 #include <pthread.h>
 #include <time.h>
@@ -51,5 +50,3 @@ static inline int ut_safe_pthread_cond_broadcast(a_ut_safe_pthread_cond_t* cv)
 }
 
 CORVEX_C_END
-
-#endif

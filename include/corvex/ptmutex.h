@@ -7,8 +7,7 @@
  * waits at most a second for the pool, which an exit from a signal handler may have interrupted, and then leaves its
  * mutexes alone. ThreadSanitizer takes a mutex that is handed out again for the old one, and may report a lock order of
  * two owners: TSAN_OPTIONS=detect_deadlocks=0 silences that. */
-#ifndef CORVEX_PTMUTEX_H
-#define CORVEX_PTMUTEX_H
+#pragma once
 
 #include <pthread.h>
 
@@ -51,5 +50,3 @@ CORVEX_API void ut_safe_pthread_mutex_alloc(unsigned int num);
 CORVEX_API void ut_safe_pthread_mutex_clean(void);
 
 CORVEX_C_END
-
-#endif

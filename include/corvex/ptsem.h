@@ -10,8 +10,7 @@
  *
  * All operations on an open semaphore are thread-safe; none is signal-safe: they lock. None is a cancellation point: a
  * cancellation of a thread which waits takes effect after the wait. */
-#ifndef CORVEX_PTSEM_H
-#define CORVEX_PTSEM_H
+#pragma once
 
 #include "corvex/ptcondvar.h"
 #include "corvex/ptmutex.h"
@@ -53,5 +52,3 @@ CORVEX_API a_bool ut_pthread_test_semaphore(a_ut_pthread_semaphore* sem);
 CORVEX_API a_bool ut_pthread_reset_semaphore(a_ut_pthread_semaphore* sem);
 
 CORVEX_C_END
-
-#endif

@@ -15,8 +15,7 @@
  * In a forked child the parent's sets stay the parent's: the child hands out members of sets of its own only, and
  * its death by a signal removes no other; its exit removes nothing, so it closes its own first.
  * UnixForkProtection_Reset makes it the owner of all. */
-#ifndef CORVEX_SYSVSEM_H
-#define CORVEX_SYSVSEM_H
+#pragma once
 
 #include "corvex/types.h"
 
@@ -46,5 +45,3 @@ CORVEX_API void sysv_close_semaphore(a_sysv_semaphore* s);
 CORVEX_API a_bool sysv_list_is_empty(void);
 
 CORVEX_C_END
-
-#endif

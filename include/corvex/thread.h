@@ -18,8 +18,7 @@
  * Nothing here is signal-safe, nothing here is a cancellation point but OS_WaitOnThreadTermination. Nothing here calls
  * OS_Init: use outside it is an error that is not checked, but for waiting (see OS_Wait) and for a started thread's
  * end. */
-#ifndef CORVEX_THREAD_H
-#define CORVEX_THREAD_H
+#pragma once
 
 #include <pthread.h>
 
@@ -160,5 +159,3 @@ CORVEX_API void* OS_WaitEx(p_os_thread me);
 CORVEX_API void OS_Wakeup(p_os_thread thread, void* parm);
 
 CORVEX_C_END
-
-#endif

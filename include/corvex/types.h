@@ -1,7 +1,6 @@
 /* types.h: the integer and boolean types of the whole interface, for C99 and C++11.
  * Invariant: the widths below are part of the binary interface and never change. */
-#ifndef CORVEX_TYPES_H
-#define CORVEX_TYPES_H
+#pragma once
 
 #include <stddef.h>
 #include <stdint.h>
@@ -39,5 +38,3 @@ typedef uint32 a_bool;      /* 0 is false, any other value true */
 #endif
 
 CORVEX_LAYOUT(sizeof(a_ptrint) == 8 && sizeof(void*) == 8);
-
-#endif

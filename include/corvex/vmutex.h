@@ -1,8 +1,7 @@
 // vmutex.h: a mutex behind a virtual interface, for C++11. Nothing of the implementing class shows; the lock is a
 // pooled mutex with default attributes, so it is not recursive. The library carries no type information: typeid and
 // dynamic_cast do not work on one, and a caller under UndefinedBehaviorSanitizer needs -fno-sanitize=vptr.
-#ifndef CORVEX_VMUTEX_H
-#define CORVEX_VMUTEX_H
+#pragma once
 
 #include "corvex/types.h"
 
@@ -25,5 +24,3 @@ CORVEX_API a_ut_vmutex* UT_Vmutex_Create(void);
 CORVEX_C_END
 
 static_assert(sizeof(a_ut_vmutex) == sizeof(void*), "the layout is part of the binary interface");
-
-#endif

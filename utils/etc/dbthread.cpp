@@ -101,6 +101,17 @@ void* park(p_os_thread me)
     return __atomic_load_n(&me->parm, __ATOMIC_ACQUIRE);
 }
 
+// One guard over both: the waiter may be the one that calls OS_Fini.
+void detach_and_wake(p_os_thread waiter, void* parm)
+{
+    const an_in_flight_guard guard;
+    if (!guard.started)
+        return;
+    OS_Detach_Thread();
+    if (waiter != nullptr)
+        OS_Wakeup(waiter, parm);
+}
+
 }  // namespace
 
 void Perform_Version_Check(uint32 version, int line)
@@ -157,23 +168,13 @@ void OS_Wakeup(p_os_thread thread, void* parm)
 
 void OS_End_Thread(void)
 {
-    {
-        const an_in_flight_guard guard;
-        if (guard.started)
-            OS_Detach_Thread();
-    }
+    detach_and_wake(nullptr, nullptr);
     os_endthread();
 }
 
 void OS_End_Thread_Wakeup(p_os_thread waiter, void* parm)
 {
-    {
-        const an_in_flight_guard guard;  // over both: the waiter may be the one that calls OS_Fini
-        if (guard.started) {
-            OS_Detach_Thread();
-            OS_Wakeup(waiter, parm);
-        }
-    }
+    detach_and_wake(waiter, parm);
     os_endthread();
 }
 

@@ -27,7 +27,6 @@ void OS_SetRootPid(pid_t pid)
 }
 
 void OS_ResetRootPid(void) { root_pid = no_pid; }
-
 pid_t OS_GetRootPid(void) { return root_pid != no_pid ? root_pid : getpid(); }
 
 void OS_SetEngineName(const char* name)

@@ -52,12 +52,24 @@ uint32 starts() { return __atomic_load_n(&ThreadTableMutex_initialized, __ATOMIC
 
 // Relaxed: a thread finds its own id there only if it stored it itself.
 a_thread_id owner_of(const a_mutex* mutex) { return __atomic_load_n(&mutex->owner, __ATOMIC_RELAXED); }
-
 void set_owner(p_mutex mutex, a_thread_id owner) { __atomic_store_n(&mutex->owner, owner, __ATOMIC_RELAXED); }
 
 // What pthread_self gives, without the call: on this platform a thread's id is the address of its control block. An
 // entry of a mutex that is held already costs little more than the call.
 a_thread_id own_id() { return a_thread_id(__builtin_thread_pointer()); }
+
+// Whether the thread has the mutex now, once more.
+inline a_bool take(p_mutex mutex, int (*lock)(pthread_mutex_t*))
+{
+    const a_thread_id me = own_id();
+    if (owner_of(mutex) != me) {
+        if (lock(mutex->mutex.p_mutex) != 0)
+            return FALSE;
+        set_owner(mutex, me);
+    }
+    mutex->count++;
+    return TRUE;
+}
 
 }  // namespace
 
@@ -70,9 +82,7 @@ an_os_thread::an_os_thread(a_bool attachable_parm)
 }
 
 an_os_thread::~an_os_thread() { ut_pthread_close_semaphore(&wait); }
-
 void* an_os_thread::operator new(size_t size) noexcept { return ut_alloc(size); }
-
 void an_os_thread::operator delete(void* block) noexcept { ut_free(block); }
 
 // ---- the recursive mutex ----
@@ -88,26 +98,11 @@ void OS_MutexFini(p_mutex mutex) { ut_safe_pthread_mutex_destroy(&mutex->mutex);
 
 a_bool OS_MutexGet(p_mutex mutex)
 {
-    const a_thread_id me = own_id();
-    if (owner_of(mutex) != me) {
-        pthread_mutex_lock(mutex->mutex.p_mutex);
-        set_owner(mutex, me);
-    }
-    mutex->count++;
+    take(mutex, pthread_mutex_lock);
     return FALSE;
 }
 
-a_bool OS_MutexTryGet(p_mutex mutex)
-{
-    const a_thread_id me = own_id();
-    if (owner_of(mutex) != me) {
-        if (pthread_mutex_trylock(mutex->mutex.p_mutex) != 0)
-            return FALSE;
-        set_owner(mutex, me);
-    }
-    mutex->count++;
-    return TRUE;
-}
+a_bool OS_MutexTryGet(p_mutex mutex) { return take(mutex, pthread_mutex_trylock); }
 
 void OS_MutexGive(p_mutex mutex)
 {
@@ -149,11 +144,11 @@ p_os_thread add_current_thread(a_bool attachable)
     p_os_thread me = TLSMe.IsUsable() ? new an_os_thread(attachable) : nullptr;
     if (me == nullptr)
         return nullptr;
+    me->tid = pthread_self();
     if (me->wait.mutex.p_mutex == nullptr || !TLSMe.Set(me)) {
         delete me;
         return nullptr;
     }
-    me->tid = pthread_self();
     const a_table_lock lock;
     me->table_next = ThreadTable;
     set_link(ThreadTable, me);
@@ -213,7 +208,6 @@ void OS_Detach_Thread(void)
 
 // Release and acquire: who finds a pointer there finds what was stored behind it.
 void OS_SetTLS(p_os_thread thread, void* value) { __atomic_store_n(&thread->tls, value, __ATOMIC_RELEASE); }
-
 void* OS_GetTLS(p_os_thread thread) { return __atomic_load_n(&thread->tls, __ATOMIC_ACQUIRE); }
 
 void OS_ThreadWalk(an_os_walker walker, void* parm)
@@ -227,7 +221,7 @@ void OS_ThreadWalk(an_os_walker walker, void* parm)
 void OS_Init(void)
 {
     const bool first = starts() == 0;
-    if (first)
+    if (first && ThreadTableMutex.mutex.p_mutex == nullptr)  // one that an OS_Fini had to leave is still there
         os_mutex_init(&ThreadTableMutex, table_mutex_reserve);
     // After the mutex: a thread which waits without a start may see it.
     __atomic_add_fetch(&ThreadTableMutex_initialized, 1u, __ATOMIC_SEQ_CST);
@@ -294,6 +288,7 @@ void OS_Fini(void)
     if (__atomic_sub_fetch(&ThreadTableMutex_initialized, 1u, __ATOMIC_SEQ_CST) != 0)
         return;
     const an_uncancelled_scope uncancelled;
+    const bool kept = unix_shuts_down;
     unix_shuts_down = true;
     if (unix_in_time(lock_deserted_table)) {
         release_table();
@@ -301,7 +296,7 @@ void OS_Fini(void)
         os_mutex_fini(&ThreadTableMutex, table_mutex_reserve);
         TLSMe.Reinitialize();
     }
-    unix_shuts_down = false;
+    unix_shuts_down = kept;
 }
 
 // Descriptors of threads which the child does not have keep their place, with locks that their end can give back.

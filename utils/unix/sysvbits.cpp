@@ -16,7 +16,12 @@ c_bit_array::c_bit_array(uint32 num_bits, a_bool cleared)
         clear_all();
 }
 
-c_bit_array::~c_bit_array() { ut_free(_bitarray); }
+c_bit_array::~c_bit_array()
+{
+    ut_free(_bitarray);
+    _bitarray = nullptr;
+    _size = _num_elem = 0;
+}
 
 // The bits of a word that are like that, none beyond the end.
 uint32 c_bit_array::matching(uint32 word, a_bool setbit) const
@@ -71,9 +76,10 @@ a_bool c_bit_array::set_bit(uint32 bit_number, a_bool to_true)
     if (bit_number >= _size || old_value == to_true)
         return old_value;
     const uint32 word = bit_number / bits_per_word;
-    _bitarray[word] ^= 1u << bit_number % bits_per_word;
+    // The bound first, and both for good: a fork by another thread may come between the two.
     if (!to_true && word < _first_clear)
-        _first_clear = word;
+        __atomic_store_n(&_first_clear, word, __ATOMIC_RELAXED);
+    __atomic_store_n(&_bitarray[word], _bitarray[word] ^ 1u << bit_number % bits_per_word, __ATOMIC_RELEASE);
     return old_value;
 }
 

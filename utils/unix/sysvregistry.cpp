@@ -56,19 +56,7 @@ void remove_registered_sets()
 }  // namespace
 
 // Either the cleanup sees this creator, or the creator sees the cleanup.
-a_creation::a_creation()
-{
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &kept);
-    creators.enter();
-}
-
-a_creation::~a_creation()
-{
-    creators.leave();
-    pthread_sigmask(SIG_SETMASK, &kept, nullptr);
-}
+a_creation::a_creation() : counted(creators) {}
 
 bool a_creation::allowed() const { return !sysv_sets_are_barred() && !ut_onsig_will_do_cleanup(); }
 
@@ -103,7 +91,6 @@ void sysv_forget(int32 ident)
 }
 
 uint32 sysv_removals() { return __atomic_load_n(&removals, __ATOMIC_ACQUIRE); }
-
 bool sysv_is_foreign(int32 ident) { return is_foreign(entry_at(slot_of(ident))); }
 
 bool sysv_none_registered()
@@ -120,26 +107,17 @@ c_sysv_semaphore_set* sysv_registered_set(int32 ident)
 }
 
 c_sysv_semaphore_set* sysv_set_in_slot(uint32 slot) { return entry_at(slot) != 0 ? registered_sets[slot] : nullptr; }
-
 uint32 sysv_used_slots() { return __atomic_load_n(&used_slots, __ATOMIC_ACQUIRE); }
-
 void sysv_remove_kernel_set(int32 ident) { semctl(ident, 0, IPC_RMID); }
 
 void sysv_bar_and_remove_sets()
 {
     cleaners.enter();
-    sysv_wait_for_none(creators, patience);
+    unix_in_time([] { return creators.now() == 0; }, patience);
     remove_registered_sets();
 }
 
 bool sysv_sets_are_barred() { return cleaners.now() != 0; }
-
-bool sysv_wait_for_none(const a_thread_count& count, int milliseconds)
-{
-    for (int i = 0; i < milliseconds && count.now() > 0; i++)
-        unix_pause(1);
-    return count.now() == 0;
-}
 
 void sysv_registry_fork_child()
 {

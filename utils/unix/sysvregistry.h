@@ -8,8 +8,7 @@
 // lock, and whenever a signal can come every set is registered or not there.
 #pragma once
 
-#include <signal.h>
-
+#include "utils/etc/utcancel.h"
 #include "utils/unix/unixfork.h"
 
 class c_sysv_semaphore_set;
@@ -18,13 +17,11 @@ class c_sysv_semaphore_set;
 class a_creation {
 public:
     a_creation();
-    ~a_creation();
-    a_creation& operator=(a_creation&&) = delete;  // nor copies
-
     bool allowed() const;
 
 private:
-    sigset_t kept;
+    const a_blocked_scope blocked;
+    const a_counted counted;
 };
 
 bool sysv_register(int32 ident, c_sysv_semaphore_set* set);
@@ -42,7 +39,6 @@ uint32 sysv_used_slots();
 void sysv_remove_kernel_set(int32 ident);
 void sysv_bar_and_remove_sets();  // for a shut-down that cannot wait for the list; no set is made afterwards
 bool sysv_sets_are_barred();      // by that, or while a cleanup runs
-bool sysv_wait_for_none(const a_thread_count& count, int milliseconds);  // whether it came down to none
 
 void sysv_registry_fork_child();
 void sysv_sig_handler(int sig, void* dummy_arg, a_bool chained, a_bool chaining, a_bool cleanup, void* siginfo,

@@ -11,6 +11,7 @@
 #include "utils/unix/sysvsemo.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -26,7 +27,6 @@ namespace {
 
 constexpr int set_flags = IPC_CREAT | 0777;
 constexpr int cleanup_priority = 1000;     // of the cleanup in the on-signal chain
-constexpr int patience = 1000;             // milliseconds, of a shut-down for threads inside open or close
 constexpr int64_t max_cheap_members = 64;  // of a set in which SETVAL is not dear
 constexpr int max_value = 32767;           // of a semaphore
 
@@ -43,7 +43,15 @@ a_thread_count users;                              // that are inside open or cl
 void* sysv_onsig_handle = nullptr;
 bool last_is_fresh = false;  // under the mutex: the member handed out last never was before, and SETVAL is dear
 
-int new_kernel_set(int64_t members) { return semget(IPC_PRIVATE, int(members), set_flags); }
+// The number 0 reads as none: such a set is removed and asked for again. So is a refused one, if that is wanted.
+int new_kernel_set(int64_t members, bool refused_again)
+{
+    const int first = semget(IPC_PRIVATE, int(members), set_flags);
+    if (first > 0 || (first < 0 && !refused_again))
+        return first;
+    sysv_remove_kernel_set(first);
+    return semget(IPC_PRIVATE, int(members), set_flags);
+}
 
 // What TBX_MAX_NSEMS or else the kernel says a set may hold.
 int candidate_size()
@@ -94,7 +102,7 @@ a_bool sysv_set_semval(a_sysv_semaphore* s, int value)
 // A member that was never handed out has the value 0 and nobody's undo entries: what is added to it is its value then.
 a_bool sysv_set_first_semval(a_sysv_semaphore* s, int value)
 {
-    if (value < 0 || value > max_value)
+    if (value < 0 || value > max_value || s->offset > USHRT_MAX)
         return sysv_set_semval(s, value);
     struct sembuf add = {static_cast<unsigned short>(s->offset), short(value), 0};
     return value == 0 || semop(s->ident, &add, 1) != -1;
@@ -111,11 +119,7 @@ void c_sysv_semaphore_set::get_max_semaphore_set_size()
     const a_creation creation;
     if (!creation.allowed())
         return;
-    int probe = new_kernel_set(candidate);
-    if (probe == 0) {
-        sysv_remove_kernel_set(probe);
-        probe = new_kernel_set(candidate);
-    }
+    const int probe = new_kernel_set(candidate, false);
     sysv_remove_kernel_set(probe);
     MAX_NSEMS = probe > 0 ? candidate : 1;
 }
@@ -131,17 +135,14 @@ a_bool c_sysv_semaphore_set::open()
             return FALSE;
     }
     const a_creation creation;
-    if (!creation.allowed())
-        return FALSE;
-    _ident = new_kernel_set(MAX_NSEMS);
-    if (_ident <= 0) {
+    if (creation.allowed()) {
+        _ident = new_kernel_set(MAX_NSEMS, true);
+        if (_ident > 0 && sysv_register(_ident, this))
+            return TRUE;
         sysv_remove_kernel_set(_ident);
-        _ident = new_kernel_set(MAX_NSEMS);
     }
-    if (_ident > 0 && sysv_register(_ident, this))
-        return TRUE;
-    sysv_remove_kernel_set(_ident);
     _ident = 0;
+    close();
     return FALSE;
 }
 
@@ -298,7 +299,7 @@ void sysv_list_fini_semaphore()
     c_sysv_sema_set_list* list = __atomic_exchange_n(&sysv_sema_list_p, nullptr, __ATOMIC_SEQ_CST);
     if (list == nullptr)
         return;
-    if (sysv_wait_for_none(users, patience)) {
+    if (unix_in_time([] { return users.now() == 0; })) {
         list->close_all_entries();
         delete list;
     } else {

@@ -18,6 +18,7 @@ public:
             get_max_semaphore_set_size();
     }
     ~c_sysv_semaphore_set() override { close(); }
+    c_sysv_semaphore_set& operator=(c_sysv_semaphore_set&&) = delete;  // nor copies
 
     a_bool open();
     a_bool allocate_semaphore(a_sysv_semaphore* s);

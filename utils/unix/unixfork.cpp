@@ -40,15 +40,12 @@ void UnixForkProtection_Init()
 
 // Relaxed: the mark orders nothing.
 a_bool UnixForkProtection_IsChild() { return __atomic_load_n(&in_child_process, __ATOMIC_RELAXED) != FALSE; }
-
 void UnixForkProtection_Reset() { __atomic_store_n(&in_child_process, FALSE, __ATOMIC_RELAXED); }
 
 // Acquire: who finds the process at home finds all that its fork handlers did before.
 bool unix_is_home_process() { return __atomic_load_n(&home_pid, __ATOMIC_ACQUIRE) == getpid(); }
-
 void unix_make_home_process() { __atomic_store_n(&home_pid, getpid(), __ATOMIC_RELEASE); }
 
 // Relaxed: it changes only where there is one thread.
 uint32 unix_fork_count() { return __atomic_load_n(&forks, __ATOMIC_RELAXED); }
-
 bool unix_forked_alone() { return alone; }

@@ -27,7 +27,6 @@ constexpr int64_t max_wait = 1000 * ms;
 constexpr int slice_ms = 50;  // a wait is made of such
 
 constexpr size_t whole = SIZE_MAX;
-constexpr size_t terminal_piece = 256;  // the least that a pseudo-terminal's buffer grows by
 
 constexpr int raised_by_writes[] = {SIGPIPE, SIGXFSZ};
 
@@ -48,16 +47,6 @@ bool is_terminal(int fd)
     return isatty(fd) && ioctl(fd, TIOCGPTN, &number) != 0;
 }
 
-// How much of a text a terminal takes without blocking after POLLOUT: one control character, which it may have to
-// write in another way, or what stands before the next one.
-size_t terminal_run(const char* text, size_t len)
-{
-    size_t run = 0;
-    while (run < len && run < terminal_piece && static_cast<unsigned char>(text[run]) >= ' ')
-        run++;
-    return run > 0 ? run : 1;
-}
-
 // Not by the number of a standard stream that the process has closed.
 int above_standard_streams(int fd)
 {
@@ -68,52 +57,39 @@ int above_standard_streams(int fd)
     return high;
 }
 
-// Opens the folder of a path, relative to another folder, which is closed; `last` is what the path names in it.
-int open_folder(int base, char* path, char*& last)
-{
-    char* const slash = strrchr(path, '/');
-    const char* folder = slash == nullptr ? "." : slash == path ? "/" : path;
-    last = slash != nullptr ? slash + 1 : path;
-    if (slash != nullptr && slash != path)
-        *slash = '\0';
-    const int fd = openat(base, folder, O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (base >= 0)
-        close(base);
-    return fd;
-}
-
-// The links of the proc file system stand for files, not for names; nobody plants any there.
-bool is_proc(int folder)
-{
-    struct statfs about;
-    return fstatfs(folder, &about) == 0 && about.f_type == PROC_SUPER_MAGIC;
-}
-
-bool may_follow(int folder, int link)
+// Puts what the link at `path` points to in its place, or says that the kernel may follow it: links of the proc file
+// system stand for files, not for names, and nobody plants any there. One descriptor is looked at and read: to put
+// another link in its place meanwhile gains nothing.
+bool follow_link(char (&path)[max_name], int& nofollow)
 {
     constexpr mode_t shared = S_ISVTX | S_IWOTH;
-    struct stat in, it;
-    if (fstat(folder, &in) != 0 || fstat(link, &it) != 0)
+    char target[max_name];
+    struct stat folder, link;
+    struct statfs system;
+    const int fd = open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
         return false;
-    return (in.st_mode & shared) != shared || it.st_uid == geteuid() || it.st_uid == in.st_uid;
-}
-
-// Puts what a link in the folder points to into `path`. One descriptor is looked at and read: to put another link in
-// its place meanwhile gains nothing.
-bool read_link(int folder, const char* last, char (&path)[max_name])
-{
-    const int link = openat(folder, last, O_PATH | O_NOFOLLOW | O_CLOEXEC);
-    if (link < 0)
+    const ssize_t len = readlinkat(fd, "", target, sizeof target);
+    const bool known = len >= 0 && fstat(fd, &link) == 0 && fstatfs(fd, &system) == 0;
+    close(fd);
+    if (known && system.f_type == PROC_SUPER_MAGIC)
+        nofollow = 0;
+    if (!known || nofollow == 0)
+        return known;
+    char* const slash = strrchr(path, '/');
+    char* const last = slash != nullptr ? slash + 1 : path;
+    *last = '\0';
+    const bool found = stat(last != path ? path : ".", &folder) == 0;
+    const bool planted =
+        (folder.st_mode & shared) == shared && link.st_uid != geteuid() && link.st_uid != folder.st_uid;
+    char* const at = target[0] == '/' ? path : last;
+    const bool fits = len < path + sizeof path - at;
+    errno = planted ? EACCES : ENAMETOOLONG;
+    if (!found || planted || !fits)
         return false;
-    const bool allowed = may_follow(folder, link);
-    const ssize_t len = allowed ? readlinkat(link, "", path, sizeof path) : -1;
-    const bool fits = len < ssize_t(sizeof path);
-    if (!allowed || !fits)
-        errno = allowed ? ENAMETOOLONG : EACCES;
-    else if (len >= 0)
-        path[len] = '\0';
-    close(link);
-    return len >= 0 && fits;
+    memcpy(at, target, size_t(len));
+    at[len] = '\0';
+    return true;
 }
 
 }  // namespace
@@ -159,20 +135,19 @@ void an_output::open(int to)
     else if ((terminal || S_ISFIFO(about.st_mode)) && (flags & O_ACCMODE) != O_RDONLY && reopen())
         piece = whole;
     else
-        piece = terminal ? terminal_piece : PIPE_BUF;
+        piece = terminal ? 1 : PIPE_BUF;  // a terminal may write a character as several
 }
 
 // In the thread's own folder: the process's has no files when the main thread has ended.
 bool an_output::reopen()
 {
     char path[40] = "/proc/thread-self/fd/";
-    char digits[12];
-    size_t num = 0, len = strlen(path);
-    for (int rest = fd; num == 0 || rest > 0; rest /= 10)
-        digits[num++] = char('0' + rest % 10);
-    while (num > 0)
-        path[len++] = digits[--num];
-    path[len] = '\0';
+    char* at = path + strlen(path);
+    for (int rest = fd; rest >= 10; rest /= 10)
+        at++;
+    at[1] = '\0';
+    for (int rest = fd; *at != '/'; rest /= 10)
+        *at-- = char('0' + rest % 10);
     const int own = above_standard_streams(::open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (own < 0)
         return false;
@@ -232,8 +207,6 @@ ssize_t an_output::put(const char* text, size_t len) const
 {
     if (socket)
         return send(fd, text, len, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (piece == terminal_piece)
-        len = terminal_run(text, len);
     if (piece == whole || takes_more(0))
         return ::write(fd, text, len < piece ? len : piece);
     errno = EAGAIN;
@@ -264,25 +237,16 @@ int unix_open_output(const char* name, int how)
 {
     const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | how;
     char path[max_name];
-    char* last = nullptr;
     const size_t len = strnlen(name, sizeof path);
-    if (len == sizeof path) {
-        errno = ENAMETOOLONG;
+    errno = ENAMETOOLONG;
+    if (len == sizeof path)
         return -1;
-    }
     memcpy(path, name, len + 1);
-    for (int folder = AT_FDCWD, links = 0;; links++) {
-        folder = open_folder(folder, path, last);
-        if (folder < 0)
-            return -1;
-        const int nofollow = is_proc(folder) ? 0 : O_NOFOLLOW;
-        int fd;
-        do
-            fd = openat(folder, last, flags | nofollow, 0666);
-        while (fd < 0 && errno == EINTR);
-        if (fd < 0 && errno == ELOOP && links < max_links && read_link(folder, last, path))
+    for (int links = 0, nofollow = O_NOFOLLOW;;) {
+        const int fd = open(path, flags | nofollow, 0666);
+        if (fd < 0 && errno == ELOOP && links++ < max_links && follow_link(path, nofollow))
             continue;
-        close(folder);
-        return above_standard_streams(fd);
+        if (fd >= 0 || errno != EINTR)
+            return above_standard_streams(fd);
     }
 }

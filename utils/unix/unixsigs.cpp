@@ -36,11 +36,6 @@ a_bool unix_handle_signal_with_context(int signal_number, a_signal_handler_func_
     return installed;
 }
 
-a_bool unix_restore_signal(int signal_number, const struct sigaction* disposition)
-{
-    return sigaction(signal_number, disposition, nullptr) == 0;
-}
-
 a_signal_handler_func_with_context unix_saved_handler(const struct sigaction* disposition)
 {
     constexpr a_ptrint held = 2;  // SIG_DFL and SIG_IGN are 0 and 1
@@ -56,7 +51,6 @@ a_signal_handler_func_with_context unix_current_handler(int signal_number)
 }
 
 void unix_hold_signal(int signal_number) { change_mask(SIG_BLOCK, signal_number); }
-
 void unix_release_signal(int signal_number) { change_mask(SIG_UNBLOCK, signal_number); }
 
 void unix_sigpause(int signal_number)

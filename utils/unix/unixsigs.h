@@ -17,7 +17,6 @@ a_bool unix_handle_signal_with_context(int signal_number, a_signal_handler_func_
 // The same, storing the whole previous disposition.
 a_bool unix_handle_signal_keeping(int signal_number, a_signal_handler_func_with_context handler,
                                   struct sigaction* previous);
-a_bool unix_restore_signal(int signal_number, const struct sigaction* disposition);
 
 // The handler of a disposition; null for the default action, the ignore disposition and the two values that are none.
 a_signal_handler_func_with_context unix_saved_handler(const struct sigaction* disposition);

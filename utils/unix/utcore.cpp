@@ -29,14 +29,14 @@ constexpr unsigned max_delay = 3600;   // a process that is to die does so withi
 struct a_handled_signal {
     int signal;
     bool crash;
-    struct sigaction oldhandler;
-    bool installed;  // and not removed since
+    struct sigaction oldhandler = {};
+    bool installed = false;   // and not removed since
+    bool left_alone = false;  // the last installation found another handler on top of the library's
 };
 // In the order in which they are installed and removed, the crash signals first.
 a_handled_signal handled[] = {
-    {SIGILL, true, {}, false},  {SIGABRT, true, {}, false},  {SIGBUS, true, {}, false},
-    {SIGFPE, true, {}, false},  {SIGSEGV, true, {}, false},  {SIGHUP, false, {}, false},
-    {SIGINT, false, {}, false}, {SIGQUIT, false, {}, false}, {SIGTERM, false, {}, false},
+    {SIGILL, true},  {SIGABRT, true}, {SIGBUS, true},   {SIGFPE, true},   {SIGSEGV, true},
+    {SIGHUP, false}, {SIGINT, false}, {SIGQUIT, false}, {SIGTERM, false},
 };
 
 a_bool sig_handlers_installed = FALSE;
@@ -76,7 +76,8 @@ void install(a_handled_signal& row)
     if (sigaction(row.signal, nullptr, &previous) != 0)
         return;
     const a_signal_handler_func in_force = unix_saved_handler(&previous);
-    if (row.installed && in_force != nullptr && in_force != ut_onsig_sig_handler)
+    row.left_alone = row.installed && in_force != nullptr && in_force != ut_onsig_sig_handler;
+    if (row.left_alone)
         return;
     const struct sigaction kept = row.oldhandler;
     keep_earlier(row, previous);
@@ -90,7 +91,8 @@ void install(a_handled_signal& row)
 
 void remove(a_handled_signal& row)
 {
-    unix_restore_signal(row.signal, &row.oldhandler);
+    if (!row.left_alone)
+        sigaction(row.signal, &row.oldhandler, nullptr);
     row.oldhandler = {};
     row.installed = false;
 }

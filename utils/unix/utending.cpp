@@ -11,8 +11,7 @@ constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_shut
 
 namespace {
 
-constexpr int pause_ms = 10;  // at a time, for another thread which ends the process
-constexpr int max_pauses = 1000;
+constexpr int patience_ms = 10000;  // with another thread which ends the process
 constexpr int all_waits_ms = 1900;  // for streams: under two seconds with what the calls themselves take
 
 bool ending = false;
@@ -81,8 +80,7 @@ void unix_leave_it_to_the_first(bool ends)
     const int32 me = gettid();
     if (ends)
         __atomic_compare_exchange_n(&ending_thread, &none, me, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
-    for (int i = 0; i < max_pauses && another_ends(me); i++)
-        unix_pause(pause_ms);
+    unix_in_time([me] { return !another_ends(me); }, patience_ms);
 }
 
 bool unix_aborts_again() { return __atomic_exchange_n(&aborting, 1, __ATOMIC_RELAXED) != 0; }

@@ -28,17 +28,15 @@ extern constinit __attribute__((tls_model("initial-exec"))) thread_local bool un
 
 void unix_pause(int ms);  // no cancellation point
 
-// Whether one of a second's attempts succeeds. For locks, too: the thread sanitizer does not know
+// Whether one of the attempts of so many milliseconds succeeds. For locks, too: the thread sanitizer does not know
 // pthread_mutex_clocklock.
 template <typename F>
-bool unix_in_time(F attempt)
+bool unix_in_time(F attempt, int max_ms = 1000)
 {
-    for (int ms = 0; ms < 1000; ms++) {
-        if (attempt())
-            return true;
+    bool done = attempt();
+    for (int ms = 0; ms < max_ms && !done; ms++, done = attempt())
         unix_pause(1);
-    }
-    return false;
+    return done;
 }
 
 // Of two threads whose signals may end the process the second leaves it to the first, whose callbacks must come to

@@ -25,12 +25,6 @@ public:
     void get() { pthread_mutex_lock(&mutex); }
     void give() { pthread_mutex_unlock(&mutex); }
     int try_get() { return pthread_mutex_trylock(&mutex); }
-    // For a shut-down: FALSE when it could not be had within a second.
-    a_bool get_in_time()
-    {
-        return unix_in_time([this] { return try_get() == 0; });
-    }
-
     // In a forked child: free, whoever of the parent held it. Signal-safe.
     void fork_child() { pthread_mutex_init(&mutex, nullptr); }
 
@@ -159,7 +153,7 @@ private:
             section.get();
             return true;
         }
-        abandoned = !(abandoned ? section.try_get() == 0 : section.get_in_time());
+        abandoned = !unix_in_time([&section] { return section.try_get() == 0; }, abandoned ? 0 : 1000);
         return !abandoned;
     }
 
@@ -188,10 +182,11 @@ private:
     }
 
     // In a forked child a mutex may be held, and a condition may count waiting threads, which only the parent has: to
-    // destroy it would wait for them for ever, and its next owner's signals might be spent on them.
+    // destroy it would wait for them for ever, and its next owner's signals might be spent on them. In a shut-down its
+    // own thread may hold it, in what a handler that exits has interrupted.
     void renew(an_object* object)
     {
-        if (forked)
+        if (forked || unix_shuts_down)
             init_object(object);
     }
 

@@ -33,11 +33,8 @@ void printf_to(void (*print)(const char* msg), const char* fmt, va_list args)
 }  // namespace
 
 void ut_MsgPrint_Register(a_ut_print_handler rtn, void* data) { messages = {rtn, data}; }
-
 void ut_ErrPrint_Register(a_ut_print_handler rtn, void* data) { errors = {rtn, data}; }
-
 void ut_MsgPrint(const char* msg) { messages.print(stdout, msg); }
-
 void ut_ErrPrint(const char* msg) { errors.print(stderr, msg); }
 
 void ut_MsgPrintf(const char* fmt, ...)

@@ -11,9 +11,7 @@ constinit a_pool<pthread_cond_t> pool;
 }  // namespace
 
 int ut_pthread_cond_init(pthread_cond_t* cond, const pthread_condattr_t* attr) { return pthread_cond_init(cond, attr); }
-
 int ut_pthread_cond_destroy(pthread_cond_t* cond) { return pthread_cond_destroy(cond); }
-
 int ut_pthread_cond_wait(pthread_cond_t* cond, pthread_mutex_t* mutex) { return pthread_cond_wait(cond, mutex); }
 
 int ut_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex, const struct timespec* abstime)
@@ -22,7 +20,6 @@ int ut_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex, cons
 }
 
 int ut_pthread_cond_signal(pthread_cond_t* cond) { return pthread_cond_signal(cond); }
-
 int ut_pthread_cond_broadcast(pthread_cond_t* cond) { return pthread_cond_broadcast(cond); }
 
 int ut_safe_pthread_cond_init(a_ut_safe_pthread_cond_t* _cv, const pthread_condattr_t* /*attr*/)
@@ -39,13 +36,9 @@ int ut_safe_pthread_cond_destroy(a_ut_safe_pthread_cond_t* _cv)
 }
 
 void ut_safe_pthread_cond_alloc(unsigned int num) { pool.alloc(num); }
-
 void ut_safe_pthread_cond_clean(void) { pool.clean(); }
-
 void ut_safe_pthread_cond_crit_init() { pool.crit_init(); }
-
 void ut_safe_pthread_cond_crit_fini() { pool.crit_fini(); }
-
 void ut_safe_pthread_cond_pool_fork_child() { pool.fork_child(); }
 
 void ut_safe_pthread_cond_fork_child(a_ut_safe_pthread_cond_t* _cv)

@@ -16,11 +16,8 @@ int ut_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* att
 }
 
 int ut_pthread_mutex_destroy(pthread_mutex_t* mutex) { return pthread_mutex_destroy(mutex); }
-
 int ut_pthread_mutex_lock(pthread_mutex_t* mutex) { return pthread_mutex_lock(mutex); }
-
 int ut_pthread_mutex_trylock(pthread_mutex_t* mutex) { return pthread_mutex_trylock(mutex); }
-
 int ut_pthread_mutex_unlock(pthread_mutex_t* mutex) { return pthread_mutex_unlock(mutex); }
 
 int ut_safe_pthread_mutex_init(a_ut_safe_pthread_mutex_t* _mx, const pthread_mutexattr_t* /*attr*/)
@@ -37,19 +34,12 @@ int ut_safe_pthread_mutex_destroy(a_ut_safe_pthread_mutex_t* _mx)
 }
 
 int ut_safe_pthread_mutex_lock(a_ut_safe_pthread_mutex_t* _mx) { return pthread_mutex_lock(_mx->p_mutex); }
-
 int ut_safe_pthread_mutex_trylock(a_ut_safe_pthread_mutex_t* _mx) { return pthread_mutex_trylock(_mx->p_mutex); }
-
 int ut_safe_pthread_mutex_unlock(a_ut_safe_pthread_mutex_t* _mx) { return pthread_mutex_unlock(_mx->p_mutex); }
-
 void ut_safe_pthread_mutex_alloc(unsigned int num) { pool.alloc(num); }
-
 void ut_safe_pthread_mutex_clean(void) { pool.clean(); }
-
 void ut_safe_pthread_mutex_crit_init() { pool.crit_init(); }
-
 void ut_safe_pthread_mutex_crit_fini() { pool.crit_fini(); }
-
 void ut_safe_pthread_mutex_pool_fork_child() { pool.fork_child(); }
 
 void ut_safe_pthread_mutex_fork_child(a_ut_safe_pthread_mutex_t* _mx)

@@ -24,17 +24,6 @@ namespace {
 constexpr unsigned ms_per_second = 1000;
 constexpr long us_per_second = 1000000;
 
-// A semaphore's mutex for a scope.
-class a_sem_lock {
-public:
-    explicit a_sem_lock(a_ut_pthread_semaphore* sem) : mutex(sem->mutex.p_mutex) { pthread_mutex_lock(mutex); }
-    ~a_sem_lock() { pthread_mutex_unlock(mutex); }
-    a_sem_lock& operator=(a_sem_lock&&) = delete;  // nor copies
-
-private:
-    pthread_mutex_t* mutex;
-};
-
 // Relaxed: read under the mutex, or looked at again.
 bool is_set(const a_ut_pthread_semaphore* sem) { return __atomic_load_n(&sem->set, __ATOMIC_RELAXED) != 0; }
 
@@ -94,7 +83,7 @@ a_bool ut_pthread_signal_semaphore(a_ut_pthread_semaphore* sem)
     if (is_set(sem) &&
         __atomic_compare_exchange_n(&sem->set, &signalled, TRUE, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
         return TRUE;
-    const a_sem_lock lock(sem);
+    const a_safe_lock lock(&sem->mutex);
     if (!is_set(sem)) {
         __atomic_store_n(&sem->set, TRUE, __ATOMIC_RELEASE);
         ut_safe_pthread_cond_broadcast(&sem->cv);
@@ -104,7 +93,7 @@ a_bool ut_pthread_signal_semaphore(a_ut_pthread_semaphore* sem)
 
 a_bool ut_pthread_waiton_semaphore(a_ut_pthread_semaphore* sem)
 {
-    const a_sem_lock lock(sem);
+    const a_safe_lock lock(&sem->mutex);
     if (!is_set(sem))
         wait_until_set(sem);
     consume(sem);
@@ -114,7 +103,7 @@ a_bool ut_pthread_waiton_semaphore(a_ut_pthread_semaphore* sem)
 a_bool ut_pthread_waiton_semaphore_timed(a_ut_pthread_semaphore* sem, unsigned int timeout_in_ms)
 {
     const struct timespec deadline = deadline_in(timeout_in_ms);
-    const a_sem_lock lock(sem);
+    const a_safe_lock lock(&sem->mutex);
     const an_uncancelled_scope uncancelled;
     int rc = 0;
     while (!is_set(sem) && rc != ETIMEDOUT)
@@ -130,7 +119,7 @@ a_bool ut_pthread_test_semaphore(a_ut_pthread_semaphore* sem) { return __atomic_
 
 a_bool ut_pthread_reset_semaphore(a_ut_pthread_semaphore* sem)
 {
-    const a_sem_lock lock(sem);
+    const a_safe_lock lock(&sem->mutex);
     consume(sem);
     return TRUE;
 }

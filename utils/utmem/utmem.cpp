@@ -28,9 +28,7 @@ void* ut_alloc_track(size_t size, bool can_fail)
 a_bool ut_out_of_memory() { return FALSE; }
 
 void* ut_malloc(size_t size) { return ut_alloc_track(size, true); }
-
 void* uimalloc(size_t size) { return ut_malloc(size); }
-
 void* ut_alloc(size_t size) { return ut_alloc_track(size, false); }
 
 void* ut_calloc(size_t size)
@@ -76,9 +74,7 @@ void* ut_realloc(void* ptr, size_t size)
 }
 
 void* uirealloc(void* ptr, size_t size) { return ut_realloc(ptr, size); }
-
 void ut_free(void* ptr) { free(ptr); }
-
 void uifree(void* ptr) { ut_free(ptr); }
 
 void ut_start_trackmem() {}
@@ -86,5 +82,4 @@ void ut_start_trackmem() {}
 void ut_stop_trackmem() {}
 
 int ut_trackmem(const char* /*filename*/) { return 0; }
-
 void utmem_abort() { g_utmem_aborted = TRUE; }

@@ -179,3 +179,18 @@ void ut_hist_timestamp_str(a_hist_text& out, const struct timeval& time_of_day)
     out.chr('.');
     out.dec(uint64(time_of_day.tv_usec), 6, '0');
 }
+
+void hist_put_begin(a_hist_text& out, const char* what)
+{
+    out.put("********** ", what, " DUMP BIGIN @ ");
+    ut_hist_cur_timestamp_str(out);
+    out.str(" (res=0) **********");
+    out.eol();
+}
+
+void hist_put_seconds(a_hist_text& out, uint32 microseconds, size_t width)
+{
+    out.dec(microseconds / 1000000, width);
+    out.chr('.');
+    out.dec(microseconds % 1000000, 6, '0');
+}

@@ -19,3 +19,5 @@ void hist_zone_refresh();
 a_hist_civil hist_local(time_t seconds);
 void ut_hist_cur_timestamp_str(a_hist_text& out);
 void ut_hist_timestamp_str(a_hist_text& out, const struct timeval& time_of_day);
+void hist_put_begin(a_hist_text& out, const char* what);                     // the begin banner of a table
+void hist_put_seconds(a_hist_text& out, uint32 microseconds, size_t width);  // and all six decimals

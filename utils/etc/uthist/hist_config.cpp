@@ -7,6 +7,7 @@
 #include "utils/etc/uthist/hist_config.h"
 
 #include <limits.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include "utils/etc/utenv.h"
@@ -50,27 +51,27 @@ struct an_option {
 constexpr bool is_upper(char c) { return c >= 'A' && c <= 'Z'; }
 constexpr char lower(char c) { return is_upper(c) ? char(c - 'A' + 'a') : c; }
 
-// A name from the option string, kept where a second start-up does not overwrite it.
-const char* keep_name(char (&kept)[env_buf_size], const char* name)
+// The file that the option names, null for none; kept where a second start-up does not overwrite it.
+const char* name_of(const an_argument& arg, char (&kept)[env_buf_size], const char* by_default)
 {
-    memcpy(kept, name, strlen(name) + 1);
-    return kept;
+    if (arg.flag == 0 || arg.name == nullptr)
+        return arg.flag != 0 ? by_default : nullptr;
+    return static_cast<const char*>(memcpy(kept, arg.name, strlen(arg.name) + 1));
 }
 
 void apply_eol(const an_argument& arg) { hist_streams.ut_hist_eol = arg.flag != 0 ? "\r\n" : "\n"; }
 
 void apply_errout(const an_argument& arg)
 {
-    const char* const file = arg.name != nullptr ? keep_name(hist_cfg.err_name, arg.name) : "ut_hist.out";
-    hist_streams.ut_hist_dump_err_name = arg.flag != 0 ? file : stderr_str;
+    const char* const file = name_of(arg, hist_cfg.err_name, "ut_hist.out");
+    hist_streams.ut_hist_dump_err_name = file != nullptr ? file : stderr_str;
     hist_streams.err_name_cut = arg.cut;
     hist_errout_rename();
 }
 
 void apply_log(const an_argument& arg)
 {
-    const char* const file = arg.name != nullptr ? keep_name(hist_cfg.log_name, arg.name) : "ut_hist.log";
-    hist_cfg.ut_hist_dump_log_name = arg.flag != 0 ? file : nullptr;
+    hist_cfg.ut_hist_dump_log_name = name_of(arg, hist_cfg.log_name, "ut_hist.log");
     hist_cfg.log_name_cut = arg.cut;
 }
 
@@ -200,13 +201,6 @@ bool list_place(int place)
     return false;
 }
 
-void report_unknown(const char* at)
-{
-    hist_begin_message(out);
-    hist_message(out).text.put("unknown UT_HIST option char '", *at, "' in ", at);
-    write_help();
-}
-
 // ---- reading ----
 
 // A run of decimal digits; beyond the range it counts as the largest number.
@@ -259,20 +253,15 @@ char* read_argument(char letter, char* s, const an_option& option)
     return s;
 }
 
-char* read_column_switch(char* s, const a_hist_column& column)
-{
-    int flag = 1;
-    s = ut_hist_arg(s, &flag, nullptr, nullptr, nullptr);
-    hist_include(hist_cfg, column.letter) = flag;
-    return s;
-}
-
 // The option at s with its sub-letter, at s + 1; null when that is none. Gives the position behind it.
 char* read_sub_option(char* s)
 {
     const a_hist_column* const column = lower(*s) == 'i' ? find_column(lower(s[1])) : nullptr;
-    if (column != nullptr)
-        return read_column_switch(s + 2, *column);
+    if (column != nullptr) {
+        int32& shown = hist_include(hist_cfg, column->letter);
+        shown = 1;
+        return ut_hist_arg(s + 2, &shown, nullptr, nullptr, nullptr);
+    }
     const an_option* const option = s[1] != '\0' ? find_option(lower(*s), lower(s[1])) : nullptr;
     return option != nullptr ? read_argument(*s, s + 2, *option) : nullptr;
 }
@@ -291,7 +280,9 @@ char* read_option(char* s)
     char* const behind = option != nullptr ? read_sub_option(s) : nullptr;
     if (behind != nullptr)
         return behind;
-    report_unknown(s);
+    hist_begin_message(out);
+    hist_message(out).text.put("unknown UT_HIST option char '", *s, "' in ", const_cast<const char*>(s));
+    write_help();
     return s + 1;
 }
 
@@ -302,11 +293,9 @@ uint32 dense_slots_of(const char* value)
         return 0;
     if (value[5] == '\0')
         return hist_dense_slots;
-    uint32 max = 0;
-    const char* at = value + 6;
-    for (; *at >= '0' && *at <= '9' && max <= hist_most_slots; at++)
-        max = max * 10 + uint32(*at - '0');
-    return value[5] == ':' && *at == '\0' && max <= hist_most_slots ? max : 0;
+    const bool is_number = value[5] == ':' && value[6 + strspn(value + 6, "0123456789")] == '\0';
+    const unsigned long max = is_number ? strtoul(value + 6, nullptr, 10) : 0;
+    return max <= hist_most_slots ? uint32(max) : 0;
 }
 
 }  // namespace

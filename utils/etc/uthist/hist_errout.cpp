@@ -13,22 +13,19 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <pthread.h>
-#include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
+#include "utils/etc/utcancel.h"
 #include "utils/etc/uthist/hist_clock.h"
-#include "utils/unix/unixout.h"
+#include "utils/unix/utending.h"
 
 a_hist_streams hist_streams;
 
 namespace {
 
 constexpr int pending = -1, opening = -2;
-constexpr int max_waits = 1000;  // for another thread that opens the stream, a millisecond each
 
 int errout_fd = STDERR_FILENO;   // or pending, or opening
 int open_error = 0;              // why the file could not be opened, until that has been told
@@ -39,7 +36,6 @@ int state() { return __atomic_load_n(&errout_fd, __ATOMIC_ACQUIRE); }
 
 // Release: who finds the descriptor finds the name that goes with it.
 void set_state(int fd) { __atomic_store_n(&errout_fd, fd, __ATOMIC_RELEASE); }
-
 void fall_back_to_stderr() { __atomic_store_n(&hist_streams.ut_hist_dump_err_name, stderr_str, __ATOMIC_RELAXED); }
 
 // The caller has blocked all signals and moved the state to `opening`.
@@ -61,16 +57,11 @@ int open_errout()
 // Opens the stream if nobody else does.
 void open_pending()
 {
-    sigset_t all, kept;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &kept);
+    const a_blocked_scope blocked;
     int expected = pending;
     if (__atomic_compare_exchange_n(&errout_fd, &expected, opening, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
         set_state(open_errout());
-    pthread_sigmask(SIG_SETMASK, &kept, nullptr);
 }
-
-void write_line(void* out, const char* text, size_t len) { static_cast<an_output*>(out)->write(text, len); }
 
 }  // namespace
 
@@ -97,8 +88,7 @@ int hist_errout()
 {
     if (state() == pending)
         open_pending();
-    for (int i = 0; state() == opening && i < max_waits; i++)
-        syscall(SYS_poll, nullptr, 0, 1);  // poll itself is a cancellation point
+    unix_in_time([] { return state() != opening; });
     return hist_errout_as_it_is();
 }
 
@@ -139,10 +129,12 @@ void hist_errout_fork_child()
         set_state(pending);
 }
 
+void hist_write_out(void* out, const char* text, size_t len) { static_cast<an_output*>(out)->write(text, len); }
+
 a_hist_line::a_hist_line(an_output& to, int fd, const char* beginning) : out(to)
 {
     text.use(buf, sizeof buf, hist_streams.ut_hist_eol);
-    text.direct(write_line, &out);
+    text.direct(hist_write_out, &out);
     out.open(fd);
     text.str(beginning);
 }

@@ -49,6 +49,8 @@ private:
     char buf[512];
 };
 
+void hist_write_out(void* out, const char* text, size_t len);  // a formatter's sink: an an_output
+
 // The lines of one group, or of one dump, share what they have waited for and given up.
 void hist_begin_message(an_output& out);  // the timestamp line
 inline a_hist_line hist_message(an_output& out) { return a_hist_line(out, hist_errout()); }

@@ -70,13 +70,10 @@ void put_tod(a_ut_hist_dump& f, const a_hist_row& row)
 
 void put_dur(a_ut_hist_dump& f, const a_hist_row& row)
 {
-    if (row.dur == hist_no_dur) {
+    if (row.dur == hist_no_dur)
         f.out.str("   -.-     ");
-        return;
-    }
-    f.out.dec(row.dur / 1000000, 4);
-    f.out.chr('.');
-    f.out.dec(row.dur % 1000000, 6, '0');
+    else
+        hist_put_seconds(f.out, row.dur, 4);
 }
 
 void put_sigmask(a_ut_hist_dump& f, const a_hist_row& row)
@@ -289,10 +286,7 @@ void ut_hist_dump_to_file_data(a_ut_hist_dump& f, const char* addr, uint32 len)
 // The begin banner and the header line.
 void ut_hist_dump_to_file_head(a_ut_hist_dump& f)
 {
-    f.out.str("********** HISTORY DUMP BIGIN @ ");
-    ut_hist_cur_timestamp_str(f.out);
-    f.out.str(" (res=0) **********");
-    f.out.eol();
+    hist_put_begin(f.out, "HISTORY");
     for (const a_hist_column* const* column = f.shown; *column != nullptr; column++)
         (*column)->header != nullptr ? f.out.str((*column)->header) : (*column)->put_header(f);
     f.out.eol();

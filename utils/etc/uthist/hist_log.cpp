@@ -48,11 +48,9 @@ bool take_dump(uint64 me)
            move_dump(pack_dump(DUMP_WANTED), pack_dump(DUMP_WANTED, me));
 }
 
-bool runs_for(uint64 owner) { return (dump_state() & ~dump_state_bits) == owner; }
-
 // Makes the caller the one whose dump runs; false while another thread's does. Its own thread's runs only when a
 // handler that interrupted it ends the process by exit; it will never go on.
-bool claim() { return take_dump(this_thread()) || runs_for(this_thread()); }
+bool claim() { return take_dump(this_thread()) || (dump_state() & ~dump_state_bits) == this_thread(); }
 
 void claim_when_free()
 {
@@ -96,8 +94,6 @@ void give_locks(void* locks) { static_cast<an_all_queues_lock*>(locks)->give(); 
 
 // ---- the dump ----
 
-void write_out(void* out, const char* text, size_t len) { static_cast<an_output*>(out)->write(text, len); }
-
 void put_tables(a_ut_hist_dump& f)
 {
     ut_hist_dump_to_file_i_ev(f);
@@ -110,7 +106,7 @@ void put_tables(a_ut_hist_dump& f)
 int put_tables_to(a_ut_hist_dump& f, an_output& out, int fd)
 {
     out.open(fd);
-    f.out.direct(write_out, &out);
+    f.out.direct(hist_write_out, &out);
     put_tables(f);
     out.close();
     return out.error();
@@ -194,6 +190,27 @@ void note_lost_events(int fd)
         note.text.put(":<max> with more than ", hist_cfg.dense_slots);
 }
 
+// Into the program's stream, or to the log for null. Not signal-safe: it locks.
+void dump_on_request(FILE* f)
+{
+    const an_uncancelled_scope uncancelled;
+    const a_hist_user user;
+    if (!user.has_store())
+        return;
+    if (f == nullptr)
+        UT_HIST_EV(UT_HIST_ID_NONE, "PROGRAM DUMP");
+    claim_when_free();
+    hist_zone_refresh();
+    {
+        an_all_queues_lock locks;
+        hist.dump->out.direct(
+            [](void* to, const char* text, size_t len) { fwrite(text, 1, len, static_cast<FILE*>(to)); }, f);
+        f != nullptr ? put_tables(*hist.dump) : dump_to_log(*hist.dump, &locks);
+    }
+    note_lost_events(f != nullptr ? hist_errout_as_it_is() : hist_errout());
+    hist_dump_release();
+}
+
 bool running() { return __atomic_load_n(&hist.hist_initialized, __ATOMIC_ACQUIRE); }
 
 // ---- SIGUSR1 ----
@@ -203,13 +220,10 @@ void signal_handler_with_context(int signal_number, siginfo_t*, void*) { ut_hist
 // SIGUSR1 as it was before, or ignored where nothing handled it.
 void restore_signal()
 {
-    if (unix_saved_handler(&hist_signal_oldhandler) != nullptr) {
-        unix_restore_signal(SIGUSR1, &hist_signal_oldhandler);
-        return;
-    }
     struct sigaction ignore = {};
     ignore.sa_handler = SIG_IGN;
-    unix_restore_signal(SIGUSR1, &ignore);
+    const bool handled = unix_saved_handler(&hist_signal_oldhandler) != nullptr;
+    sigaction(SIGUSR1, handled ? &hist_signal_oldhandler : &ignore, nullptr);
 }
 
 // The history's own handler, found in force already, is not taken for an earlier one.
@@ -224,8 +238,6 @@ a_bool install_signal()
 }
 
 }  // namespace
-
-// ---- dumps ----
 
 // Not signal-safe: it waits.
 bool hist_dump_claim_in_time()
@@ -261,41 +273,10 @@ void hist_log_fork_child()
 }
 
 // Not signal-safe: it locks.
-void ut_hist_dump_to_file(FILE* f)
-{
-    const an_uncancelled_scope uncancelled;
-    const a_hist_user user;
-    if (!user.has_store())
-        return;
-    claim_when_free();
-    hist_zone_refresh();
-    {
-        const an_all_queues_lock locks;
-        hist.dump->out.direct(
-            [](void* to, const char* text, size_t len) { fwrite(text, 1, len, static_cast<FILE*>(to)); }, f);
-        put_tables(*hist.dump);
-    }
-    note_lost_events(hist_errout_as_it_is());
-    hist_dump_release();
-}
+void ut_hist_dump_to_file(FILE* f) { dump_on_request(f); }
 
 // Not signal-safe: it locks.
-void ut_hist_dump_to_log(void)
-{
-    const an_uncancelled_scope uncancelled;
-    const a_hist_user user;
-    if (!user.has_store())
-        return;
-    UT_HIST_EV(UT_HIST_ID_NONE, "PROGRAM DUMP");
-    claim_when_free();
-    hist_zone_refresh();
-    {
-        an_all_queues_lock locks;
-        dump_to_log(*hist.dump, &locks);
-    }
-    note_lost_events(hist_errout());
-    hist_dump_release();
-}
+void ut_hist_dump_to_log(void) { dump_on_request(nullptr); }
 
 // Shut-down's dump (option f) and last words; no dump when another thread's does not end in time.
 // Not signal-safe: it waits.
@@ -351,31 +332,18 @@ void hist_note_no_memory()
                   " bytes (n=", hist_cfg.ut_hist_debug_num, ", queues=", hist_cfg.hist_num_q, ')');
 }
 
-void hist_say(const char* text)
-{
-    an_output out;
-    if (hist_cfg.ut_hist_z_messages <= 1)
-        return;
-    hist_begin_message(out);
-    hist_message(out).text.put("** HISTORY z-messages ** ", text);
-}
-
 void ut_hist_add_signal_handler()
 {
     hist_say("add signal handler ...");
     const a_bool installed = install_signal();
-    an_output out;
-    if (hist_cfg.ut_hist_z_messages > 1)
-        hist_message(out).text.put("** HISTORY z-messages ** add signal handler done = ", installed);
+    hist_say_on("add signal handler done = ", installed);
 }
 
 void ut_hist_del_signal_handler()
 {
     hist_say("del signal handler ...");
     restore_signal();
-    an_output out;
-    if (hist_cfg.ut_hist_z_messages > 1)
-        hist_message(out).text.put("** HISTORY z-messages ** del signal handler done");
+    hist_say_on("del signal handler done");
 }
 
 // Installs the handler unless that has been done since start-up. Relaxed: the exchange only picks the one who does.

@@ -1,6 +1,7 @@
 // hist_log.h: dumps to the log or the message stream, and the SIGUSR1 handler.
 #pragma once
 
+#include "utils/etc/uthist/hist_errout.h"
 #include "utils/etc/uthist/hist_events.h"
 
 bool hist_dump_claim_in_time();
@@ -9,7 +10,21 @@ void hist_dump_at_exit();
 void ut_hist_dump_to_log_i(a_ut_hist_dump& f);
 void hist_log_fork_child();
 
-void hist_say(const char* text);  // a diagnostic message, with option Z
+// A diagnostic message, with option Z: one that begins a group, and one that goes on with it.
+template <class... a_part>
+void hist_say_on(a_part... parts)
+{
+    an_output out;
+    if (hist_cfg.ut_hist_z_messages > 1)
+        hist_message(out).text.put("** HISTORY z-messages ** ", parts...);
+}
+inline void hist_say(const char* text)
+{
+    an_output out;
+    if (hist_cfg.ut_hist_z_messages > 1)
+        hist_begin_message(out);
+    hist_say_on(text);
+}
 
 void ut_hist_add_signal_handler();
 void ut_hist_del_signal_handler();

@@ -177,7 +177,7 @@ inline uint32 record(const an_event& event, a_ut_hist_event_list& queue, int32 q
 inline uint32 record_locked(const an_event& event, int32 q, uint32 t)
 {
     a_ut_hist_event_list& queue = hist.hist_evs[q];
-    const a_hist_lock lock(q == 0 ? &queue.mutex : nullptr);
+    const a_safe_lock lock(q == 0 ? &queue.mutex : nullptr);
     if (q == 0 && hist_cfg.ut_hist_dump_on_sig >= 2) [[unlikely]]
         hist_install_signal_handler_once();
     return record(event, queue, q, t);

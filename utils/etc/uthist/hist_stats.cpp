@@ -31,10 +31,8 @@ void append_timer(a_ut_hist_timer_list& list, int32 ti, a_key tk, uint32 dur)
     a_ut_hist_timer& timer = list.ids[list.num];
     __atomic_store_n(&timer.id, ti, __ATOMIC_RELAXED);
     __atomic_store_n(&timer.id_key, int32(tk), __ATOMIC_RELAXED);
-    __atomic_store_n(&timer.count, 1u, __ATOMIC_RELAXED);
-    __atomic_store_n(&timer.min, dur, __ATOMIC_RELAXED);
-    __atomic_store_n(&timer.max, dur, __ATOMIC_RELAXED);
-    __atomic_store_n(&timer.total, uint64(dur), __ATOMIC_RELAXED);
+    __atomic_store_n(&timer.min, UINT32_MAX, __ATOMIC_RELAXED);  // the rest is 0, as the store was mapped
+    add_sample(timer, dur);
     // Release: who sees the new number sees the timer.
     __atomic_store_n(&list.num, list.num + 1, __ATOMIC_RELEASE);
 }
@@ -65,10 +63,7 @@ size_t description_width(int32 num_ids)
 
 void put_head(a_hist_text& out, size_t width)
 {
-    out.str("********** STATISTICS DUMP BIGIN @ ");
-    ut_hist_cur_timestamp_str(out);
-    out.str(" (res=0) **********");
-    out.eol();
+    hist_put_begin(out, "STATISTICS");
     out.str("ID ");
     out.left("Description", width);
     out.str(" Count Min_s..milli Avg_s..milli Max_s..milli");
@@ -93,13 +88,6 @@ void put_id_line(a_hist_text& out, int32 i, size_t width)
     out.eol();
 }
 
-void put_seconds(a_hist_text& out, uint32 microseconds)
-{
-    out.dec(microseconds / 1000000, 6);
-    out.chr('.');
-    out.dec(microseconds % 1000000, 6, '0');
-}
-
 void put_timer(a_hist_text& out, int32 key, const a_ut_hist_timer& timer, size_t width)
 {
     const int32 to = __atomic_load_n(&timer.id, __ATOMIC_RELAXED);
@@ -113,9 +101,9 @@ void put_timer(a_hist_text& out, int32 key, const a_ut_hist_timer& timer, size_t
     out.left(desc, width - fixed);
     const uint32 count = __atomic_load_n(&timer.count, __ATOMIC_RELAXED);
     out.dec(count, 6);
-    put_seconds(out, __atomic_load_n(&timer.min, __ATOMIC_RELAXED));
-    put_seconds(out, uint32(__atomic_load_n(&timer.total, __ATOMIC_RELAXED) / (count != 0 ? count : 1)));
-    put_seconds(out, __atomic_load_n(&timer.max, __ATOMIC_RELAXED));
+    hist_put_seconds(out, __atomic_load_n(&timer.min, __ATOMIC_RELAXED), 6);
+    hist_put_seconds(out, uint32(__atomic_load_n(&timer.total, __ATOMIC_RELAXED) / (count != 0 ? count : 1)), 6);
+    hist_put_seconds(out, __atomic_load_n(&timer.max, __ATOMIC_RELAXED), 6);
 }
 
 void put_timers(a_hist_text& out, int32 i, size_t width)
@@ -140,7 +128,7 @@ void put_timers(a_hist_text& out, int32 i, size_t width)
 void ut_hist_add_time(int32 fi, int32 fc, int32 ti, int32 tc, uint32 dur)
 {
     a_ut_hist_timer_list& list = hist_by_key(fi, key_of(fc));
-    const a_hist_lock lock(&list.mutex);
+    const a_safe_lock lock(&list.mutex);
     add_to_list(list, ti, key_of(tc), dur);
 }
 

@@ -40,24 +40,6 @@ size_t data_ring_bytes()
 // In the order of the mapping; each begins on a cache line. The thread slots come last: the first of them are written
 // when the store is made, the others' pages are taken when they are claimed.
 enum a_section : uint32 { QUEUES, RINGS, TEXTS, DATA, REGISTRY, TIMERS, SETTINGS, DUMP, TAKEN, THREADS, SECTIONS };
-struct a_section_row {
-    size_t (*bytes)(size_t dump_bytes);
-};
-constexpr a_section_row rows[SECTIONS] = {
-    /* QUEUES */ {[](size_t) { return times(queues(), sizeof(a_ut_hist_event_list)); }},
-    /* RINGS */ {[](size_t) { return times(records(), sizeof(a_ut_hist_event)); }},
-    /* TEXTS */ {[](size_t) {
-        return hist_cfg.ut_hist_dump_on_fini != 0 ? times(records(), hist_cfg.text_stride) : 0;
-    }},
-    /* DATA */ {[](size_t) { return times(queues(), data_ring_bytes()); }},
-    /* REGISTRY */ {[](size_t) { return times(ids(), sizeof(a_ut_hist_id_data)); }},
-    /* TIMERS */ {[](size_t) { return times(ids(), K_LAST * sizeof(a_ut_hist_timer_list)); }},
-    /* SETTINGS */ {[](size_t) { return sizeof(a_ut_hist_settings); }},
-    /* DUMP */ {[](size_t dump_bytes) { return dump_bytes; }},
-    /* TAKEN */ {[](size_t) { return (slots() + 63) / 64 * sizeof(uint64); }},
-    /* THREADS */ {[](size_t) { return times(slots(), sizeof(a_ut_hist_thread)); }},
-};
-
 // The thread slots of the store that was freed last.
 void* left_slots = nullptr;
 size_t left_bytes = 0;
@@ -68,21 +50,37 @@ struct a_layout {
 
 a_layout lay_out(size_t dump_bytes)
 {
+    const size_t text_stride = hist_cfg.ut_hist_dump_on_fini != 0 ? hist_cfg.text_stride : 0;
+    const size_t bytes[SECTIONS] = {
+        /* QUEUES */ times(queues(), sizeof(a_ut_hist_event_list)),
+        /* RINGS */ times(records(), sizeof(a_ut_hist_event)),
+        /* TEXTS */ times(records(), text_stride),
+        /* DATA */ times(queues(), data_ring_bytes()),
+        /* REGISTRY */ times(ids(), sizeof(a_ut_hist_id_data)),
+        /* TIMERS */ times(ids(), K_LAST * sizeof(a_ut_hist_timer_list)),
+        /* SETTINGS */ sizeof(a_ut_hist_settings),
+        /* DUMP */ dump_bytes,
+        /* TAKEN */ (slots() + 63) / 64 * sizeof(uint64),
+        /* THREADS */ times(slots(), sizeof(a_ut_hist_thread)),
+    };
     a_layout layout = {};
     for (uint32 i = 0; i < SECTIONS; i++) {
-        const size_t bytes = rows[i].bytes(dump_bytes);
-        const size_t whole_lines = bytes < too_many ? (bytes + cache_line - 1) / cache_line * cache_line : too_many;
+        const size_t whole_lines =
+            bytes[i] < too_many ? (bytes[i] + cache_line - 1) / cache_line * cache_line : too_many;
         layout.at[i + 1] = layout.at[i] + whole_lines < too_many ? layout.at[i] + whole_lines : too_many;
     }
     return layout;
 }
 
-// Every page up to `present` is written once, so that no event pays for a first touch.
-void* map_pages(size_t bytes, size_t present)
+// What an event needs is written once, so that none pays for a first touch; other slots' pages come with their claim.
+void* map_pages(const a_layout& layout)
 {
-    void* const mapping = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* const mapping =
+        mmap(nullptr, layout.at[SECTIONS], PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mapping == MAP_FAILED)
         return nullptr;
+    const size_t first_slots = slots() < hist_handle_slots ? slots() : size_t(hist_handle_slots);
+    const size_t present = layout.at[THREADS] + first_slots * sizeof(a_ut_hist_thread);
     for (size_t at = 0; at < present; at += page)
         static_cast<volatile char*>(mapping)[at] = 0;
     return mapping;
@@ -175,16 +173,9 @@ bool hist_store_alloc(size_t dump_bytes)
 {
     a_layout layout = lay_out(dump_bytes);
     hist.wanted_bytes = layout.at[SECTIONS];
-    // What an event needs not is not present before it is claimed.
-    const auto present = [&layout] {
-        const size_t first_slots = slots() < hist_handle_slots ? slots() : size_t(hist_handle_slots);
-        return layout.at[THREADS] + first_slots * sizeof(a_ut_hist_thread);
-    };
-    hist.mapping = map_pages(layout.at[SECTIONS], present());
-    if (hist.mapping == nullptr && ids() != 0) {
+    while ((hist.mapping = map_pages(layout)) == nullptr && ids() != 0) {
         hist_cfg.ut_hist_debug_knum = 0;
         layout = lay_out(dump_bytes);
-        hist.mapping = map_pages(layout.at[SECTIONS], present());
     }
     hist.no_memory = hist.mapping == nullptr;
     if (hist.no_memory)

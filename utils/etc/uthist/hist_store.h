@@ -14,10 +14,9 @@
 #include <signal.h>
 #include <sys/time.h>
 
-#include "corvex/ptmutex.h"
 #include "utils/etc/uthist/hist_config.h"
 #include "utils/unix/unixfork.h"
-#include "utils/utmem/utmem.h"
+#include "utils/unix/utptmutex.h"
 
 enum a_key : int32 { K_EV = 0, K_BEG = 1, K_END = 2, K_OTHER = 3, K_LAST = 4 };
 
@@ -172,27 +171,6 @@ void hist_store_forget();                          // Signal-safe.
 bool hist_store_alloc(size_t dump_bytes);
 void hist_store_free(bool destroy_queue_locks);
 void hist_store_unload();
-
-// One mutex of the history for a scope; a null one is left alone.
-class a_hist_lock {
-public:
-    // Not signal-safe: it locks.
-    explicit a_hist_lock(a_critical_sect* section) : mutex(section)
-    {
-        if (mutex != nullptr)
-            pthread_mutex_lock(mutex->p_mutex);
-    }
-    // Not signal-safe: it unlocks.
-    ~a_hist_lock()
-    {
-        if (mutex != nullptr)
-            pthread_mutex_unlock(mutex->p_mutex);
-    }
-    a_hist_lock(a_hist_lock&&) = delete;
-
-private:
-    a_critical_sect* mutex;
-};
 
 // A thread that dumps, registers an id or gives up its slot, for a scope. Shut-down first sets `closing` and then waits
 // for the users: either it sees this one, or this one sees that it closes. Its own thread's scopes, which it

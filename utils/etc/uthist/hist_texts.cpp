@@ -81,14 +81,13 @@ size_t hist_row_texts_bytes() { return hist_cfg.ut_hist_dump_on_fini != 0 ? hist
 
 __attribute__((noinline, cold)) const char* hist_number_text(char (&buf)[2 * text_block], a_ut_hist_id id)
 {
-    char digits[8];
-    size_t len = 0, at = 0;
-    for (a_ptrint value = a_ptrint(id); len == 0 || value != 0; value /= 10)
-        digits[len++] = char('0' + value % 10);
-    buf[at++] = '#';
-    while (len > 0)
-        buf[at++] = digits[--len];
-    memset(buf + at, '\0', sizeof buf - at);
+    memset(buf, '\0', sizeof buf);
+    buf[0] = '#';
+    char* at = buf + 1;
+    for (a_ptrint rest = a_ptrint(id); rest >= 10; rest /= 10)
+        at++;
+    for (a_ptrint rest = a_ptrint(id); *at != '#'; rest /= 10)
+        *at-- = char('0' + rest % 10);
     return buf;
 }
 

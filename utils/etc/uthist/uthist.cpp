@@ -81,9 +81,6 @@ bool make_store()
     return true;
 }
 
-// Frees one lock in the child, whoever of the parent held it. Signal-safe.
-void free_lock(a_critical_sect& section) { ut_safe_pthread_mutex_fork_child(&section); }
-
 }  // namespace
 
 void ut_hist_static_defaults()
@@ -106,9 +103,9 @@ void ut_hist_init(void)
     hist_read_options();
     hist_write_settings();
     const bool made = make_store();
-    an_output out;
     if (hist_cfg.ut_hist_dump_on_sig == 1)
         hist_install_signal_handler_once();
+    an_output out;
     if (!made) {
         ut_hist_setting(UT_HIST_SET_EVENTS_OFF);
         hist_note_no_memory();
@@ -119,8 +116,7 @@ void ut_hist_init(void)
     // Release: who sees the history running sees its store.
     __atomic_store_n(&hist.hist_ok_to_dump, true, __ATOMIC_RELEASE);
     __atomic_store_n(&hist.hist_initialized, true, __ATOMIC_RELEASE);
-    if (hist_cfg.ut_hist_z_messages > 1)
-        hist_message(out).text.str("** HISTORY z-messages ** init done");
+    hist_say_on("init done");
     hist_tell_open_error(out);
 }
 
@@ -164,13 +160,13 @@ void ut_hist_fork_child()
             __atomic_store_n(&recursing, uint8_t(0), __ATOMIC_RELAXED);
     hist_log_fork_child();
     for (int32 q = 0; q < hist_cfg.hist_num_q; q++)
-        free_lock(hist.hist_evs[q].mutex);
+        ut_safe_pthread_mutex_fork_child(&hist.hist_evs[q].mutex);
     if (hist.hist_ids == nullptr)
         return;
-    free_lock(hist.hist_ids_mutex);
+    ut_safe_pthread_mutex_fork_child(&hist.hist_ids_mutex);
     for (int32 i = 0; i < hist.hist_num_ids; i++)
         for (int32 key = 0; key < K_LAST; key++)
-            free_lock(hist_by_key(i, key).mutex);
+            ut_safe_pthread_mutex_fork_child(&hist_by_key(i, key).mutex);
 }
 
 void ut_hist_unload()
