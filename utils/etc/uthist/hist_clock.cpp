@@ -116,18 +116,20 @@ void put_time(a_hist_text& out, const a_hist_civil& local)
 // Makes the table again when there is none, when its end comes near, or when the zone of the process has changed. A
 // forked child keeps its parent's table: localtime_r's lock may be held by a thread that the child does not have. Where
 // there was none, in a daemon, a new TZ counts; not without one, since the child may be of a handler that interrupted
-// localtime_r. Not signal-safe: localtime_r locks. Its callers are serialised.
-void hist_zone_refresh()
+// localtime_r. Nor does a process that exits ask while the table serves: what called exit may be such a handler.
+// Not signal-safe: localtime_r locks. Its callers are serialised.
+void hist_zone_refresh(bool exits)
 {
-    if (unix_fork_count() != 0 && published != 0 && (!unix_forked_alone() || getenv("TZ") == zone_name))
+    const bool same_name = getenv("TZ") == zone_name;
+    if (unix_fork_count() != 0 && published != 0 && (!unix_forked_alone() || same_name))
         return;
     struct timeval now;
     gettimeofday(&now, nullptr);
     const uint32 current = __atomic_load_n(&published, __ATOMIC_RELAXED);
     const a_zone_table& zone = zones[current % 2];
-    const int64_t first = zone.changes[0].from;
-    if (zone.count > 0 && first <= now.tv_sec && now.tv_sec < zone.until - table_renewal &&
-        look_up(zone, now.tv_sec) == offset_at(now.tv_sec))
+    const int64_t until = exits ? zone.until : zone.until - table_renewal;
+    if (zone.count > 0 && zone.changes[0].from <= now.tv_sec && now.tv_sec < until &&
+        ((exits && same_name) || look_up(zone, now.tv_sec) == offset_at(now.tv_sec)))
         return;
     zone_name = getenv("TZ");
     fill_table(zones[(current + 1) % 2], now.tv_sec);

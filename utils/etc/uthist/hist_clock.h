@@ -15,7 +15,7 @@ struct a_hist_civil {
     int32 yr, mo, da, hr, mi, se;  // month and day from 1
 };
 
-void hist_zone_refresh();
+void hist_zone_refresh(bool exits = false);
 a_hist_civil hist_local(time_t seconds);
 void ut_hist_cur_timestamp_str(a_hist_text& out);
 void ut_hist_timestamp_str(a_hist_text& out, const struct timeval& time_of_day);

@@ -21,7 +21,7 @@ namespace {
 an_output out;  // of all lines of start-up
 
 char env_buf[env_buf_size];
-bool env_cut = false;  // the value of UT_HIST is longer than the buffer
+char env_next = '\0';  // of UT_HIST's value, what the buffer has no room for
 
 // ---- the options ----
 
@@ -241,7 +241,8 @@ char* read_argument(char letter, char* s, const an_option& option)
         hist_cfg.hist_num_q = default_num_q;
     s = ut_hist_arg(s, (option.takes & FLAG) != 0 ? &arg.flag : nullptr, option.number,
                     (option.takes & NAME) != 0 ? &arg.name : nullptr, nullptr);
-    arg.cut = env_cut && arg.name != nullptr && arg.name + strlen(arg.name) == env_buf + env_buf_size - 1;
+    const bool at_end = arg.name != nullptr && arg.name + strlen(arg.name) == env_buf + env_buf_size - 1;
+    arg.cut = at_end && env_next != '\0' && env_next != (arg.name[-1] == '{' ? '}' : ',');
     if (arg.flag != 0 && (option.takes & (is_upper(letter) ? UPPER_RAISED : RAISED)) != 0)
         arg.flag = 2;
     if (option.flag != nullptr)
@@ -355,7 +356,7 @@ bool hist_is_wanted()
 {
     ut_hist_setting(UT_HIST_SET_EVENTS_OFF);
     const char* const value = ut_getenv2("UT_HIST");
-    env_cut = value != nullptr && strlen(value) >= env_buf_size;
+    env_next = value != nullptr && strlen(value) >= env_buf_size ? value[env_buf_size - 1] : '\0';
     return ut_getenv("UT_HIST", env_buf, env_buf_size) != nullptr && env_buf[0] != '\0' && strcmp(env_buf, "off") != 0;
 }
 
@@ -368,7 +369,7 @@ void hist_read_options()
     hist_streams.ut_hist_dump_err_name = stderr_str;
     hist_parse_options(env_buf);
     hist_parse_thread_slot(ut_getenv2("UT_HIST_THREAD_SLOT"));
-    if (env_cut)
+    if (env_next != '\0')
         hist_note(out, hist_errout_as_it_is())
             .text.put("UT_HIST is too long: only its first ", env_buf_size - 1, " characters count");
 }

@@ -22,6 +22,7 @@
 #include "utils/unix/utending.h"
 
 a_hist_streams hist_streams;
+bool hist_errout_is_stuck = false;
 
 namespace {
 
@@ -98,8 +99,7 @@ int hist_errout_as_it_is()
     return fd > STDERR_FILENO ? fd : hist_stderr();
 }
 
-// None when the program has closed the stream, or when its number has gone to a socket, or to a file that is also read:
-// to a client, or a database.
+// None when the program has closed the stream, or when its number has gone to a file that is also read: to a database.
 int hist_stderr()
 {
     struct stat now;
@@ -107,8 +107,7 @@ int hist_stderr()
         return -1;
     const bool same = now.st_dev == stderr_at_load.st_dev && now.st_ino == stderr_at_load.st_ino;
     const bool only_written = (fcntl(STDERR_FILENO, F_GETFL) & O_ACCMODE) == O_WRONLY;
-    const bool spared = S_ISSOCK(now.st_mode) || (S_ISREG(now.st_mode) && !only_written);
-    return same || !spared ? STDERR_FILENO : -1;
+    return same || !S_ISREG(now.st_mode) || only_written ? STDERR_FILENO : -1;
 }
 
 const char* hist_errout_name() { return __atomic_load_n(&hist_streams.ut_hist_dump_err_name, __ATOMIC_RELAXED); }
@@ -139,15 +138,18 @@ a_hist_line::a_hist_line(an_output& to, int fd, const char* beginning) : out(to)
     text.str(beginning);
 }
 
-int a_hist_line::finish()
+a_hist_line::~a_hist_line()
 {
-    if (!finished) {
-        text.eol();
-        text.flush();
-        out.close();
-    }
-    finished = true;
-    return out.error();
+    text.eol();
+    text.flush();
+    out.close();
+}
+
+// Relaxed: it orders nothing.
+void hist_note_stuck(const an_output& out)
+{
+    if (out.error() == ETIMEDOUT)
+        __atomic_store_n(&hist_errout_is_stuck, true, __ATOMIC_RELAXED);
 }
 
 void hist_begin_message(an_output& out)

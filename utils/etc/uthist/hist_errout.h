@@ -32,20 +32,17 @@ const char* hist_errout_name();
 void hist_errout_close();
 void hist_errout_fork_child();
 
-// One line, written at the end of the scope or by finish, which gives the error number.
+// One line, written at the end of the scope.
 class a_hist_line {
 public:
     a_hist_line(an_output& to, int fd, const char* beginning = "");
-    ~a_hist_line() { finish(); }
+    ~a_hist_line();
     a_hist_line(a_hist_line&&) = delete;
-
-    int finish();
 
     a_hist_text text;
 
 private:
     an_output& out;
-    bool finished = false;
     char buf[512];
 };
 
@@ -55,6 +52,10 @@ void hist_write_out(void* out, const char* text, size_t len);  // a formatter's 
 void hist_begin_message(an_output& out);  // the timestamp line
 inline a_hist_line hist_message(an_output& out) { return a_hist_line(out, hist_errout()); }
 inline a_hist_line hist_note(an_output& out, int fd) { return a_hist_line(out, fd, "** HISTORY note ** "); }
+
+// Diagnostics are told no more once the stream has taken nothing for a second: recording does not stop for it again.
+extern bool hist_errout_is_stuck;
+void hist_note_stuck(const an_output& out);
 
 // Tells once why the file of option e could not be opened.
 void hist_tell_open_error(an_output& out);

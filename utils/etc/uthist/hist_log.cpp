@@ -177,17 +177,20 @@ void dump_to_log(a_ut_hist_dump& f, an_all_queues_lock* locks)
     hist_tell_open_error(out);
 }
 
-// Events that were dropped for want of a thread slot are told once.
-void note_lost_events(int fd)
+// Events that were dropped for want of a thread slot are told once. The stream is asked for then: that may open it.
+void note_lost_events(int (*stream)())
 {
     const uint32 lost = __atomic_load_n(&hist.events_missed, __ATOMIC_RELAXED);
     if (lost == 0 || __atomic_exchange_n(&lost_events_told, true, __ATOMIC_RELAXED))
         return;
     an_output out;
-    a_hist_line note = hist_note(out, fd);
-    note.text.put(lost, " events were lost for want of a thread slot: set UT_HIST_THREAD_SLOT=dense");
-    if (hist_cfg.dense_slots != 0)
-        note.text.put(":<max> with more than ", hist_cfg.dense_slots);
+    {
+        a_hist_line note = hist_note(out, stream());
+        note.text.put(lost, " events were lost for want of a thread slot: set UT_HIST_THREAD_SLOT=dense");
+        if (hist_cfg.dense_slots != 0)
+            note.text.put(":<max> with more than ", hist_cfg.dense_slots);
+    }
+    hist_tell_open_error(out);
 }
 
 // Into the program's stream, or to the log for null. Not signal-safe: it locks.
@@ -207,7 +210,7 @@ void dump_on_request(FILE* f)
             [](void* to, const char* text, size_t len) { fwrite(text, 1, len, static_cast<FILE*>(to)); }, f);
         f != nullptr ? put_tables(*hist.dump) : dump_to_log(*hist.dump, &locks);
     }
-    note_lost_events(f != nullptr ? hist_errout_as_it_is() : hist_errout());
+    note_lost_events(f != nullptr ? hist_errout_as_it_is : hist_errout);
     hist_dump_release();
 }
 
@@ -283,11 +286,11 @@ void ut_hist_dump_to_log(void) { dump_on_request(nullptr); }
 void hist_dump_at_exit()
 {
     if (hist_cfg.ut_hist_dump_on_fini != 0 && hist_dump_claim_in_time()) {
-        hist_zone_refresh();
+        hist_zone_refresh(true);
         ut_hist_dump_to_log_i(*hist.dump);
         hist_dump_release();
     }
-    note_lost_events(hist_errout_as_it_is());
+    note_lost_events(hist_cfg.ut_hist_dump_on_fini != 0 ? hist_errout : hist_errout_as_it_is);
 }
 
 // ---- SIGUSR1 ----
@@ -334,16 +337,16 @@ void hist_note_no_memory()
 
 void ut_hist_add_signal_handler()
 {
-    hist_say("add signal handler ...");
+    hist_say(true, "add signal handler ...");
     const a_bool installed = install_signal();
-    hist_say_on("add signal handler done = ", installed);
+    hist_say(false, "add signal handler done = ", installed);
 }
 
 void ut_hist_del_signal_handler()
 {
-    hist_say("del signal handler ...");
+    hist_say(true, "del signal handler ...");
     restore_signal();
-    hist_say_on("del signal handler done");
+    hist_say(false, "del signal handler done");
 }
 
 // Installs the handler unless that has been done since start-up. Relaxed: the exchange only picks the one who does.

@@ -10,20 +10,17 @@ void hist_dump_at_exit();
 void ut_hist_dump_to_log_i(a_ut_hist_dump& f);
 void hist_log_fork_child();
 
-// A diagnostic message, with option Z: one that begins a group, and one that goes on with it.
+// A diagnostic message, with option Z: one that begins a group, or goes on with it.
 template <class... a_part>
-void hist_say_on(a_part... parts)
+void hist_say(bool begins, a_part... parts)
 {
+    if (hist_cfg.ut_hist_z_messages <= 1 || __atomic_load_n(&hist_errout_is_stuck, __ATOMIC_RELAXED))
+        return;
     an_output out;
-    if (hist_cfg.ut_hist_z_messages > 1)
-        hist_message(out).text.put("** HISTORY z-messages ** ", parts...);
-}
-inline void hist_say(const char* text)
-{
-    an_output out;
-    if (hist_cfg.ut_hist_z_messages > 1)
+    if (begins)
         hist_begin_message(out);
-    hist_say_on(text);
+    hist_message(out).text.put("** HISTORY z-messages ** ", parts...);
+    hist_note_stuck(out);
 }
 
 void ut_hist_add_signal_handler();

@@ -184,20 +184,16 @@ inline uint32 record_locked(const an_event& event, int32 q, uint32 t)
 }
 
 // The two messages of a recording go straight to the present errout stream: they open nothing and have no timestamp
-// line. When that stream takes nothing for a second there are no more of them: recording does not stop for it again.
-bool errout_is_stuck = false;
-
+// line.
 template <class... a_part>
 __attribute__((noinline, cold)) void say(a_part... parts)
 {
-    if (__atomic_load_n(&errout_is_stuck, __ATOMIC_RELAXED))
+    if (__atomic_load_n(&hist_errout_is_stuck, __ATOMIC_RELAXED))
         return;
     const an_uncancelled_scope uncancelled;  // the thread's mark is set
     an_output out;
-    a_hist_line line(out, hist_errout_as_it_is(), "** HISTORY ");
-    line.text.put(parts...);
-    if (line.finish() == ETIMEDOUT)
-        __atomic_store_n(&errout_is_stuck, true, __ATOMIC_RELAXED);  // relaxed: it orders nothing
+    a_hist_line(out, hist_errout_as_it_is(), "** HISTORY ").text.put(parts...);
+    hist_note_stuck(out);
 }
 
 // Counts an event of a thread without a slot. Relaxed: the counts are only shown.

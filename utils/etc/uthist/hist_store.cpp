@@ -1,7 +1,7 @@
 // hist_store.cpp: the table of the store's sections; maps, fills and frees it (see hist_store.h for what holds).
 //
-// Start-up gets the whole store or leaves the history off; only the registry may be missing. Not signal-safe, but
-// hist_reset_thread and hist_store_forget.
+// Start-up gets the whole store or leaves the history off; registry and data rings alone may be missing. Not
+// signal-safe, but hist_reset_thread and hist_store_forget.
 #include "utils/etc/uthist/hist_store.h"
 
 #include <string.h>
@@ -169,13 +169,16 @@ void hist_store_forget()
 }
 
 // Maps the store that the settings describe; false when memory is short, with nothing kept.
-bool hist_store_alloc(size_t dump_bytes)
+bool hist_store_alloc(size_t (*dump_bytes)())
 {
-    a_layout layout = lay_out(dump_bytes);
+    const int32 knum = hist_cfg.ut_hist_debug_knum, data = hist_cfg.ut_hist_debug_data;
+    a_layout layout = lay_out(dump_bytes());
     hist.wanted_bytes = layout.at[SECTIONS];
-    while ((hist.mapping = map_pages(layout)) == nullptr && ids() != 0) {
-        hist_cfg.ut_hist_debug_knum = 0;
-        layout = lay_out(dump_bytes);
+    while ((hist.mapping = map_pages(layout)) == nullptr && (ids() != 0 || data_ring_bytes() != 0)) {
+        const size_t registry = times(ids(), sizeof(a_ut_hist_id_data) + K_LAST * sizeof(a_ut_hist_timer_list));
+        const bool data_is_larger = times(queues(), data_ring_bytes()) > registry;
+        (data_is_larger ? hist_cfg.ut_hist_debug_data : hist_cfg.ut_hist_debug_knum) = 0;
+        layout = lay_out(dump_bytes());
     }
     hist.no_memory = hist.mapping == nullptr;
     if (hist.no_memory)
@@ -193,6 +196,8 @@ bool hist_store_alloc(size_t dump_bytes)
     hist.dump = reinterpret_cast<a_ut_hist_dump*>(base + layout.at[DUMP]);
     hist.cfg = static_cast<a_ut_hist_settings*>(memcpy(base + layout.at[SETTINGS], &hist_cfg, sizeof hist_cfg));
     hist.start++;
+    hist_cfg.ut_hist_debug_knum = knum;  // the next start-up tries again
+    hist_cfg.ut_hist_debug_data = data;
     return true;
 }
 

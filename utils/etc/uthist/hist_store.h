@@ -168,7 +168,7 @@ inline uint32 hist_elapsed(const struct timeval& from, const struct timeval& to)
 
 void hist_reset_thread(a_ut_hist_thread& thread);  // Signal-safe.
 void hist_store_forget();                          // Signal-safe.
-bool hist_store_alloc(size_t dump_bytes);
+bool hist_store_alloc(size_t (*dump_bytes)());
 void hist_store_free(bool destroy_queue_locks);
 void hist_store_unload();
 

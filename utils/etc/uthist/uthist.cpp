@@ -71,7 +71,7 @@ bool left_to_a_thread()
 bool make_store()
 {
     hist_lay_out_texts();
-    if (!hist_store_alloc(hist_dump_bytes()))
+    if (!hist_store_alloc(hist_dump_bytes))
         return false;
     hist_bind_texts();
     hist_dump_lay_out(hist_streams.ut_hist_eol);
@@ -116,7 +116,7 @@ void ut_hist_init(void)
     // Release: who sees the history running sees its store.
     __atomic_store_n(&hist.hist_ok_to_dump, true, __ATOMIC_RELEASE);
     __atomic_store_n(&hist.hist_initialized, true, __ATOMIC_RELEASE);
-    hist_say_on("init done");
+    hist_say(false, "init done");
     hist_tell_open_error(out);
 }
 
@@ -126,7 +126,7 @@ void ut_hist_fini(void)
         return;
     const an_uncancelled_scope uncancelled;
     __atomic_store_n(&hist.hist_initialized, false, __ATOMIC_RELEASE);
-    hist_say("fini ...");
+    hist_say(true, "fini ...");
     if (hist_cfg.ut_hist_dump_on_sig == 1 && __atomic_load_n(&hist.sig_handler_installed, __ATOMIC_RELAXED) != 0) {
         __atomic_store_n(&hist.sig_handler_installed, 0, __ATOMIC_RELAXED);
         ut_hist_del_signal_handler();
@@ -135,7 +135,7 @@ void ut_hist_fini(void)
     left_behind = !clean_up();
     if (left_behind)
         return;
-    hist_say("fini done");
+    hist_say(true, "fini done");
     hist_errout_close();
     if (hist.hist_evs == nullptr)
         __atomic_store_n(&hist.dump_state, pack_dump(DUMP_CLOSED), __ATOMIC_RELEASE);
