@@ -1,12 +1,52 @@
 // hist_dump_test.cpp: what the history writes, to the byte, under a fixed clock. Most of it stands in
-// tests/process/cases: a case is a line "UT_HIST=options", perhaps with " columns: " and the only ones shown, further
-// variables, the steps of hist_play, indented, and what comes out, each text between "name:" and a line ".".
+// tests/process/cases: a case is a line of variables, UT_HIST first, perhaps with " columns: " and the only ones shown;
+// the steps of hist_play, indented, or none where they are those of the case before; and what comes out: "name: line |
+// line" or "name:" and lines up to an empty one, in the shorthand of in_full below.
 #include <algorithm>
 #include <map>
+#include <regex>
 
 #include "tests/process/hist_played.h"
 
 namespace {
+
+// "@" is the line before a message, "<n>" the two reports of a dump of n events, "[a b]" a whole dump of the texts a and
+// b, "note ..." a note.
+std::string in_full(const std::string& line)
+{
+    const std::string inner = line.size() < 2 ? "" : line.substr(1, line.size() - 2), stars = "**********";
+    const std::string report = stamp + stars + " Dumping history to (ut_hist.log) # " + inner;
+    if (line == "@" || line[0] == '<')
+        return line == "@" ? stamp : report + "\n" + report + " done\n";
+    if (line[0] != '[')
+        return (line.compare(0, 5, "note ") == 0 ? "** HISTORY " + line.substr(0, 5) + "** " + line.substr(5) : line) +
+               "\n";
+    std::string dump = stars + " HISTORY DUMP BIGIN @ 2023/11/14 22:13:20 (res=0) " + stars + "\n Event\n";
+    dump += inner.empty() ? "" : gap;
+    std::istringstream events(inner);
+    for (std::string event; events >> event;)
+        dump += std::string(6 - event.size(), ' ') + event + "\n";
+    return dump + stars + " HISTORY DUMP END @ 2023/11/14 22:13:20 (0 missed, thr=0) " + stars + "\n";
+}
+
+// The matches in a text, each once where it follows itself, as lines.
+std::string matches(const std::string& text, const char* pattern)
+{
+    const std::regex expression(pattern);
+    std::string all, last;
+    for (std::sregex_iterator at(text.begin(), text.end(), expression), end; at != end; last = (at++)->str())
+        all += at->str() != last ? at->str() + "\n" : "";
+    return all;
+}
+
+a_text_list split(std::string text)
+{
+    a_text_list parts;
+    for (size_t at; (at = text.find(" | ")) != std::string::npos; text.erase(0, at + 3))
+        parts.push_back(text.substr(0, at));
+    parts.push_back(text);
+    return parts;
+}
 
 struct a_case {
     std::string options;
@@ -15,44 +55,67 @@ struct a_case {
 
     void check() const
     {
-        const a_played seen = played(options, script, env.empty() ? a_text_list{"TZ=UTC"} : env);
-        const std::map<std::string, std::string> all = {
-            {"rows", rows(seen.err)}, {"err", seen.err}, {"out", seen.out}, {"log", seen.log}, {"errout", seen.errout}};
+        const a_played seen = played(options, script, env);
+        std::map<std::string, std::string> all = seen.files;
+        all["err"] = seen.err;
+        all["out"] = seen.out;
+        all["log"] = seen.log;
+        all["errout"] = all["ut_hist.out"];
+        all["rows"] = rows(seen.err);
+        all["pairs"] = matches(seen.err, "   > .*");
+        all["dates"] = matches(seen.err, "20../../.. ..:..:..");
+        all["steps"] =
+            without_number(seen.err.substr(std::min(seen.err.size(), seen.err.find("** HISTORY z-messages ** init"))),
+                           "hist_log.cpp:");
         for (const auto& [name, text] : expected)
-            EXPECT_EQ(all.at(name), text) << name << " of UT_HIST=" << options;
+            EXPECT_EQ(all[name], (name == "rows" && !text.empty() ? gap : "") + text) << name << " of " << options;
     }
 };
 
 // The options with a switch for each column before them.
-std::string with_columns(const std::string& line)
+std::string with_columns(const std::string& options, const std::string& columns)
 {
-    const std::string separator = " columns: ";
-    const size_t at = line.find(separator);
-    if (at == std::string::npos)
-        return line;
-    const std::string shown = line.substr(at + separator.size()) + " ";
+    if (columns.empty())
+        return options;
     std::string switches;
     for (const std::string word : {"a time", "c class", "d duration", "e event", "i id", "l line", "m sigmask",
                                    "n number", "p parms", "q queue", "r priority", "s file", "t thread"})
-        switches += std::string("i") + word[0] + (shown.find(word.substr(2) + " ") != std::string::npos ? "+" : "-");
-    return switches + line.substr(0, at);
+        switches +=
+            std::string("i") + word[0] + ((columns + " ").find(word.substr(1) + " ") != std::string::npos ? "+" : "-");
+    return switches + options;
 }
 
 std::vector<a_case> read_cases(const std::string& path)
 {
     std::vector<a_case> cases;
     std::ifstream file(path);
-    for (std::string line; std::getline(file, line);) {
-        if (line.compare(0, 8, "UT_HIST=") == 0)
-            cases.push_back({with_columns(line.substr(8)), {}, {}, {}});
-        else if (line.compare(0, 2, "  ") == 0)
-            cases.back().script.push_back(line.substr(2));
-        else if (line.find('=') != std::string::npos && line[0] != '#')
-            cases.back().env.push_back(line);
-        else if (!line.empty() && line.back() == ':')
-            for (std::string &text = cases.back().expected[line.substr(0, line.size() - 1)], shown;
-                 std::getline(file, shown) && shown != ".";)
-                text += shown + "\n";
+    for (std::string line, previous, word, shown; std::getline(file, line);) {
+        const size_t colon = line.find(':');
+        if (line.compare(0, 8, "UT_HIST=") == 0) {
+            const size_t columns = std::min(line.size(), line.find(" columns:"));
+            std::istringstream variables(line.substr(0, columns));
+            variables >> word;
+            const a_text_list steps = cases.empty() ? a_text_list{} : cases.back().script;
+            cases.push_back({with_columns(word.substr(8), line.substr(columns)), {}, steps, {}});
+            while (variables >> word)
+                cases.back().env.push_back(word);
+            cases.back().env.push_back("TZ=UTC");  // the first of a name counts
+        } else if (line.compare(0, 2, "  ") == 0) {
+            a_text_list& script = cases.back().script;
+            if (previous.compare(0, 8, "UT_HIST=") == 0)
+                script.clear();
+            for (const std::string& step : split(line.substr(2)))
+                script.push_back(step);
+        } else if (line[0] != '#' && colon != std::string::npos) {
+            std::string& text = cases.back().expected[line.substr(0, colon)];
+            if (colon + 2 < line.size())
+                for (const std::string& part : split(line.substr(colon + 2)))
+                    text += in_full(part);
+            else
+                while (std::getline(file, shown) && !shown.empty())
+                    text += in_full(shown);
+        }
+        previous = line;
     }
     return cases;
 }
@@ -82,7 +145,7 @@ INSTANTIATE_TEST_SUITE_P(, HistDumpComesOutAsIn, testing::ValuesIn(case_files())
 TEST(HistDump, ReadsNoTextBeyondItsEnd)
 {
     a_text_list script;
-    std::string expected = "........ ......\n", text;
+    std::string expected = gap, text;
     for (size_t len = 0; len <= 50; len++, text += char('a' + (len - 1) % 26)) {
         script.push_back("page-end " + std::to_string(len));
         const std::string id = text.substr(0, 15), ev = text.substr(0, 31);
@@ -106,15 +169,15 @@ TEST(HistDump, CountsSamplesPerPairAndReportsThoseWithoutATimer)
     a_text_list script = {"id A 1 a.c a"};
     for (int i = 0; i < 34; i++)
         script.push_back("id B" + std::to_string(i) + " 2 - description-of-20chr");
-    for (int round = 0; round < 2; round++)
-        for (int i = 0; i < 34; i++)
-            script.insert(script.end(), {"ev - A x", "tick 3", "data - B" + std::to_string(i) + " x 0 0"});
-    const std::string dump = played("k200il-", script).err;
+    for (int i = 0; i < 68; i++)
+        script.insert(script.end(), {"ev - A x", "tick 3", "data - B" + std::to_string(i % 34) + " x 0 0"});
+    const std::string dump = played("k200il-", script).err,
+                      pair = " description-of-20chr     2     0.000003     0.000003     0.000003";
     EXPECT_NE(
         dump.find("\nID Description                         Count Min_s..milli Avg_s..milli Max_s..milli File....\n"
                   " 0 a                                   ----- -----.------ -----.------ -----.------ a.c\n"
-                  "   > EV  -  1 DAT description-of-20chr     2     0.000003     0.000003     0.000003 (4 missed)\n"
-                  "   > EV  -  2 DAT description-of-20chr     2     0.000003     0.000003     0.000003\n"),
+                  "   > EV  -  1 DAT" +
+                  pair + " (4 missed)\n   > EV  -  2 DAT" + pair + "\n"),
         std::string::npos)
         << dump.substr(dump.find("STATISTICS"), 900);
     EXPECT_EQ(count(dump, "   > EV  - "), 32u);

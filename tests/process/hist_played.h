@@ -2,10 +2,15 @@
 #ifndef PROCESS_HIST_PLAYED_H
 #define PROCESS_HIST_PLAYED_H
 
+#include <map>
+
 #include "tests/process/run.h"
 
+const std::string stamp = "@ 2023/11/14 22:13:20 ..........\n", gap = "........ ......\n";
+
 struct a_played {
-    std::string out, err, log, errout;  // the program's two streams, ut_hist.log, ut_hist.out
+    std::string out, err, log;  // the program's two streams, ut_hist.log
+    std::map<std::string, std::string> files;
 };
 
 inline std::string replaced(std::string text, const std::string& from, const std::string& to)
@@ -28,8 +33,8 @@ inline std::string without_number(std::string text, const std::string& before)
 inline size_t count(const std::string& text, const std::string& part)
 {
     size_t found = 0;
-    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size())
-        found++;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; found++)
+        at += part.size();
     return found;
 }
 
@@ -40,7 +45,11 @@ inline a_played played(const std::string& options, const a_text_list& script, co
     env.push_back("UT_HIST=" + options);
     const a_run result = run("hist_play", env, script, dir.path);
     EXPECT_TRUE(result.exited_well()) << options << ": status " << result.status << "\n" << result.err;
-    return {result.out, result.err, read_file(dir.path + "/ut_hist.log"), read_file(dir.path + "/ut_hist.out")};
+    a_played seen = {result.out, result.err, read_file(dir.path + "/ut_hist.log"), {}};
+    for (const auto& file : std::filesystem::directory_iterator(dir.path))
+        if (file.is_regular_file())
+            seen.files[file.path().filename()] = read_file(file.path());
+    return seen;
 }
 
 // A text of tests/process/expected.

@@ -5,43 +5,56 @@
 // or none; ids are those registered by `id`, SIG, Q2, a number behind '#', else texts. At address 0x100000 stand the
 // bytes 0, 1, 2, ...
 #include <errno.h>
+#include <fcntl.h>
 #include <sched.h>
-#include <semaphore.h>
 #include <setjmp.h>
 #include <signal.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <deque>
 #include <map>
+#include <semaphore>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "corvex/corvex.h"
-#include "streams.h"
 
 namespace {
 
-using an_arg_list = std::vector<std::string>;
+struct an_arg_list : std::vector<std::string> {
+    long number(size_t i) const { return std::stol(at(i)); }
+    std::string rest(size_t i) const
+    {
+        std::string line = at(i);
+        while (++i < size())
+            line += " " + at(i);
+        return line;
+    }
+};
+using args_of = const an_arg_list&;
 
-struct timeval now = {1700000000, 0};  // 2023/11/14 22:13:20 UTC
-std::string trap;                      // played in the trap_after-th look at the clock or at the signal mask from now
-int trap_after = 0;
+long now = 1700000000000000;  // 2023/11/14 22:13:20 UTC
+std::string trap;             // played in the trap_after-th look at the clock or at the signal mask from now
+long trap_after = 0;
 thread_local a_ptrint slot = 0;   // the handle's low bits; 0: the real handle
 thread_local bool shown = false;  // the history is being called: it gets to see `slot`
 bool in_child = false;
 std::map<std::string, a_ut_hist_id> ids;
 std::map<std::string, a_ut_hist_loc> locs;
 std::deque<std::string> texts;
+sigjmp_buf before_event;
+std::atomic<bool> storming{true};
+std::atomic<unsigned> pace{0};  // of a slow reader: microseconds a page
+constexpr size_t page = 4096;
 
 void play(const std::string& line);
 
@@ -56,7 +69,8 @@ a_ut_hist_id id_of(const std::string& name)
     return ids.count(name) != 0 ? ids[name] : UT_HIST_ID_TEXT(text(name));
 }
 
-void add(int cl, const an_arg_list& args)
+template <int cl>
+void add(args_of args)
 {
     const char* file = "play.c";
     uint32 line = 1;
@@ -79,49 +93,63 @@ void add(int cl, const an_arg_list& args)
                 p[1], p[2], p[3], p[4], p[5], p[6], p[7]);
 }
 
+// Records a text of some length three times over, as file, id and event; behind its NUL no byte can be read.
+void add_at_page_end(args_of args)
+{
+    const long len = args.number(1);
+    char* const end =
+        page + static_cast<char*>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(end, page, PROT_NONE);
+    char* const at = end - len - 1;
+    for (long i = 0; i < len; i++)
+        at[i] = char('a' + i % 26);
+    ut_hist_add(at, 1, nullptr, UT_HIST_CL_EV, UT_HIST_ID_TEXT(at), at, 0, nullptr, nullptr, nullptr, nullptr, nullptr,
+                nullptr, nullptr, nullptr);
+}
+
+// Name, line, file, description: prints the index.
+void register_id(args_of args)
+{
+    const char* desc = text(args[4]);
+    const a_ut_hist_id id = ids[args[1]] = ut_hist_id_alloc(text(args[3]), uint32(args.number(2)), desc);
+    printf("%s=%s\n", args[1].c_str(), id == desc ? "text" : std::to_string(a_ptrint(id)).c_str());
+}
+
 // A thread that plays commands one by one while the script waits.
 struct a_player {
-    sem_t go, done;
+    std::binary_semaphore go{0}, done{0};
     std::string line;
-    std::thread thread;
-    a_player()
-    {
-        sem_init(&go, 0, 0);
-        sem_init(&done, 0, 0);
-        thread = std::thread([this] {
-            for (;; sem_post(&done)) {
-                sem_wait(&go);
-                if (line.empty())
-                    return;
-                play(line);
-            }
-        });
-    }
+    std::thread thread{[this] {
+        for (go.acquire(); !line.empty(); go.acquire()) {
+            play(line);
+            done.release();
+        }
+    }};
     void begin(const std::string& command)
     {
         line = command;
-        sem_post(&go);
-    }
-    void hand(const std::string& command)
-    {
-        begin(command);
-        command.empty() ? thread.join() : void(sem_wait(&done));
+        go.release();
     }
 };
-std::map<std::string, a_player>& players =
-    *new std::map<std::string, a_player>;  // never destroyed: forked children exit
+auto& players = *new std::map<std::string, a_player>;  // never destroyed: forked children exit
 
-std::string rest(const an_arg_list& args, size_t from)
+void play_in_thread(args_of args)
 {
-    std::string line;
-    for (size_t i = from; i < args.size(); i++)
-        line += (i > from ? " " : "") + args[i];
-    return line;
+    players[args[1]].begin(args.rest(2));
+    if (args[0] == "on")
+        players[args[1]].done.acquire();
+}
+
+void stop(const std::string& name)
+{
+    players[name].begin("");
+    players[name].thread.join();
+    players.erase(name);
 }
 
 void mine(int) { (void)!write(STDOUT_FILENO, "mine\n", 5); }
 
-void raise_usr1(const an_arg_list&)
+void raise_usr1(args_of)
 {
     const bool kept = shown;
     shown = false;  // raise itself asks for the real handle
@@ -132,23 +160,29 @@ void raise_usr1(const an_arg_list&)
     shown = kept;
 }
 
-void show_handler(const an_arg_list&)
+void show_handler(args_of)
 {
     struct sigaction action;
     sigaction(SIGUSR1, nullptr, &action);
-    printf("SIGUSR1 %s\n", action.sa_handler == SIG_DFL   ? "default"
-                           : action.sa_handler == SIG_IGN ? "ignored"
-                           : action.sa_handler == mine    ? "mine"
-                                                          : "history");
+    const auto handler = action.sa_handler;
+    printf("SIGUSR1 %s\n", handler == SIG_DFL   ? "default"
+                           : handler == SIG_IGN ? "ignored"
+                           : handler == mine    ? "mine"
+                                                : "history");
 }
 
-void fork_child(const an_arg_list& args)
+void fork_child(args_of args)
 {
     fflush(nullptr);
-    const pid_t child = fork();
+    const pid_t child = args[0] == "vfork" ? vfork() : fork();
+    if (child == 0 && args[0] == "vfork") {
+        play(args.rest(1));
+        _exit(0);
+    }
     if (child == 0) {
         in_child = true;
-        std::istringstream steps(rest(args, 1));
+        alarm(20);
+        std::istringstream steps(args.rest(1));
         for (std::string step; std::getline(steps, step, ';');)
             play(step);
         exit(0);
@@ -159,189 +193,165 @@ void fork_child(const an_arg_list& args)
         printf("child %x\n", status & ~0x80);  // without a core
 }
 
-// Records a text of some length three times over, as file, id and event; behind its NUL no byte can be read.
-void add_at_page_end(const an_arg_list& args)
+void fill(int fd)
 {
-    constexpr size_t page = 4096;
-    const size_t len = std::stoul(args[1]);
-    char* pages =
-        static_cast<char*>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    mprotect(pages + page, page, PROT_NONE);
-    char* at = pages + page - len - 1;
-    for (size_t i = 0; i < len; i++)
-        at[i] = char('a' + i % 26);
-    ut_hist_add(at, 1, nullptr, UT_HIST_CL_EV, UT_HIST_ID_TEXT(at), at, 0, nullptr, nullptr, nullptr, nullptr, nullptr,
-                nullptr, nullptr, nullptr);
+    static const char nothing[page] = {};
+    if (fcntl(fd, F_SETPIPE_SZ, page) != page || write(fd, nothing, page) != page)
+        printf("not filled\n");
 }
 
-void show_file(const an_arg_list& args)
+// A FIFO without a reader, or a full one whose reader, this process, reads nothing.
+void make_fifo(args_of args)
 {
-    FILE* const f = fopen(args[1].c_str(), "r");
-    if (f == nullptr)
-        printf("no %s\n", args[1].c_str());
-    for (int c; f != nullptr && (c = getc(f)) != EOF;)
-        putchar(c);
-    if (f != nullptr)
-        fclose(f);
+    mkfifo(args[1].c_str(), 0600);
+    if (args.size() > 2)
+        fill(open(args[1].c_str(), O_RDWR | O_CLOEXEC));
 }
 
-// A link to a file that another user has put into a folder where all may write.
-void plant_link(const an_arg_list& args)
+void read_slowly(int fd)
 {
-    if (mkdir("shared", 0700) != 0 || chmod("shared", 01777) != 0 || symlink(args[2].c_str(), args[1].c_str()) != 0 ||
-        lchown(args[1].c_str(), uid_t(std::stoul(args[3])), 0) != 0)
-        printf("no link\n");
+    sigset_t all;
+    sigfillset(&all);  // a dump here would wait for its own reader
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    for (char bytes[page]; read(fd, bytes, page) > 0;)
+        usleep(pace);
+}
+
+// Standard error becomes a pipe whose reader has gone (dead), reads nothing and is full (full) or reads slowly (slow).
+void pipe_stderr(args_of args)
+{
+    int ends[2];
+    if (pipe(ends) != 0 || fcntl(ends[1], F_SETPIPE_SZ, page) < 0 || dup2(ends[1], STDERR_FILENO) < 0)
+        printf("no pipe\n");
+    close(ends[1]);
+    if (args[1] == "dead")
+        close(ends[0]);
+    else if (args[1] == "full")
+        fill(STDERR_FILENO);
+    else
+        std::thread(read_slowly, ends[0]).detach();
+}
+
+// Closes standard error and opens a file that gets its number.
+void reopen_stderr(args_of args)
+{
+    close(STDERR_FILENO);
+    if (open(args[2].c_str(), O_CREAT | (args[1] == "rw" ? O_RDWR : O_WRONLY), 0600) != STDERR_FILENO)
+        printf("not standard error\n");
+}
+
+void limit(__rlimit_resource resource, rlim_t bytes)
+{
+    const struct rlimit limits = {bytes, bytes};
+    setrlimit(resource, &limits);
 }
 
 // The library's handlers, with a callback that saves the history; kernel sets apart from those of other programs.
-void install_handlers(const an_arg_list&)
+void install_handlers(args_of)
 {
-    const struct rlimit no_core = {};
-    setrlimit(RLIMIT_CORE, &no_core);
+    limit(RLIMIT_CORE, 0);
     unshare(CLONE_NEWIPC);
     ut_onsig_call_add(
         1, [](int, void*, a_bool, a_bool, a_bool, void*, void*) { raise(SIGUSR1); }, nullptr);
     ut_onsig_install_signal_handlers(FALSE);
 }
 
-void count_sets(const an_arg_list&)
+void open_set(args_of)
+{
+    static a_sysv_semaphore semaphore;
+    sysv_open_semaphore(&semaphore, 1);
+}
+
+void count_sets(args_of)
 {
     struct seminfo info = {};
     semctl(0, 0, SEM_INFO, &info);
     printf("sets %d\n", info.semusz);
 }
 
-sigjmp_buf before_event;
-
 // An event that a trap may leave by a jump.
-void leap(const an_arg_list&)
+void leap(args_of)
 {
     if (sigsetjmp(before_event, 1) == 0)
         UT_HIST_EV(UT_HIST_ID_NONE, "left");
 }
 
-std::atomic<bool> storming{true};
-void storm(const an_arg_list&)
+void storm(args_of)
 {
     while (storming)
         raise(SIGUSR1);
 }
 
-void dump_to_file(const an_arg_list& args)
+void set_trap(args_of args)
 {
-    FILE* f = fopen(args[1].c_str(), "a");
-    ut_hist_dump_to_file(f);
-    fclose(f);
+    trap_after = args.number(1);
+    trap = args.rest(2);
 }
 
-const std::map<std::string, void (*)(const an_arg_list& args)> commands = {
-    {"null", [](const an_arg_list& args) { add(UT_HIST_CL_NULL, args); }},
-    {"ev", [](const an_arg_list& args) { add(UT_HIST_CL_EV, args); }},
-    {"data", [](const an_arg_list& args) { add(UT_HIST_CL_DATA, args); }},
-    {"beg", [](const an_arg_list& args) { add(UT_HIST_CL_BEG, args); }},
-    {"end", [](const an_arg_list& args) { add(UT_HIST_CL_END, args); }},
-    {"odd", [](const an_arg_list& args) { add(9, args); }},
-    {"id",  // name, line, file, description: prints the index
-     [](const an_arg_list& args) {
-         const char* desc = text(args[4]);
-         const a_ut_hist_id id = ids[args[1]] = ut_hist_id_alloc(text(args[3]), uint32(std::stoul(args[2])), desc);
-         printf("%s=%s\n", args[1].c_str(), id == desc ? "text" : std::to_string(a_ptrint(id)).c_str());
-     }},
+void repeat(args_of args)
+{
+    for (long i = args.number(1); i > 0; i--)
+        play(args.rest(2));
+}
+
+void block_signal(args_of args)
+{
+    const sigset_t set = {{1UL << (args.number(1) - 1)}};
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+const std::map<std::string, void (*)(args_of args)> commands = {
+    {"null", add<UT_HIST_CL_NULL>},
+    {"ev", add<UT_HIST_CL_EV>},
+    {"data", add<UT_HIST_CL_DATA>},
+    {"beg", add<UT_HIST_CL_BEG>},
+    {"end", add<UT_HIST_CL_END>},
+    {"odd", add<9>},
+    {"page-end", add_at_page_end},
+    {"id", register_id},
     {"at",  // location, queue, slot, number
-     [](const an_arg_list& args) {
-         locs[args[1]] = {std::stoi(args[2]), uint32(std::stoul(args[3])), uint32(std::stoul(args[4]))};
+     [](args_of a) {
+         locs[a[1]] = {int32(a.number(2)), uint32(a.number(3)), uint32(a.number(4))};
      }},
-    {"where",
-     [](const an_arg_list& args) {
-         printf("%s %d %u %u\n", args[1].c_str(), locs[args[1]].q, locs[args[1]].n, locs[args[1]].num);
-     }},
-    {"repeat",
-     [](const an_arg_list& args) {
-         for (int i = std::stoi(args[1]); i > 0; i--)
-             play(rest(args, 2));
-     }},
-    {"clock", [](const an_arg_list& args) { now.tv_sec = std::stol(args[1]); }},
-    {"tick",
-     [](const an_arg_list& args) {
-         now.tv_usec += std::stol(args[1]);
-         now.tv_sec += now.tv_usec / 1000000;
-         now.tv_usec %= 1000000;
-     }},
-    {"trap",
-     [](const an_arg_list& args) {
-         trap_after = std::stoi(args[1]);
-         trap = rest(args, 2);
-     }},
-    {"slot", [](const an_arg_list& args) { slot = std::stoul(args[1]); }},
-    {"on", [](const an_arg_list& args) { players[args[1]].hand(rest(args, 2)); }},
-    {"begin", [](const an_arg_list& args) { players[args[1]].begin(rest(args, 2)); }},
-    {"wait", [](const an_arg_list& args) { sem_wait(&players[args[1]].done); }},
-    {"stop",
-     [](const an_arg_list& args) {
-         players[args[1]].hand("");
-         players.erase(args[1]);
-     }},
-    {"mask",
-     [](const an_arg_list& args) {
-         sigset_t set;
-         sigemptyset(&set);
-         sigaddset(&set, std::stoi(args[1]));
-         pthread_sigmask(SIG_BLOCK, &set, nullptr);
-     }},
-    {"env",
-     [](const an_arg_list& args) {
-         setenv(args[1].c_str(), args[2].c_str(), 1);
-         tzset();
-     }},
-    {"within", [](const an_arg_list& args) { alarm(unsigned(std::stoul(args[1]))); }},
-    {"pause", [](const an_arg_list& args) { usleep(useconds_t(std::stoul(args[1]))); }},
-    {"say", [](const an_arg_list& args) { printf("%s\n", args[1].c_str()); }},
-    {"show", show_file},
-    {"plant", plant_link},
-    {"fifo", [](const an_arg_list& args) { make_fifo(args[1].c_str(), args.size() > 2); }},
-    {"pipe", [](const an_arg_list& args) { pipe_stderr(args[1].c_str()); }},
-    {"pace", [](const an_arg_list& args) { pace = unsigned(std::stoul(args[1])); }},
-    {"err", [](const an_arg_list& args) { reopen_stderr(args[2].c_str(), args[1] == "rw" ? O_RDWR : O_WRONLY); }},
-    {"lock", [](const an_arg_list&) { flockfile(stderr); }},
-    {"unlock", [](const an_arg_list&) { funlockfile(stderr); }},
-    {"limit",
-     [](const an_arg_list& args) {
-         const rlim_t bytes = std::stoul(args[1]);
-         const struct rlimit limit = {bytes, bytes};
-         setrlimit(RLIMIT_FSIZE, &limit);
-     }},
+    {"repeat", repeat},
+    {"clock", [](args_of a) { now = a.number(1) * 1000000; }},
+    {"tick", [](args_of a) { now += a.number(1); }},
+    {"trap", set_trap},
+    {"slot", [](args_of a) { slot = a_ptrint(a.number(1)); }},
+    {"on", play_in_thread},
+    {"begin", play_in_thread},
+    {"wait", [](args_of a) { players[a[1]].done.acquire(); }},
+    {"stop", [](args_of a) { stop(a[1]); }},
+    {"mask", block_signal},
+    {"env", [](args_of a) { setenv(a[1].c_str(), a[2].c_str(), 1); }},
+    {"within", [](args_of a) { alarm(unsigned(a.number(1))); }},
+    {"pause", [](args_of a) { usleep(useconds_t(a.number(1))); }},
+    {"say", [](args_of a) { printf("%s\n", a[1].c_str()); }},
+    {"fifo", make_fifo},
+    {"pipe", pipe_stderr},
+    {"pace", [](args_of a) { pace = unsigned(a.number(1)); }},
+    {"err", reopen_stderr},
+    {"lock", [](args_of) { flockfile(stderr); }},
+    {"unlock", [](args_of) { funlockfile(stderr); }},
+    {"limit", [](args_of a) { limit(RLIMIT_FSIZE, rlim_t(a.number(1))); }},
     {"install", install_handlers},
-    {"set",
-     [](const an_arg_list&) {
-         static a_sysv_semaphore semaphore;
-         sysv_open_semaphore(&semaphore, 1);
-     }},
+    {"set", open_set},
     {"sets", count_sets},
     {"leap", leap},
     {"storm", storm},
-    {"calm", [](const an_arg_list&) { storming = false; }},
-    {"raise", [](const an_arg_list& args) { raise(std::stoi(args[1])); }},
-    {"exit", [](const an_arg_list&) { exit(0); }},
-    {"init", [](const an_arg_list&) { ut_hist_init(); }},
-    {"fini", [](const an_arg_list&) { ut_hist_fini(); }},
-    {"setting", [](const an_arg_list& args) { ut_hist_setting(a_ut_hist_setting(std::stoi(args[1]))); }},
-    {"debug", [](const an_arg_list&) { printf("debug %d\n", ut_hist_debug); }},
-    {"dump", [](const an_arg_list&) { ut_hist_dump_to_log(); }},
-    {"file", dump_to_file},
-    {"page-end", add_at_page_end},
+    {"calm", [](args_of) { storming = false; }},
+    {"raise", [](args_of a) { raise(int(a.number(1))); }},
+    {"init", [](args_of) { ut_hist_init(); }},
+    {"fini", [](args_of) { ut_hist_fini(); }},
+    {"setting", [](args_of a) { ut_hist_setting(a_ut_hist_setting(a.number(1))); }},
+    {"debug", [](args_of) { printf("debug %d\n", ut_hist_debug); }},
+    {"dump", [](args_of) { ut_hist_dump_to_log(); }},
+    {"file", [](args_of) { ut_hist_dump_to_file(stdout); }},
     {"usr1", raise_usr1},
-    {"mine", [](const an_arg_list&) { signal(SIGUSR1, mine); }},
+    {"mine", [](args_of) { signal(SIGUSR1, mine); }},
     {"handler", show_handler},
     {"child", fork_child},
-    {"vfork",
-     [](const an_arg_list& args) {
-         const pid_t child = vfork();
-         if (child == 0) {
-             play(rest(args, 1));
-             _exit(0);
-         }
-         waitpid(child, nullptr, 0);
-     }},
+    {"vfork", fork_child},
 };
 
 void play(const std::string& line)
@@ -351,16 +361,12 @@ void play(const std::string& line)
     for (std::string word; words >> word;)
         args.push_back(word);
     const bool kept = shown;
-    const bool thread_command =
-        args[0] == "on" || args[0] == "begin" || args[0] == "stop" || args[0] == "child" || args[0] == "file";
-    shown = !thread_command;
+    shown = std::string(" on begin stop child ").find(" " + args[0] + " ") == std::string::npos;
     commands.at(args[0])(args);
     shown = kept;
 }
 
-}  // namespace
-
-static void spring_trap()
+void spring_trap()
 {
     if (trap_after == 0 || --trap_after > 0)
         return;
@@ -369,9 +375,11 @@ static void spring_trap()
     play(trap);
 }
 
+}  // namespace
+
 extern "C" int gettimeofday(struct timeval* tv, void*) noexcept
 {
-    *tv = now;
+    *tv = {now / 1000000, now % 1000000};
     spring_trap();
     return 0;
 }
@@ -385,20 +393,20 @@ extern "C" __attribute__((no_sanitize("thread"))) int pthread_sigmask(int how, c
     return syscall(SYS_rt_sigprocmask, how, set, old, 8) == 0 ? 0 : errno;
 }
 
-// Unless option x is given, the queues' locks stay at exit.
-extern "C" const char* __lsan_default_suppressions() { return "leak:a_pool\n"; }
-extern "C" int __lsan_is_turned_off()  // in a child it cannot look at the stacks of the parent's threads
-{
-    return in_child ? 1 : 0;
-}
-extern "C" const char* __lsan_default_options() { return "print_suppressions=0"; }
-
 extern "C" __attribute__((no_sanitize("thread"))) pthread_t pthread_self() noexcept
 {
     pthread_t self;
     __asm__("mov %%fs:16, %0" : "=r"(self));
     return shown && slot != 0 ? pthread_t(slot) : self;
 }
+
+// Unless option x is given, the queues' locks stay at exit. In a child the leak checker cannot look at the stacks of the
+// parent's threads. The crash handlers are the library's.
+extern "C" const char* __lsan_default_suppressions() { return "leak:a_pool\n"; }
+extern "C" int __lsan_is_turned_off() { return in_child ? 1 : 0; }
+extern "C" const char* __lsan_default_options() { return "print_suppressions=0"; }
+extern "C" const char* __asan_default_options() { return "handle_segv=0:handle_abort=0"; }
+extern "C" const char* __tsan_default_options() { return "handle_segv=0:handle_abort=0:report_signal_unsafe=0"; }
 
 int main(int argc, char** argv)
 {
@@ -411,6 +419,6 @@ int main(int argc, char** argv)
     for (int i = 1; i < argc; i++)
         play(argv[i]);
     while (!players.empty())
-        play("stop " + players.begin()->first);
+        stop(players.begin()->first);
     return 0;
 }
