@@ -3,7 +3,6 @@
 // the steps of hist_play, indented, or none where they are those of the case before; and what comes out: "name: line |
 // line" or "name:" and lines up to an empty one, in the shorthand of in_full below.
 #include <algorithm>
-#include <map>
 #include <regex>
 
 #include "tests/process/hist_played.h"
@@ -14,19 +13,20 @@ namespace {
 // b, "note ..." a note.
 std::string in_full(const std::string& line)
 {
-    const std::string inner = line.size() < 2 ? "" : line.substr(1, line.size() - 2), stars = "**********";
+    const std::string stars = "**********", banner = " @ 2023/11/14 22:13:20 ", inner = line.substr(1, line.size() - 2);
     const std::string report = stamp + stars + " Dumping history to (ut_hist.log) # " + inner;
-    if (line == "@" || line[0] == '<')
-        return line == "@" ? stamp : report + "\n" + report + " done\n";
-    if (line[0] != '[')
-        return (line.compare(0, 5, "note ") == 0 ? "** HISTORY " + line.substr(0, 5) + "** " + line.substr(5) : line) +
-               "\n";
-    std::string dump = stars + " HISTORY DUMP BIGIN @ 2023/11/14 22:13:20 (res=0) " + stars + "\n Event\n";
-    dump += inner.empty() ? "" : gap;
+    if (line == "@")
+        return stamp;
+    if (line.starts_with("<"))
+        return report + "\n" + report + " done\n";
+    if (!line.starts_with("["))
+        return (line.starts_with("note ") ? "** HISTORY note ** " + line.substr(5) : line) + "\n";
+    std::string rows;
     std::istringstream events(inner);
     for (std::string event; events >> event;)
-        dump += std::string(6 - event.size(), ' ') + event + "\n";
-    return dump + stars + " HISTORY DUMP END @ 2023/11/14 22:13:20 (0 missed, thr=0) " + stars + "\n";
+        rows += (rows.empty() ? gap : "") + std::string(6 - event.size(), ' ') + event + "\n";
+    return stars + " HISTORY DUMP BIGIN" + banner + "(res=0) " + stars + "\n Event\n" + rows + stars +
+           " HISTORY DUMP END" + banner + "(0 missed, thr=0) " + stars + "\n";
 }
 
 // The matches in a text, each once where it follows itself, as lines.
@@ -55,67 +55,64 @@ struct a_case {
 
     void check() const
     {
-        const a_played seen = played(options, script, env);
-        std::map<std::string, std::string> all = seen.files;
+        a_played seen = played(options, script, env);
+        std::map<std::string, std::string>& all = seen.files;
         all["err"] = seen.err;
         all["out"] = seen.out;
         all["log"] = seen.log;
         all["errout"] = all["ut_hist.out"];
-        all["rows"] = rows(seen.err);
+        all["rows"] = rows(seen.err).substr(rows(seen.err).starts_with(gap) ? gap.size() : 0);
+        all["logged"] = matches(seen.log, " +[0-9]+     [a-z]|   > .*");
         all["pairs"] = matches(seen.err, "   > .*");
         all["dates"] = matches(seen.err, "20../../.. ..:..:..");
+        all["losses"] = matches(seen.err, "[0-9]+ (missed, thr=[0-9]+|events were lost.*)");
         all["steps"] =
-            without_number(seen.err.substr(std::min(seen.err.size(), seen.err.find("** HISTORY z-messages ** init"))),
-                           "hist_log.cpp:");
+            without_number(seen.err.substr(std::min(seen.err.size(), seen.err.find("z-messages ** "))), "log.cpp:");
         for (const auto& [name, text] : expected)
-            EXPECT_EQ(all[name], (name == "rows" && !text.empty() ? gap : "") + text) << name << " of " << options;
+            EXPECT_EQ(all[name], text) << name << " of " << options;
     }
 };
 
 // The options with a switch for each column before them.
 std::string with_columns(const std::string& options, const std::string& columns)
 {
-    if (columns.empty())
-        return options;
     std::string switches;
-    for (const std::string word : {"a time", "c class", "d duration", "e event", "i id", "l line", "m sigmask",
-                                   "n number", "p parms", "q queue", "r priority", "s file", "t thread"})
-        switches +=
-            std::string("i") + word[0] + ((columns + " ").find(word.substr(1) + " ") != std::string::npos ? "+" : "-");
-    return switches + options;
+    for (const std::string word : {"a time ", "c class ", "d duration ", "e event ", "i id ", "l line ", "m sigmask ",
+                                   "n number ", "p parms ", "q queue ", "r priority ", "s file ", "t thread "})
+        switches += std::string("i") + word[0] + (columns.find(word.substr(1)) != std::string::npos ? "+" : "-");
+    return (columns == " " ? "" : switches) + options;
 }
 
 std::vector<a_case> read_cases(const std::string& path)
 {
     std::vector<a_case> cases;
     std::ifstream file(path);
-    for (std::string line, previous, word, shown; std::getline(file, line);) {
+    for (std::string line, previous, word, shown; std::getline(file, line); previous = line) {
         const size_t colon = line.find(':');
-        if (line.compare(0, 8, "UT_HIST=") == 0) {
+        if (line.starts_with("UT_HIST=")) {
             const size_t columns = std::min(line.size(), line.find(" columns:"));
             std::istringstream variables(line.substr(0, columns));
             variables >> word;
             const a_text_list steps = cases.empty() ? a_text_list{} : cases.back().script;
-            cases.push_back({with_columns(word.substr(8), line.substr(columns)), {}, steps, {}});
+            cases.push_back({with_columns(word.substr(8), line.substr(columns) + " "), {}, steps, {}});
             while (variables >> word)
                 cases.back().env.push_back(word);
             cases.back().env.push_back("TZ=UTC");  // the first of a name counts
-        } else if (line.compare(0, 2, "  ") == 0) {
+        } else if (line.starts_with("  ")) {
             a_text_list& script = cases.back().script;
-            if (previous.compare(0, 8, "UT_HIST=") == 0)
+            if (previous.starts_with("UT_HIST="))
                 script.clear();
             for (const std::string& step : split(line.substr(2)))
                 script.push_back(step);
-        } else if (line[0] != '#' && colon != std::string::npos) {
+        } else if (!line.starts_with("#") && colon != std::string::npos) {
             std::string& text = cases.back().expected[line.substr(0, colon)];
-            if (colon + 2 < line.size())
+            if (colon + 1 < line.size())
                 for (const std::string& part : split(line.substr(colon + 2)))
                     text += in_full(part);
             else
                 while (std::getline(file, shown) && !shown.empty())
                     text += in_full(shown);
         }
-        previous = line;
     }
     return cases;
 }

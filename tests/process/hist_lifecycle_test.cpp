@@ -22,8 +22,8 @@ TEST(HistLifecycle, StaysOffUnlessAsked)
 {
     for (const a_text_list& env : {a_text_list{}, {"UT_HIST="}, {"UT_HIST=off"}}) {
         const a_run result = run("hist_play", env,
-                                 {"debug", "id A 1 f.c a", "ev - A a", "dump", "file", "handler", "fini",
-                                  "setting 4", "setting -1", "debug", "setting 1", "debug"});
+                                 {"debug", "id A 1 f.c a", "ev - A a", "dump", "file", "handler", "fini", "setting 4",
+                                  "setting -1", "debug", "setting 1", "debug"});
         EXPECT_EQ(result.out + result.err, "debug 0\nA=text\nSIGUSR1 default\ndebug 0\ndebug 1\n");
         EXPECT_TRUE(result.exited_well());
     }

@@ -1,6 +1,6 @@
 // hist_storm_test.cpp: dumps that signals, callers and shut-down ask for while everything else goes on are whole, and
 // so is every row in them.
-#include <string.h>
+#include <regex>
 
 #include "tests/process/hist_played.h"
 
@@ -16,88 +16,76 @@ std::string fault(const std::string& row)
     char number[32], id[32], ev[40], cl[4], p1[20], p2[20], p3[20], file[40];
     const int fields = sscanf(row.c_str(), "%*d:%*d:%*d.%6u %*s %1u %31s %u %31s %39s %3s %19s %19s %19s %u %39s",
                               &usec, &queue, number, &thread, id, ev, cl, p1, p2, p3, &line, file);
-    if (fields >= 6 && (strcmp(ev, "PROGRAM") == 0 || strcmp(ev, "data") == 0))
+    const std::string event = fields >= 6 ? ev : "", p = fields == 12 ? p3 : "";
+    if (event == "PROGRAM" || event == "data")
         return "";
-    if (fields != 12)
+    if (p.empty())
         return "a row without its columns";
     const unsigned long k = strtoul(p1, nullptr, 0);
-    if (strtoul(p2, nullptr, 0) != (k ^ 0x5A5A) || strcmp(ev, texts[k % 4]) != 0 || strcmp(file, files[k % 4]) != 0 ||
-        line != k % 9973 || strcmp(cl, k % 2 != 0 ? ">" : "<") != 0)
+    if (strtoul(p2, nullptr, 0) != (k ^ 0x5A5A) || event != texts[k % 4] || std::string(file) != files[k % 4] ||
+        line != k % 9973 || cl[0] != (k % 2 != 0 ? '>' : '<'))
         return "a row made of two";
-    const std::string p = p3, expected_id = p == "0x2"   ? (k % 2 != 0 ? "odd" : "even")
-                                            : p == "0x4" ? "Q2"
-                                            : p == "0x7" ? "SigHandler"
-                                                         : "-";
-    return id == expected_id ? "" : "another record's id";
+    const std::string of_ids = k % 2 != 0 ? "odd" : "even";
+    const std::string owner = p == "0x2" ? of_ids : p == "0x4" ? "Q2" : p == "0x7" ? "SigHandler" : "-";
+    return id == owner ? "" : "another record's id";
 }
 
 // The hex lines of a data row show "<k>=<letters>" with as many letters as k says, of the one that k says.
 std::string data_fault(const std::string& text)
 {
-    const size_t equals = text.find('=');
-    if (equals == std::string::npos)
-        return "a block without its beginning";
     const unsigned long k = strtoul(text.c_str(), nullptr, 10);
-    return text.substr(equals + 1) == std::string(k % 64, char('a' + k % 26)) ? "" : "a torn block: " + text;
+    return text == std::to_string(k) + "=" + std::string(k % 64, char('a' + k % 26)) ? "" : "a torn block";
 }
 
 // Reads a log of many dumps; gives the first thing that is wrong with it, and counts.
 struct a_reader {
-    int dumps = 0, rows = 0, blocks = 0, gaps = 0;
+    int dumps = 0, rows = 0, blocks = 0;
 
     std::string read(const std::string& log)
     {
-        enum { outside, begun, in_rows, in_statistics } state = outside;
+        const std::regex whole("BH[grx]*S[^BHE]*E");
         std::istringstream lines(log);
+        std::string shape, block;  // a letter for each line of the dump; the data of the last row
         unsigned long last = 0;
-        std::string block;
         bool in_block = false;
-        for (std::string line; std::getline(lines, line);) {
-            const bool hex = line.compare(0, 2, "\t\t") == 0;
-            if (in_block && !hex) {
-                const std::string wrong = data_fault(block);
-                if (!wrong.empty())
-                    return wrong;
+        for (std::string line, wrong; std::getline(lines, line);) {
+            const auto has = [&line](const char* text) { return line.find(text) != std::string::npos; };
+            const bool in_rows = shape.find('S') == std::string::npos;
+            const char kind = has("HISTORY DUMP BIGIN")      ? 'B'
+                              : has("HISTORY DUMP END")      ? 'E'
+                              : has("STATISTICS DUMP BIGIN") ? 'S'
+                              : has("    time..milli")       ? 'H'
+                              : line + "\n" == gap           ? 'g'
+                              : line.starts_with("\t\t")     ? 'x'
+                              : in_rows                      ? 'r'
+                                                             : 's';
+            shape += kind;
+            if (in_block && kind != 'x') {
+                wrong = data_fault(block);
                 blocks++;
                 in_block = false;
             }
-            if (line.find("HISTORY DUMP BIGIN") != std::string::npos) {
-                if (state != outside)
-                    return "a dump inside another";
-                state = begun;
-                last = 0;
-            } else if (state == begun) {
-                if (line.compare(0, 15, "    time..milli") != 0)
-                    return "a dump without its header";
-                state = in_rows;
-            } else if (line.find("STATISTICS DUMP BIGIN") != std::string::npos && state == in_rows) {
-                state = in_statistics;
-            } else if (line.find("HISTORY DUMP END") != std::string::npos) {
-                if (state != in_statistics)
-                    return "an end without its sections";
-                state = outside;
-                dumps++;
-            } else if (state == in_rows && line == "........ ......") {
-                gaps++;
-            } else if (state == in_rows && hex) {
+            if (kind == 'x') {
                 block += line.substr(line.size() - 17, 16);
                 block.erase(block.find_last_not_of(' ') + 1);
-            } else if (state == in_rows) {
-                const std::string wrong = fault(line);
+            } else if (kind == 'r' && wrong.empty()) {
                 const unsigned long number = strtoul(line.substr(29).c_str(), nullptr, 10);
-                if (!wrong.empty())
-                    return wrong + ": " + line;
-                if (number <= last)
-                    return "rows out of order: " + line;
+                wrong = number > last ? fault(line) : "rows out of order";
                 last = number;
                 rows++;
-                in_block = line.back() == ')' && line.compare(line.size() - 3, 3, "NA)") != 0;
+                in_block = line.ends_with(")") && !line.ends_with("NA)");
                 block.clear();
-            } else if (state == outside) {
-                return "a line outside a dump: " + line;
+            } else if (kind == 'E') {
+                if (!std::regex_match(shape, whole))
+                    return "a dump that is not whole: " + shape;
+                shape.clear();
+                last = 0;
+                dumps++;
             }
+            if (!wrong.empty())
+                return wrong + ": " + line + "\n" + block;
         }
-        return state == outside ? "" : "a dump without its end";
+        return shape.empty() ? "" : "a dump without its end";
     }
 };
 

@@ -1,5 +1,5 @@
 // hist_handler.cpp: enters the SIGUSR1 handler where other components hold their locks and proves that it uses nothing
-// unsafe: stand-ins for malloc, stdio, local time, the pthread locks, syslog and exit abort while it runs.
+// unsafe: stand-ins for malloc, stdio, local time and the pthread locks abort while it runs.
 #include <dlfcn.h>
 #include <errno.h>
 #include <pthread.h>
@@ -10,10 +10,10 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/time.h>
-#include <syslog.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <semaphore>
 #include <thread>
 
 #include "corvex/corvex.h"
@@ -91,45 +91,12 @@ T real(const char* name)
 #ifndef __clang__
 #pragma GCC diagnostic ignored "-Wmissing-attributes"
 #endif
-STAND_IN(FILE*, fopen, (const char* name, const char* mode), (name, mode))
-STAND_IN(FILE*, fdopen, (int fd, const char* mode) noexcept, (fd, mode))
-STAND_IN(int, fclose, (FILE * f), (f))
 STAND_IN(int, fflush, (FILE * f), (f))
 STAND_IN(size_t, fwrite, (const void* p, size_t size, size_t n, FILE* f), (p, size, n, f))
 STAND_IN(int, fputs, (const char* s, FILE* f), (s, f))
-STAND_IN(int, fputc, (int c, FILE* f), (c, f))
 STAND_IN(int, vfprintf, (FILE * f, const char* format, va_list list), (f, format, list))
-STAND_IN(int, vsnprintf, (char* s, size_t n, const char* format, va_list list) noexcept, (s, n, format, list))
 STAND_IN(struct tm*, localtime_r, (const time_t* t, struct tm* local) noexcept, (t, local))
-STAND_IN(struct tm*, localtime, (const time_t* t) noexcept, (t))
-STAND_IN(time_t, mktime, (struct tm * local) noexcept, (local))
 STAND_IN(int, pthread_mutex_lock, (pthread_mutex_t * mutex) noexcept, (mutex))
-STAND_IN(int, pthread_mutex_trylock, (pthread_mutex_t * mutex) noexcept, (mutex))
-STAND_IN(int, pthread_cond_wait, (pthread_cond_t * cond, pthread_mutex_t* mutex), (cond, mutex))
-
-extern "C" int fprintf(FILE* f, const char* format, ...)
-{
-    va_list list;
-    va_start(list, format);
-    const int written = vfprintf(f, format, list);
-    va_end(list);
-    return written;
-}
-extern "C" int snprintf(char* s, size_t n, const char* format, ...) noexcept
-{
-    va_list list;
-    va_start(list, format);
-    const int written = vsnprintf(s, n, format, list);
-    va_end(list);
-    return written;
-}
-extern "C" void syslog(int, const char*, ...) { check("syslog"); }
-extern "C" void exit(int status)
-{
-    check("exit");
-    real<void (*)(int)>("exit")(status);
-    abort();
-}
 
 extern "C" void* __libc_malloc(size_t size);
 extern "C" void* __libc_calloc(size_t n, size_t size);
@@ -181,23 +148,16 @@ int main(int argc, char**)
     raise_in_malloc = 1;
     free(malloc(100));
 
-    flockfile(stderr);  // this thread holds the stream's lock
-    raise(SIGUSR1);
-    funlockfile(stderr);
-    volatile int held = 0;
-    std::thread holder([&held] {  // another thread holds it, and stdout's
+    std::binary_semaphore held{0}, done{0};
+    std::thread holder([&held, &done] {  // another thread holds the stream's lock
         flockfile(stderr);
-        flockfile(stdout);
-        __atomic_store_n(&held, 1, __ATOMIC_SEQ_CST);
-        while (__atomic_load_n(&held, __ATOMIC_SEQ_CST) == 1)
-            usleep(100);
-        funlockfile(stdout);
+        held.release();
+        done.acquire();
         funlockfile(stderr);
     });
-    while (__atomic_load_n(&held, __ATOMIC_SEQ_CST) == 0)
-        usleep(100);
+    held.acquire();
     raise(SIGUSR1);
-    __atomic_store_n(&held, 2, __ATOMIC_SEQ_CST);
+    done.release();
     holder.join();
 
     raise_in_clock = 1;  // the queue's lock is held, the record half written

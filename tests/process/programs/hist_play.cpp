@@ -48,7 +48,8 @@ long trap_after = 0;
 thread_local a_ptrint slot = 0;   // the handle's low bits; 0: the real handle
 thread_local bool shown = false;  // the history is being called: it gets to see `slot`
 bool in_child = false;
-std::map<std::string, a_ut_hist_id> ids;
+std::map<std::string, a_ut_hist_id> ids = {
+    {"-", UT_HIST_ID_NONE}, {"SIG", UT_HIST_ID_SIGHANDLER}, {"Q2", UT_HIST_ID_Q2}};
 std::map<std::string, a_ut_hist_loc> locs;
 std::deque<std::string> texts;
 sigjmp_buf before_event;
@@ -64,8 +65,6 @@ a_ut_hist_id id_of(const std::string& name)
 {
     if (name[0] == '#')
         return a_ut_hist_id(a_ptrint(std::stoul(name.substr(1))));
-    if (name == "-" || name == "SIG" || name == "Q2")
-        return name == "-" ? UT_HIST_ID_NONE : name == "Q2" ? UT_HIST_ID_Q2 : UT_HIST_ID_SIGHANDLER;
     return ids.count(name) != 0 ? ids[name] : UT_HIST_ID_TEXT(text(name));
 }
 
@@ -174,11 +173,10 @@ void show_handler(args_of)
 void fork_child(args_of args)
 {
     fflush(nullptr);
-    const pid_t child = args[0] == "vfork" ? vfork() : fork();
-    if (child == 0 && args[0] == "vfork") {
-        play(args.rest(1));
-        _exit(0);
-    }
+    const bool shares_memory = args[0] == "vfork";
+    const pid_t child = shares_memory ? vfork() : fork();
+    if (child == 0 && shares_memory)
+        play(args.rest(1)), _exit(0);
     if (child == 0) {
         in_child = true;
         alarm(20);
@@ -221,9 +219,8 @@ void read_slowly(int fd)
 void pipe_stderr(args_of args)
 {
     int ends[2];
-    if (pipe(ends) != 0 || fcntl(ends[1], F_SETPIPE_SZ, page) < 0 || dup2(ends[1], STDERR_FILENO) < 0)
+    if (pipe(ends) != 0 || fcntl(ends[1], F_SETPIPE_SZ, page) < 0 || dup2(ends[1], STDERR_FILENO) < 0 || close(ends[1]))
         printf("no pipe\n");
-    close(ends[1]);
     if (args[1] == "dead")
         close(ends[0]);
     else if (args[1] == "full")
@@ -236,8 +233,7 @@ void pipe_stderr(args_of args)
 void reopen_stderr(args_of args)
 {
     close(STDERR_FILENO);
-    if (open(args[2].c_str(), O_CREAT | (args[1] == "rw" ? O_RDWR : O_WRONLY), 0600) != STDERR_FILENO)
-        printf("not standard error\n");
+    open(args[2].c_str(), O_CREAT | (args[1] == "rw" ? O_RDWR : O_WRONLY), 0600);
 }
 
 void limit(__rlimit_resource resource, rlim_t bytes)

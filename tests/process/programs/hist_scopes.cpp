@@ -1,28 +1,22 @@
 // hist_scopes.cpp: the instrumentation macros and the scope object in C++.
-#include <stdexcept>
-
 #include "corvex/corvex.h"
 
-namespace {
-
-void leave(a_ut_hist_id id, int how)
+static void leave(a_ut_hist_id id, bool by_throw)
 {
-    UT_HIST_SCOPE(id, how == 0 ? "return" : "throw");
-    if (how == 0)
+    UT_HIST_SCOPE(id, by_throw ? "throw" : "return");
+    if (!by_throw)
         return;
     UT_HIST_EV(UT_HIST_ID_NONE, "inside", reinterpret_cast<void*>(1), 2L, size_t(3), 1.0);
-    throw std::runtime_error("left early");
+    throw 1;
 }
-
-}  // namespace
 
 int main()
 {
     const a_ut_hist_id id = ut_hist_id_alloc("scopes.cpp", 1, "scope");
-    leave(id, 0);
+    leave(id, false);
     try {
-        leave(id, 1);
-    } catch (const std::runtime_error&) {
+        leave(id, true);
+    } catch (int) {
     }
     {
         UT_HIST_SCOPE(id, "half");

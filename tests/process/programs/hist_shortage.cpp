@@ -1,7 +1,9 @@
-// hist_shortage.cpp: lets the k-th allocation fail, for every k, of start-up, of registering ids and of a whole life of
-// the history, and counts the blocks that are left.
+// hist_shortage.cpp: lets the k-th allocation fail, for every k, of start-up and of a whole life of the history, and
+// counts the blocks that are left.
 #include <stdio.h>
 #include <stdlib.h>
+
+#include <initializer_list>
 
 #include "corvex/corvex.h"
 #include "failing_calls.h"
@@ -30,29 +32,21 @@ int main(int, char** argv)
     ut_hist_fini();
     const long before = live_blocks;
     int off = 0, leaks = 0;
-    for (long k = 1;; k++) {
-        fail_in = k;
-        ut_hist_init();
-        const bool missed = fail_in == 0;
-        fail_in = 0;
-        off += ut_hist_debug == 0;
-        live_on(ut_hist_id_alloc("f.c", 1, "id"));
-        ut_hist_fini();
-        leaks += live_blocks != before;
-        if (!missed)
-            break;
-    }
-    for (long k = 1;; k++) {
-        ut_hist_init();
-        fail_in = k;
-        for (int i = 0; i < 30; i++)  // more locks than one batch of the pool
-            live_on(ut_hist_id_alloc("f.c", 1, "id"));
-        const bool missed = fail_in == 0;
-        fail_in = 0;
-        ut_hist_fini();
-        leaks += live_blocks != before;
-        if (!missed)
-            break;
+    for (const bool at_start : {true, false}) {
+        bool failed = true;
+        for (long k = 1; failed; k++) {
+            fail_in = at_start ? k : 0;
+            ut_hist_init();
+            failed = at_start && fail_in == 0;
+            off += ut_hist_debug == 0;
+            fail_in = at_start ? 0 : k;
+            for (int i = at_start ? 30 : 1; i <= 30; i++)  // more locks than one batch of the pool
+                live_on(ut_hist_id_alloc("f.c", 1, "id"));
+            failed = failed || (!at_start && fail_in == 0);
+            fail_in = 0;
+            ut_hist_fini();
+            leaks += live_blocks != before;
+        }
     }
     // A store that was kept, and a start-up with more queues that gets none.
     setenv("UT_HIST", "x-", 1);

@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -29,27 +28,17 @@ const char* const files[] = {"f-0", "file--1", "long-file-----2", "/some/way/lon
 void record(uint32 thread, uint32 k, a_ut_hist_id id)
 {
     a_ut_hist_loc loc = UT_HIST_LOC_INIT;
-    void* const p1 = reinterpret_cast<void*>(a_ptrint(k));
-    void* const p2 = reinterpret_cast<void*>(a_ptrint(k ^ 0x5A5A));
-    ut_hist_add(files[k % 4], k % 9973, &loc, k % 2 != 0 ? UT_HIST_CL_BEG : UT_HIST_CL_END, id, texts[k % 4], 3, p1, p2,
-                reinterpret_cast<void*>(a_ptrint(thread + 1)), nullptr, nullptr, nullptr, nullptr, nullptr);
-    if (k % 16 == 0) {
-        char block[100];
-        const int len =
-            snprintf(block, sizeof block, "%u=%.*s", k, int(k % 64), std::string(64, char('a' + k % 26)).c_str());
-        ut_hist_add("data", 1, nullptr, UT_HIST_CL_DATA, id, " data", 2, block, reinterpret_cast<void*>(a_ptrint(len)),
-                    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    const auto p = [](uint32 value) { return reinterpret_cast<void*>(a_ptrint(value)); };
+    ut_hist_add(files[k % 4], k % 9973, &loc, k % 2 != 0 ? UT_HIST_CL_BEG : UT_HIST_CL_END, id, texts[k % 4], 3, p(k),
+                p(k ^ 0x5A5A), p(thread + 1), nullptr, nullptr, nullptr, nullptr, nullptr);
+    if (k % 16 == 0 && id != UT_HIST_ID_SIGHANDLER) {
+        const std::string block = std::to_string(k) + "=" + std::string(k % 64, char('a' + k % 26));
+        UT_HIST_DATA(id, " data", block.c_str(), block.size());
     }
 }
 
 // Queue 1's only writer: this thread gets all the SIGUSR2.
-void on_usr2(int)
-{
-    const uint32 k = ++handled;
-    ut_hist_add(files[k % 4], k % 9973, nullptr, k % 2 != 0 ? UT_HIST_CL_BEG : UT_HIST_CL_END, UT_HIST_ID_SIGHANDLER,
-                texts[k % 4], 3, reinterpret_cast<void*>(a_ptrint(k)), reinterpret_cast<void*>(a_ptrint(k ^ 0x5A5A)),
-                reinterpret_cast<void*>(a_ptrint(7)), nullptr, nullptr, nullptr, nullptr, nullptr);
-}
+void on_usr2(int) { record(6, ++handled, UT_HIST_ID_SIGHANDLER); }
 
 void churn(uint32)
 {
@@ -63,21 +52,15 @@ void churn(uint32)
     free(block);
 }
 
-void dump(uint32 k)
-{
-    if (k % 2 == 0)
-        ut_hist_dump_to_log();
-    else
-        ut_hist_dump_to_file(nowhere);
-    usleep(300);
-}
-
 const std::vector<void (*)(uint32)> work = {
     churn,
     [](uint32 k) { record(1, k, ids[k % 2]); },
     [](uint32 k) { record(2, k, UT_HIST_ID_NONE); },
     [](uint32 k) { record(3, k, UT_HIST_ID_Q2); },
-    dump,
+    [](uint32 k) {
+        k % 2 == 0 ? ut_hist_dump_to_log() : ut_hist_dump_to_file(nowhere);
+        usleep(300);
+    },
     [](uint32) { usleep(50); },  // gets SIGUSR2
 };
 
