@@ -7,7 +7,7 @@ std::string recorded_by(const std::string& program)
 {
     const a_run result = run(program, {"UT_HIST=xkn99ia-id-in-it-il-is-", "UT_HIST_THREAD_SLOT=dense"});
     EXPECT_TRUE(result.exited_well()) << result.status;
-    return without_number(rows(result.err), " +0x");
+    return std::regex_replace(rows(result.err), std::regex(" [+]0x[0-9a-f]+"), " +0x");
 }
 
 bool compiles(const std::string& line, bool cxx)

@@ -3,6 +3,7 @@
 #define PROCESS_HIST_PLAYED_H
 
 #include <map>
+#include <regex>
 
 #include "tests/process/run.h"
 
@@ -20,14 +21,14 @@ inline std::string replaced(std::string text, const std::string& from, const std
     return text;
 }
 
-// Without the digits (also hexadecimal ones) that stand behind each `before`.
-inline std::string without_number(std::string text, const std::string& before)
+// The matches in a text, each once where it follows itself, as lines.
+inline std::string matches(const std::string& text, const char* pattern)
 {
-    for (size_t at = 0; (at = text.find(before, at)) != std::string::npos;) {
-        at += before.size();
-        text.erase(at, text.find_first_not_of("0123456789abcdef", at) - at);
-    }
-    return text;
+    const std::regex expression(pattern);
+    std::string all, last;
+    for (std::sregex_iterator at(text.begin(), text.end(), expression), end; at != end; last = (at++)->str())
+        all += at->str() != last ? at->str() + "\n" : "";
+    return all;
 }
 
 inline size_t count(const std::string& text, const std::string& part)

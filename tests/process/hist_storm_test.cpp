@@ -12,22 +12,22 @@ const char* const files[] = {"f-0", "file--1", "long-file-----2", "ome/way/long-
 // What is wrong with a row; empty for nothing.
 std::string fault(const std::string& row)
 {
-    unsigned queue, thread, line, usec;
-    char number[32], id[32], ev[40], cl[4], p1[20], p2[20], p3[20], file[40];
-    const int fields = sscanf(row.c_str(), "%*d:%*d:%*d.%6u %*s %1u %31s %u %31s %39s %3s %19s %19s %19s %u %39s",
-                              &usec, &queue, number, &thread, id, ev, cl, p1, p2, p3, &line, file);
-    const std::string event = fields >= 6 ? ev : "", p = fields == 12 ? p3 : "";
-    if (event == "PROGRAM" || event == "data")
+    std::istringstream words(row);
+    a_text_list seen;  // time, duration, queue, number, thread, id, event, class, three parameters, line, file
+    for (std::string word; words >> word;)
+        seen.push_back(word);
+    if (row.find(" PROGRAM DUMP ") != std::string::npos || row.find(" data +") != std::string::npos)
         return "";
-    if (p.empty())
+    if (seen.size() != 13)
         return "a row without its columns";
-    const unsigned long k = strtoul(p1, nullptr, 0);
-    if (strtoul(p2, nullptr, 0) != (k ^ 0x5A5A) || event != texts[k % 4] || std::string(file) != files[k % 4] ||
-        line != k % 9973 || cl[0] != (k % 2 != 0 ? '>' : '<'))
-        return "a row made of two";
-    const std::string of_ids = k % 2 != 0 ? "odd" : "even";
-    const std::string owner = p == "0x2" ? of_ids : p == "0x4" ? "Q2" : p == "0x7" ? "SigHandler" : "-";
-    return id == owner ? "" : "another record's id";
+    const unsigned long k = strtoul(seen[8].c_str(), nullptr, 0);
+    const bool odd = k % 2 != 0, right = strtoul(seen[9].c_str(), nullptr, 0) == (k ^ 0x5A5A);
+    const std::map<std::string, std::string> owners = {
+        {"0x2", odd ? "odd" : "even"}, {"0x4", "Q2"}, {"0x7", "SigHandler"}};
+    const std::string owner = owners.count(seen[10]) != 0 ? owners.at(seen[10]) : "-";
+    const a_text_list whole = {owner,   texts[k % 4], odd ? ">" : "<",          seen[8],
+                               seen[9], seen[10],     std::to_string(k % 9973), files[k % 4]};
+    return right && std::equal(whole.begin(), whole.end(), seen.begin() + 5) ? "" : "a row made of two";
 }
 
 // The hex lines of a data row show "<k>=<letters>" with as many letters as k says, of the one that k says.

@@ -1,4 +1,4 @@
-// hist_handler.cpp: enters the SIGUSR1 handler where other components hold their locks and proves that it uses nothing
+// hist_handler.cpp: enters the SIGUSR1 handler, also inside an event and inside a dump, and proves that it uses nothing
 // unsafe: stand-ins for malloc, stdio, local time and the pthread locks abort while it runs.
 #include <dlfcn.h>
 #include <errno.h>
@@ -13,16 +13,15 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <semaphore>
-#include <thread>
+#include <algorithm>
+#include <string>
 
 #include "corvex/corvex.h"
 
 namespace {
 
-thread_local int in_handler __attribute__((tls_model("initial-exec"))) = 0;
-thread_local int raise_in_malloc __attribute__((tls_model("initial-exec"))) = 0;
-thread_local int raise_in_clock __attribute__((tls_model("initial-exec"))) = 0;
+bool in_handler = false;
+int raise_in_clock = 0;
 int dumps = 0;
 struct sigaction library;  // the library's own disposition
 char* stack;
@@ -32,49 +31,27 @@ size_t deepest = 0;
 
 void check(const char* name)
 {
-    if (in_handler == 0)
+    if (!in_handler)
         return;
-    in_handler = 0;
+    in_handler = false;
     (void)!write(STDERR_FILENO, name, strlen(name));
     (void)!write(STDERR_FILENO, " in a handler\n", 14);
     abort();
 }
 
-__attribute__((noinline)) void enter_library(int sig, siginfo_t* info, void* context)
-{
-    in_handler = 1;
-    library.sa_sigaction(sig, info, context);
-    in_handler = 0;
-}
-
-// Stands before the library's handler. On the painted stack it measures how deep that went.
+// Stands before the library's handler and measures how deep that went on the painted stack.
 void handler(int sig, siginfo_t* info, void* context)
 {
     char here;
-    const bool painted = &here > stack && &here < stack + stack_size;
-    if (painted)
-        memset(stack, paint, size_t(&here - stack) - 512);
-    enter_library(sig, info, context);
+    memset(stack, paint, size_t(&here - stack) - 512);
+    in_handler = true;
+    library.sa_sigaction(sig, info, context);
+    in_handler = false;
     size_t untouched = 0;
-    while (painted && stack[untouched] == paint)
+    while (stack[untouched] == paint)
         untouched++;
-    if (painted && size_t(&here - stack) - untouched > deepest)
-        deepest = size_t(&here - stack) - untouched;
+    deepest = std::max(deepest, size_t(&here - stack) - untouched);
     dumps++;
-}
-
-void use_handler(int flags)
-{
-    struct sigaction mine = {};
-    mine.sa_sigaction = handler;
-    mine.sa_flags = SA_SIGINFO | SA_RESTART | flags;
-    sigaction(SIGUSR1, &mine, nullptr);
-}
-
-template <typename T>
-T real(const char* name)
-{
-    return reinterpret_cast<T>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
@@ -82,7 +59,7 @@ T real(const char* name)
 #define STAND_IN(type, name, parms, args)                                                                              \
     extern "C" type name parms                                                                                         \
     {                                                                                                                  \
-        static type(*const next) parms = real<type(*) parms>(#name);                                                   \
+        static const auto next = reinterpret_cast<type(*) parms>(dlsym(RTLD_NEXT, #name));                             \
         check(#name);                                                                                                  \
         return next args;                                                                                              \
     }
@@ -102,23 +79,10 @@ extern "C" void* __libc_malloc(size_t size);
 extern "C" void* __libc_calloc(size_t n, size_t size);
 extern "C" void* __libc_realloc(void* block, size_t size);
 extern "C" void __libc_free(void* block);
-static int heap_lock = 0;
-
-static void with_heap_lock(const char* name)
-{
-    check(name);
-    while (__atomic_exchange_n(&heap_lock, 1, __ATOMIC_ACQUIRE) != 0)
-        ;
-    if (raise_in_malloc != 0) {
-        raise_in_malloc = 0;
-        raise(SIGUSR1);
-    }
-    __atomic_store_n(&heap_lock, 0, __ATOMIC_RELEASE);
-}
-extern "C" void* malloc(size_t size) { return with_heap_lock("malloc"), __libc_malloc(size); }
-extern "C" void* calloc(size_t n, size_t size) { return with_heap_lock("calloc"), __libc_calloc(n, size); }
-extern "C" void* realloc(void* at, size_t size) { return with_heap_lock("realloc"), __libc_realloc(at, size); }
-extern "C" void free(void* block) { with_heap_lock("free"), __libc_free(block); }
+extern "C" void* malloc(size_t size) { return check("malloc"), __libc_malloc(size); }
+extern "C" void* calloc(size_t n, size_t size) { return check("calloc"), __libc_calloc(n, size); }
+extern "C" void* realloc(void* at, size_t size) { return check("realloc"), __libc_realloc(at, size); }
+extern "C" void free(void* block) { check("free"), __libc_free(block); }
 
 extern "C" int gettimeofday(struct timeval* tv, void*) noexcept
 {
@@ -142,40 +106,24 @@ int main(int argc, char**)
     sigaction(SIGUSR1, nullptr, &library);
     if (argc > 1)
         library.sa_sigaction = [](int, siginfo_t*, void*) { fputs("unsafe", stderr); };
-    use_handler(0);
-
-    raise(SIGUSR1);  // opens a pending errout file
-    raise_in_malloc = 1;
-    free(malloc(100));
-
-    std::binary_semaphore held{0}, done{0};
-    std::thread holder([&held, &done] {  // another thread holds the stream's lock
-        flockfile(stderr);
-        held.release();
-        done.acquire();
-        funlockfile(stderr);
-    });
-    held.acquire();
-    raise(SIGUSR1);
-    done.release();
-    holder.join();
-
-    raise_in_clock = 1;  // the queue's lock is held, the record half written
-    UT_HIST_EV(id, "interrupted");
-    raise_in_clock = 3;  // a dump is running, with all locks
-    ut_hist_dump_to_log();
-
     stack = static_cast<char*>(mmap(nullptr, stack_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     stack_t alternate = {};
     alternate.ss_sp = stack;
     alternate.ss_size = stack_size;
     sigaltstack(&alternate, nullptr);
-    use_handler(SA_ONSTACK);
+    struct sigaction mine = {};
+    mine.sa_sigaction = handler;
+    mine.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
+    sigaction(SIGUSR1, &mine, nullptr);
+
+    raise(SIGUSR1);      // opens a pending errout file
+    raise_in_clock = 1;  // the queue's lock is held, the record half written
+    UT_HIST_EV(id, "interrupted");
+    raise_in_clock = 3;  // a dump is running, with all locks
+    ut_hist_dump_to_log();
     errno = 4242;
     raise(SIGUSR1);
     printf("errno %s, dumps %d, stack %s\n", errno == 4242 ? "kept" : "changed", dumps,
-           deepest > 0 && deepest < 8192 ? "small" : "large");
-    if (deepest >= 8192)
-        printf("%zu\n", deepest);
+           deepest < 8192 ? "small" : std::to_string(deepest).c_str());
     return 0;
 }

@@ -43,7 +43,7 @@ struct an_arg_list : std::vector<std::string> {
 using args_of = const an_arg_list&;
 
 long now = 1700000000000000;  // 2023/11/14 22:13:20 UTC
-std::string trap;             // played in the trap_after-th look at the clock or at the signal mask from now
+an_arg_list trap;             // played in the trap_after-th look at the clock or at the signal mask from now
 long trap_after = 0;
 thread_local a_ptrint slot = 0;   // the handle's low bits; 0: the real handle
 thread_local bool shown = false;  // the history is being called: it gets to see `slot`
@@ -124,6 +124,7 @@ struct a_player {
             done.release();
         }
     }};
+    ~a_player() { begin(""), thread.join(); }
     void begin(const std::string& command)
     {
         line = command;
@@ -139,24 +140,14 @@ void play_in_thread(args_of args)
         players[args[1]].done.acquire();
 }
 
-void stop(const std::string& name)
-{
-    players[name].begin("");
-    players[name].thread.join();
-    players.erase(name);
-}
-
 void mine(int) { (void)!write(STDOUT_FILENO, "mine\n", 5); }
 
 void raise_usr1(args_of)
 {
-    const bool kept = shown;
-    shown = false;  // raise itself asks for the real handle
     errno = 4242;
     raise(SIGUSR1);
     if (errno != 4242)
         printf("errno changed\n");
-    shown = kept;
 }
 
 void show_handler(args_of)
@@ -278,11 +269,8 @@ void storm(args_of)
         raise(SIGUSR1);
 }
 
-void set_trap(args_of args)
-{
-    trap_after = args.number(1);
-    trap = args.rest(2);
-}
+// Location, queue, slot, number.
+void set_location(args_of a) { locs[a[1]] = {int32(a.number(2)), uint32(a.number(3)), uint32(a.number(4))}; }
 
 void repeat(args_of args)
 {
@@ -305,19 +293,16 @@ const std::map<std::string, void (*)(args_of args)> commands = {
     {"odd", add<9>},
     {"page-end", add_at_page_end},
     {"id", register_id},
-    {"at",  // location, queue, slot, number
-     [](args_of a) {
-         locs[a[1]] = {int32(a.number(2)), uint32(a.number(3)), uint32(a.number(4))};
-     }},
+    {"at", set_location},
     {"repeat", repeat},
     {"clock", [](args_of a) { now = a.number(1) * 1000000; }},
     {"tick", [](args_of a) { now += a.number(1); }},
-    {"trap", set_trap},
+    {"trap", [](args_of a) { trap_after = (trap = a).number(1); }},
     {"slot", [](args_of a) { slot = a_ptrint(a.number(1)); }},
     {"on", play_in_thread},
     {"begin", play_in_thread},
     {"wait", [](args_of a) { players[a[1]].done.acquire(); }},
-    {"stop", [](args_of a) { stop(a[1]); }},
+    {"stop", [](args_of a) { players.erase(a[1]); }},
     {"mask", block_signal},
     {"env", [](args_of a) { setenv(a[1].c_str(), a[2].c_str(), 1); }},
     {"within", [](args_of a) { alarm(unsigned(a.number(1))); }},
@@ -357,7 +342,7 @@ void play(const std::string& line)
     for (std::string word; words >> word;)
         args.push_back(word);
     const bool kept = shown;
-    shown = std::string(" on begin stop child ").find(" " + args[0] + " ") == std::string::npos;
+    shown = std::string(" on begin stop child usr1 ").find(" " + args[0] + " ") == std::string::npos;
     commands.at(args[0])(args);
     shown = kept;
 }
@@ -366,9 +351,9 @@ void spring_trap()
 {
     if (trap_after == 0 || --trap_after > 0)
         return;
-    if (trap == "jump")
+    if (trap[2] == "jump")
         siglongjmp(before_event, 1);  // from here: nothing is left behind
-    play(trap);
+    play(trap.rest(2));
 }
 
 }  // namespace
@@ -414,7 +399,6 @@ int main(int argc, char** argv)
     slot = 7;
     for (int i = 1; i < argc; i++)
         play(argv[i]);
-    while (!players.empty())
-        stop(players.begin()->first);
+    players.clear();
     return 0;
 }
