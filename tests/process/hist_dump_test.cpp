@@ -1,7 +1,6 @@
-// hist_dump_test.cpp: what the history writes, to the byte, under a fixed clock. Most of it stands in
-// tests/process/cases: a case is a line of variables, UT_HIST first, perhaps with " columns: " and the only ones shown;
-// the steps of hist_play, indented, or none where they are those of the case before; and what comes out: "name: line |
-// line" or "name:" and lines up to an empty one, in the shorthand of in_full below.
+// hist_dump_test.cpp: what the history writes, to the byte, under a fixed clock. A case of tests/process/cases is a line
+// of variables, UT_HIST first, perhaps with " columns:" and the only ones shown; steps of hist_play, indented, else those
+// of the case before; and what comes out: "name: line | line" or "name:" and lines up to an empty one, see in_full.
 #include <algorithm>
 
 #include "tests/process/hist_played.h"
@@ -17,8 +16,8 @@ a_text_list split(std::string text)
     return parts;
 }
 
-// "@" is the line before a message, "<n>" the two reports of a dump of n events, "<(log) ..." that of one that failed, "[a b]" a whole dump of the texts a and
-// b, "note ..." a note.
+// "@" is the line before a message, "<n>" the two reports of a dump of n events, "<(log) ...>" that of one that failed,
+// "[a b]" a whole dump of the texts a and b, "note ..." a note.
 std::string in_full(const std::string& line)
 {
     const std::string stars = "**********", banner = " @ 2023/11/14 22:13:20 ", inner = line.substr(1, line.size() - 2);

@@ -3,13 +3,13 @@
 
 namespace {
 
+// Sanitizers bring their own malloc, locks and stacks: stand-ins are not tried with them.
 const bool sanitized = std::string(CORVEX_SANITIZE) != "";
 
 }  // namespace
 
 TEST(HistSignals, HandlerUsesNothingUnsafeAndLittleStack)
 {
-    // The sanitizers bring their own malloc and their own wrappers of the rest, on stacks of their own size.
     if (sanitized)
         return;
     for (const char* options : {"f-k", "f-kl", "f-kea-", "f-kle", "f-kcl=/no/such/x.log,e", "f-kq4iqimirn4"}) {
@@ -49,7 +49,6 @@ TEST(HistFork, ErroutFileHoldsWholeLinesOfEveryProcess)
 
 TEST(HistFork, HandlersMayForkAtAnyLockAndThreadsMayBeCancelledInADump)
 {
-    // The sanitizers take locks of their own in the stand-in for pthread_mutex_lock.
     if (sanitized)
         return;
     const a_run result = run("hist_interrupted", {"UT_HIST=n50k300l=x.log,r-", "UT_HIST_THREAD_SLOT=dense"});
@@ -59,7 +58,6 @@ TEST(HistFork, HandlersMayForkAtAnyLockAndThreadsMayBeCancelledInADump)
 
 TEST(HistShortage, LeavesTheHistoryOffAndNothingBehind)
 {
-    // The sanitizers' own malloc takes the stand-in's place.
     if (sanitized)
         return;
     // The store is mapped; the one allocation that it cannot do without is that of its first locks.

@@ -21,8 +21,7 @@
 namespace {
 
 bool in_handler = false;
-int raise_in_clock = 0;
-int dumps = 0;
+int raise_in_clock = 0, dumps = 0;
 struct sigaction library;  // the library's own disposition
 char* stack;
 constexpr size_t stack_size = 256 * 1024;
@@ -97,7 +96,6 @@ extern "C" int gettimeofday(struct timeval* tv, void*) noexcept
 // With an argument the handler behind the stand-ins is an unsafe one, to show that they notice.
 int main(int argc, char**)
 {
-    alarm(30);
     const a_ut_hist_id id = ut_hist_id_alloc("handler.c", 1, "work");
     UT_HIST_LOC(at);
     UT_HIST_BEG(&at, id, "begin", 1L);

@@ -82,5 +82,4 @@ int main()
         hung += status != 0;
     cancel_in_dump();
     printf("%s, %d hung\n", points > 3 ? "forked at every lock" : "not forked", hung);
-    return 0;
 }

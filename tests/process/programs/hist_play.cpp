@@ -6,7 +6,6 @@
 // bytes 0, 1, 2, ...
 #include <errno.h>
 #include <fcntl.h>
-#include <sched.h>
 #include <setjmp.h>
 #include <signal.h>
 #include <sys/mman.h>
