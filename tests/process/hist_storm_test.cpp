@@ -12,22 +12,19 @@ const char* const files[] = {"f-0", "file--1", "long-file-----2", "ome/way/long-
 // What is wrong with a row; empty for nothing.
 std::string fault(const std::string& row)
 {
-    std::istringstream words(std::string(row).insert(std::min(row.size(), size_t(29)), " "));  // a number may be long
-    a_text_list seen;  // time, duration, queue, number, thread, id, event, class, three parameters, line, file
-    for (std::string word; words >> word;)
-        seen.push_back(word);
-    if (row.find(" PROGRAM DUMP ") != std::string::npos || row.find(" data +") != std::string::npos)
+    unsigned line;
+    char id[32], ev[40] = "", cl[4], p1[20], p2[20], p3[20], file[40];
+    const int fields = sscanf(row.c_str(), "%*d:%*d:%*d.%*6u %*s %*1u %*31s %*u %31s %39s %3s %19s %19s %19s %u %39s",
+                              id, ev, cl, p1, p2, p3, &line, file);
+    if (std::string(ev) == "PROGRAM" || std::string(ev) == "data")
         return "";
-    if (seen.size() != 13)
+    if (fields != 8)
         return "a row without its columns";
-    const unsigned long k = strtoul(seen[8].c_str(), nullptr, 0);
-    const bool odd = k % 2 != 0, right = strtoul(seen[9].c_str(), nullptr, 0) == (k ^ 0x5A5A);
-    const std::map<std::string, std::string> owners = {
-        {"0x2", odd ? "odd" : "even"}, {"0x4", "Q2"}, {"0x7", "SigHandler"}};
-    const std::string owner = owners.count(seen[10]) != 0 ? owners.at(seen[10]) : "-";
-    const a_text_list whole = {owner,   texts[k % 4], odd ? ">" : "<",          seen[8],
-                               seen[9], seen[10],     std::to_string(k % 9973), files[k % 4]};
-    return right && std::equal(whole.begin(), whole.end(), seen.begin() + 5) ? "" : "a row made of two";
+    const unsigned long k = strtoul(p1, nullptr, 0);
+    const std::string p = p3, either = k % 2 != 0 ? "odd>" : "even<", cls = either.substr(either.size() - 1);
+    const std::string owner = p == "0x2" ? either : (p == "0x4" ? "Q2" : p == "0x7" ? "SigHandler" : "-") + cls;
+    const bool whole = strtoul(p2, nullptr, 0) == (k ^ 0x5A5A) && line == k % 9973 && id + std::string(cl) == owner;
+    return whole && std::string(ev) == texts[k % 4] && std::string(file) == files[k % 4] ? "" : "a row made of two";
 }
 
 // The hex lines of a data row show "<k>=<letters>" with as many letters as k says, of the one that k says.
