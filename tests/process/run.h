@@ -6,10 +6,8 @@
 #define PROCESS_RUN_H
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,68 +38,46 @@ inline std::string read_file(const std::string& path)
 }
 
 // A fresh directory that goes with the object.
-class a_scratch_dir {
-public:
-    a_scratch_dir()
-    {
-        char name[] = "/tmp/corvex-test-XXXXXX";
-        path = mkdtemp(name);
-    }
+struct a_scratch_dir {
+    char path_template[32] = "/tmp/corvex-test-XXXXXX";
+    const std::string path = mkdtemp(path_template);
     ~a_scratch_dir() { std::filesystem::remove_all(path); }
-    std::string path;
 };
 
-inline void become(const std::string& program, const a_text_list& args, const a_text_list& env, const std::string& dir)
+inline std::vector<char*> pointers(a_text_list& texts)
 {
-    std::vector<char*> argv{const_cast<char*>(program.c_str())}, envp;
-    for (const std::string& arg : args)
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    for (const std::string& variable : env)
-        envp.push_back(const_cast<char*>(variable.c_str()));
+    std::vector<char*> all;
+    for (std::string& text : texts)
+        all.push_back(text.data());
+    all.push_back(nullptr);
+    return all;
+}
+
+// Runs a program of tests/process/programs (or an absolute path) to its end, in `dir`. One that hangs fails its test.
+inline a_run run(const std::string& program, a_text_list env, a_text_list args, const std::string& dir)
+{
+    args.insert(args.begin(), program[0] == '/' ? program : std::string(PROGRAM_DIR) + "/" + program);
     for (const char* name : {"PATH", "HOME", "ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
         if (const char* value = getenv(name))
-            envp.push_back(const_cast<char*>((new std::string(std::string(name) + "=" + value))->c_str()));
-    envp.push_back(nullptr);
-    const int out = open((dir + "/.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int err = open((dir + "/.err").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_TRUNC, 0600);
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
-    if (chdir(dir.c_str()) == 0)
-        execve(program.c_str(), argv.data(), envp.data());
-    _exit(127);
-}
-
-// A program that hangs fails its test.
-inline int end_of(pid_t child)
-{
-    const int seconds = 120;
-    struct pollfd ended = {int(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
-    if (ended.fd >= 0 && poll(&ended, 1, seconds * 1000) == 0) {
-        ADD_FAILURE() << "the program did not end in " << seconds << " s";
-        kill(child, SIGKILL);
-    }
-    close(ended.fd);
-    int status = -1;
-    waitpid(child, &status, 0);
-    return status;
-}
-
-// Runs a program of tests/process/programs (or an absolute path) to its end, in `dir`.
-inline a_run run(const std::string& program, const a_text_list& env, const a_text_list& args, const std::string& dir)
-{
-    const std::string path = program[0] == '/' ? program : std::string(PROGRAM_DIR) + "/" + program;
+            env.push_back(std::string(name) + "=" + value);
     a_run result;
     const pid_t child = fork();
-    if (child == 0)
-        become(path, args, env, dir);
-    result.status = end_of(child);
+    if (child == 0) {
+        alarm(120);  // which the program inherits
+        dup2(open((dir + "/.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
+        dup2(open((dir + "/.err").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_TRUNC, 0600), STDERR_FILENO);
+        if (chdir(dir.c_str()) == 0)
+            execve(args[0].c_str(), pointers(args).data(), pointers(env).data());
+        _exit(127);
+    }
+    waitpid(child, &result.status, 0);
+    EXPECT_FALSE(result.died_of(SIGALRM)) << program << " hung";
     result.out = read_file(dir + "/.out");
     result.err = read_file(dir + "/.err");
     return result;
 }
 
-inline a_run run(const std::string& program, const a_text_list& env, const a_text_list& args = {})
+inline a_run run(const std::string& program, a_text_list env, a_text_list args = {})
 {
     const a_scratch_dir dir;
     return run(program, env, args, dir.path);

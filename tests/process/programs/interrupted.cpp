@@ -1,8 +1,6 @@
-// threads_interrupted.cpp: at each point where the main thread holds a lock, and where it is parked, a signal's handler
-// calls exit, which shuts the thread layer and the library down: every such process must end. Each runs this program
-// anew.
+// interrupted.cpp: at each point where the main thread holds a lock, and where it is parked, a signal's handler calls exit,
+// which shuts the library down: every such process must end. Each runs this program anew.
 #include <dlfcn.h>
-#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -16,9 +14,9 @@
 
 namespace {
 
-enum { INTERRUPTED, PARKED = 1000, NOT_INTERRUPTED = 3 };
+enum { AT_A_LOCK, PARKED };
 
-long points_left = 0;  // until the signal; 0: none comes
+long points_left = 0;  // until the signal
 pid_t main_thread = 0;
 
 void at_point()
@@ -27,23 +25,21 @@ void at_point()
         raise(SIGUSR2);
 }
 
-void exit_here(int) { exit(INTERRUPTED); }
-
 void park(void*) { OS_Wait(); }
 
 int live(long point)
 {
     alarm(20);
-    signal(SIGUSR2, exit_here);
+    signal(SIGUSR2, [](int) { exit(points_left == 0 ? AT_A_LOCK : PARKED); });
     OS_Init();
     atexit(OS_Fini);
     OS_Begin_Thread_Attachable(park, nullptr, 0, nullptr, nullptr, FALSE);
     main_thread = gettid();
     points_left = point;
-    if (point == PARKED) {
-        std::thread([] { usleep(20000), kill(main_thread, SIGUSR2); }).detach();
-        OS_Wait();
-    }
+    a_sysv_semaphore sets[2];
+    for (a_sysv_semaphore& set : sets)
+        sysv_open_semaphore(&set, 1);
+    sysv_close_semaphore(&sets[1]);
     a_semaphore semaphore;
     ut_pthread_open_semaphore(&semaphore, 1);
     ut_pthread_waiton_semaphore(&semaphore);
@@ -52,18 +48,9 @@ int live(long point)
     OS_ThreadWalk([](p_os_thread, void*) { return OS_THREAD_STOP; }, nullptr);
     OS_Wakeup(thread, nullptr);
     OS_WaitOnThreadTermination(thread);
-    points_left = 0;
-    return NOT_INTERRUPTED;
-}
-
-pid_t start(const char* program, long point)
-{
-    const pid_t child = fork();
-    if (child == 0) {
-        execl(program, program, std::to_string(point).c_str(), nullptr);
-        _exit(127);
-    }
-    return child;
+    std::thread([] { usleep(20000), kill(main_thread, SIGUSR2); }).detach();
+    for (;;)
+        OS_Wait();
 }
 
 }  // namespace
@@ -88,16 +75,14 @@ int main(int argc, char** argv)
     if (argc > 1)
         return live(atol(argv[1]));
     constexpr int points = 60;  // somewhat more than there are
-    pid_t children[points];
-    int hung = 0, interrupted = 0;
-    for (int i = 0; i < points; i++)
-        children[i] = start(argv[0], i == 0 ? PARKED : i);
-    for (pid_t child : children) {
-        int status;
-        waitpid(child, &status, 0);
-        interrupted += status == 0;
-        hung += WIFSIGNALED(status);
-    }
-    printf("%s, %d hung or crashed\n", interrupted > 20 ? "exited at every lock" : "not interrupted", hung);
+    int ended[256] = {}, status;
+    for (int i = 1; i <= points; i++)
+        if (fork() == 0)
+            execl(argv[0], argv[0], std::to_string(i).c_str(), nullptr);
+    while (wait(&status) > 0)
+        ended[WIFEXITED(status) ? WEXITSTATUS(status) : 255]++;
+    printf("%s, %d hung or crashed\n",
+           ended[AT_A_LOCK] > 30 && ended[PARKED] > 0 ? "exited at every lock and parked" : "not interrupted",
+           points - ended[AT_A_LOCK] - ended[PARKED]);
     return 0;
 }
