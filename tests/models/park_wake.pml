@@ -1,14 +1,12 @@
 /* park_wake.pml: two quick wake-ups against one sleeper, on memory where a load may pass an earlier store.
  *
  * Each thread's store of `parm` or `set` stands in its own buffer until a process drains it, or a locked instruction of
- * the thread does: the taking and giving of a mutex is one. The condition variable may wake the sleeper without a signal.
- * The sleeper must come to the last value, else it stands for ever: an invalid end state. With -DPLAIN_LOOK (the
- * signaller looks by a plain load alone) or -DEARLY_READ (the sleeper reads before it gives the mutex back) it does. */
+ * the thread does: the taking and giving of the mutex is one. The sleeper must come to the last value, else it stands for
+ * ever: an invalid end state, as with -DPLAIN_LOOK, where the signaller looks by a plain load alone. */
 #define NONE 255
 
 byte parm = 0, set = 0;                         /* memory */
 byte waker_buf = NONE, sleeper_buf = NONE;      /* the waker's store of parm, the sleeper's of set */
-byte seen = 0, spurious = 1;                    /* wake-ups without a signal that are still to come */
 bool mutex = false, waiting = false;
 
 inline drain(memory, buffer) { if :: buffer != NONE -> memory = buffer; buffer = NONE :: else fi }
@@ -44,27 +42,17 @@ active proctype waker()
 
 active proctype sleeper()
 {
+    byte seen = 0;
     do
     :: seen == 2 -> break
     :: else ->
         lock(set, sleeper_buf);
         do
         :: set == 1 -> break
-        :: else ->
-            atomic { waiting = true; mutex = false }
-            if
-            :: !waiting                                             /* woken */
-            :: atomic { spurious > 0 -> spurious--; waiting = false }
-            fi;
-            lock(set, sleeper_buf)
+        :: else -> atomic { waiting = true; mutex = false }; !waiting; lock(set, sleeper_buf)
         od;
         sleeper_buf = 0;
-#ifdef EARLY_READ
-        seen = parm;
-#endif
         unlock(set, sleeper_buf);
-#ifndef EARLY_READ
         seen = parm
-#endif
     od
 }

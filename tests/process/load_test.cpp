@@ -74,7 +74,7 @@ void load_and_unload()
     ASSERT_NE(nullptr, library) << dlerror();
     OF_LIBRARY(ut_onsig_install_signal_handlers)(FALSE);
     const a_ut_hist_id id = OF_LIBRARY(ut_hist_id_alloc)("file.c", 1, "work");
-    for (a_ut_hist_cl cl : {UT_HIST_CL_BEG, UT_HIST_CL_END})
+    for (const a_ut_hist_cl cl : {UT_HIST_CL_BEG, UT_HIST_CL_END})
         OF_LIBRARY(ut_hist_add)("file.c", 2, nullptr, cl, id, "event", 0, 0, 0, 0, 0, 0, 0, 0, 0);
     OF_LIBRARY(OS_Init)();
     p_os_thread thread = OF_LIBRARY(OS_Begin_Thread_Attachable)([](void*) {}, nullptr, 0, nullptr, "loaded", TRUE);
@@ -85,23 +85,22 @@ void load_and_unload()
 
 TEST(Unload, LeavesNeitherTheLibraryNorAHandlerNorABlockNorAKey)
 {
-    const int signals[] = {SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1};
-    const bool counted = CORVEX_SANITIZE[0] == '\0';  // mallinfo2 does not know the sanitizers' allocators
-    const auto body = [&](const char* name, const char* value) {
-        setenv("UT_HIST_THREAD_SLOT", "dense", 1);
-        setenv(name, value, 1);
+    const auto body = [](const char* name, const char* value) {
+        const int signals[] = {SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1};
         for (int sig : signals)
             signal(sig, SIG_DFL);
-        for (int i = 0; i < (counted ? 20 : 1); i++)
-            load_and_unload();
-        const size_t used = mallinfo2().uordblks;
-        pthread_key_t before, after;
-        pthread_key_create(&before, nullptr);
-        for (int i = 0; i < (counted ? 500 : 0); i++)
-            load_and_unload();
-        EXPECT_NEAR(double(used), counted ? double(mallinfo2().uordblks) : double(used), 500);
-        pthread_key_create(&after, nullptr);
-        EXPECT_EQ(before + 1, after);
+        setenv("UT_HIST_THREAD_SLOT", "dense", 1);
+        setenv(name, value, 1);
+        size_t used[2];  // of which mallinfo2 does not know in the sanitizers' allocators
+        pthread_key_t keys[2];
+        for (int i = 0; i < 2; i++) {
+            for (int rounds = CORVEX_SANITIZE[0] != '\0' ? 1 : i == 0 ? 20 : 500; rounds > 0; rounds--)
+                load_and_unload();
+            used[i] = mallinfo2().uordblks;
+            pthread_key_create(&keys[i], nullptr);
+        }
+        EXPECT_NEAR(double(used[0]), double(used[1]), 500);
+        EXPECT_EQ(keys[0] + 1, keys[1]);
         EXPECT_EQ(std::string::npos, read_file("/proc/self/maps").find("libcorvex16_r"));
         for (int sig : signals) {
             const sighandler_t now = signal(sig, SIG_DFL);

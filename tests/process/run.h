@@ -23,8 +23,7 @@ using a_text_list = std::vector<std::string>;
 
 struct a_run {
     int status = -1;  // as waitpid gives it
-    std::string out;
-    std::string err;
+    std::string out, err;
     bool exited_well() const { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
     bool died_of(int sig) const { return WIFSIGNALED(status) && WTERMSIG(status) == sig; }
 };
@@ -32,9 +31,7 @@ struct a_run {
 inline std::string read_file(const std::string& path)
 {
     std::ifstream file(path, std::ios::binary);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // A fresh directory that goes with the object.
@@ -53,8 +50,9 @@ inline std::vector<char*> pointers(a_text_list& texts)
     return all;
 }
 
-// Runs a program of tests/process/programs (or an absolute path) to its end, in `dir`. One that hangs fails its test.
-inline a_run run(const std::string& program, a_text_list env, a_text_list args, const std::string& dir)
+// Runs a program of tests/process/programs (or an absolute path) to its end. One that hangs fails its test.
+inline a_run run(const std::string& program, a_text_list env, a_text_list args = {},
+                 const std::string& dir = a_scratch_dir().path)
 {
     args.insert(args.begin(), program[0] == '/' ? program : std::string(PROGRAM_DIR) + "/" + program);
     for (const char* name : {"PATH", "HOME", "ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
@@ -75,12 +73,6 @@ inline a_run run(const std::string& program, a_text_list env, a_text_list args, 
     result.out = read_file(dir + "/.out");
     result.err = read_file(dir + "/.err");
     return result;
-}
-
-inline a_run run(const std::string& program, a_text_list env, a_text_list args = {})
-{
-    const a_scratch_dir dir;
-    return run(program, env, args, dir.path);
 }
 
 #endif

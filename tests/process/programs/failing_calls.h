@@ -1,10 +1,8 @@
-// failing_calls.h: stand-ins for the allocator that count the blocks given out and let one call fail. For one program
-// file.
+// failing_calls.h: stand-ins for the allocator that count the blocks given out and let one call fail.
 #ifndef PROGRAMS_FAILING_CALLS_H
 #define PROGRAMS_FAILING_CALLS_H
 
 #include <errno.h>
-#include <stddef.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -20,11 +18,10 @@ static bool fails()
 // Ends the program with what is not good after the k-th call failed.
 [[maybe_unused]] static void check(bool good, const char* what, long k)
 {
-    if (good)
-        return;
-    printf("%s (failing call %ld)\n", what, k);
-    fflush(stdout);
-    _exit(1);
+    if (!good) {
+        dprintf(STDOUT_FILENO, "%s (failing call %ld)\n", what, k);
+        _exit(1);
+    }
 }
 
 static void* counted(void* block)

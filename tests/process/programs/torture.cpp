@@ -1,6 +1,5 @@
-// torture.cpp: a process that does everything at once. torture DELAY_US SIGNAL...: after the delay it sends its threads
-// the signals, or without any returns from main, while they open and close semaphores, allocate, record, dump and wake
-// each other.
+// torture.cpp: torture DELAY_US SIGNAL...: after the delay the process sends its threads the signals, or exits if there
+// are none, while they open and close semaphores, allocate, record, dump and wake each other.
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
@@ -46,6 +45,8 @@ void wake_next(void* number)
     }
 }
 
+void dump(int, void*, a_bool, a_bool, a_bool, void*, void*) { raise(SIGUSR1); }
+
 // Goes on after the library has stopped: other components then get the library's key.
 __attribute__((destructor(101))) void use_keys_late()
 {
@@ -64,8 +65,7 @@ int main(int argc, char** argv)
 {
     prctl(PR_SET_DUMPABLE, 0);  // no core
     OS_Init();
-    ut_onsig_call_add(
-        1, [](int, void*, a_bool, a_bool, a_bool, void*, void*) { raise(SIGUSR1); }, nullptr);  // a dump
+    ut_onsig_call_add(1, dump, nullptr);
     ut_onsig_install_signal_handlers(FALSE);
     std::thread workers[] = {std::thread(open_and_close, 1), std::thread(open_and_close, 2),
                              std::thread(record_and_allocate)};
@@ -74,10 +74,8 @@ int main(int argc, char** argv)
     for (a_ptrint i = 0; i < 4; i++)
         ring[i] = OS_Begin_Thread_Attachable(wake_next, nullptr, 0, reinterpret_cast<void*>(i), nullptr, FALSE);
     usleep(useconds_t(atoi(argv[1])));
-    for (int i = 2; i < argc; i++) {
-        const int victim = (atoi(argv[1]) + i) % 4;
-        pthread_kill(victim == 3 ? pthread_self() : workers[victim].native_handle(), atoi(argv[i]));
-    }
+    for (int i = 2; i < argc; i++)
+        pthread_kill(workers[(atoi(argv[1]) + i) % 3].native_handle(), atoi(argv[i]));
     if (argc > 2)
         sleep(60);  // a process that does not die of them has failed
     exit(0);
