@@ -1,5 +1,5 @@
-// hist_options_fuzz.cpp: whatever UT_HIST says, parsing ends, stays inside its copy and leaves settings that start-up can
-// use. Built with FUZZER it fuzzes, else it replays the files of the directory that is its argument.
+// hist_options_fuzz.cpp: whatever UT_HIST says, parsing ends, stays inside its copy and leaves settings that start-up
+// can use. Built with FUZZER it fuzzes, else it replays the files of the directory that is its argument.
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 #include "utils/etc/uthist/hist_config.h"
@@ -32,11 +31,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     hist_errout_close();
 
     const a_ut_hist_settings& cfg = hist_cfg;
-    const bool rings = cfg.ut_hist_debug_num >= 1 && cfg.hist_num_q >= 3 && cfg.hist_num_q <= int32(hist_max_queues) &&
-                       (cfg.hist_num_q == 3 || cfg.ut_hist_debug_q_by_thr == 1);
-    const bool sizes = cfg.hist_max_file_len > 0 && cfg.hist_max_id_len > 0 && cfg.hist_max_ev_len > 0 &&
-                       cfg.ut_hist_debug_knum >= 0 && cfg.ut_hist_debug_data_size >= 0;
-    if (!rings || !sizes)
+    const bool usable = cfg.ut_hist_debug_num >= 1 && cfg.hist_num_q >= 3 && cfg.hist_num_q <= int32(hist_max_queues) &&
+                        (cfg.hist_num_q == 3 || cfg.ut_hist_debug_q_by_thr == 1) && cfg.hist_max_file_len > 0 &&
+                        cfg.hist_max_id_len > 0 && cfg.hist_max_ev_len > 0 && cfg.ut_hist_debug_knum >= 0 &&
+                        cfg.ut_hist_debug_data_size >= 0;
+    if (!usable)
         abort();
     return 0;
 }

@@ -1,8 +1,8 @@
 /* park_wake.pml: two quick wake-ups against one sleeper, on memory where a load may pass an earlier store.
  *
  * Each thread's store of `parm` or `set` stands in its own buffer until a process drains it, or a locked instruction of
- * the thread does: the taking and giving of the mutex is one. The sleeper must come to the last value, else it stands for
- * ever: an invalid end state, as with -DPLAIN_LOOK, where the signaller looks by a plain load alone. */
+ * the thread does: the taking and giving of the mutex is one. The sleeper must come to the last value, else it stands
+ * for ever: an invalid end state, as with -DPLAIN_LOOK, where the signaller looks by a plain load alone. */
 #define NONE 255
 
 byte parm = 0, set = 0;                         /* memory */

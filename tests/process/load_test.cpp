@@ -1,5 +1,5 @@
-// Loading and unloading: the version record, forked children, and what dlclose leaves behind. This program is not
-// linked with the library: each case loads it in a process of its own.
+// Loading and unloading: the version record, and what dlclose leaves behind. This program is not linked with
+// the library: each case loads it in a process of its own.
 #include <dlfcn.h>
 #include <fnmatch.h>
 #include <malloc.h>
@@ -49,22 +49,6 @@ TEST(PrivilegedProgram, HasNoSettingsFromItsCallersEnvironment)
                                     "    setpriv --reuid=65534 --clear-groups ./play 'ev - - a' 2>&1; ls | grep log\n"
                                     "done"});
     EXPECT_EQ(0, fnmatch("755\nUNAME=*ut_hist_debug*\nlog\n4755\n", result.out.c_str(), 0)) << result.out << result.err;
-}
-
-TEST(ForkedChild, DumpsAtItsExitOnlyAfterAReset)
-{
-    for (const bool reset : {false, true}) {
-        const a_scratch_dir dir;
-        in_child([&] {
-            setenv("UT_HIST", ("r-l=" + dir.path + "/log").c_str(), 1);
-            void* library = dlopen(LIBRARY_FILE, RTLD_NOW);
-            const pid_t child = fork();
-            if (child == 0 && reset)
-                OF_LIBRARY(UnixForkProtection_Reset)();
-            child == 0 ? exit(0) : void(waitpid(child, nullptr, 0));
-        });
-        EXPECT_EQ(reset, std::filesystem::exists(dir.path + "/log"));
-    }
 }
 
 // One life of the library: handlers are installed, a timed pair of events is recorded, and one of its threads runs.

@@ -1,7 +1,5 @@
-// run.h: runs a program in a fresh process with an environment of its own and collects what it wrote.
-//
-// The child gets PATH, HOME and the given variables, nothing else of the environment (sanitizer options are passed on),
-// and the given directory as its working directory.
+// run.h: runs a program in a fresh process, in a directory and with an environment of its own (what is given, PATH,
+// HOME and the sanitizers' options), and collects what it wrote.
 #ifndef PROCESS_RUN_H
 #define PROCESS_RUN_H
 
@@ -11,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -43,10 +42,8 @@ struct a_scratch_dir {
 
 inline std::vector<char*> pointers(a_text_list& texts)
 {
-    std::vector<char*> all;
-    for (std::string& text : texts)
-        all.push_back(text.data());
-    all.push_back(nullptr);
+    std::vector<char*> all(texts.size() + 1);
+    std::transform(texts.begin(), texts.end(), all.begin(), [](std::string& text) { return text.data(); });
     return all;
 }
 

@@ -1,8 +1,7 @@
-// shortage.cpp: lets the k-th kernel call or allocation fail, for every k, of opening and closing System V semaphores and
-// of a life of the thread layer: no set and no block is left, both stay usable, and a start of a thread gives null or
-// runs its body.
-#include <stdarg.h>
-#include <sys/sem.h>
+// shortage.cpp: lets the k-th kernel call or allocation fail, for every k, of opening and closing System V semaphores
+// and of a life of the thread layer: no set and no block is left, both stay usable, and a start of a thread gives null
+// or runs its body.
+#include <sys/ipc.h>  // sem.h would declare semctl with an ellipsis
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -74,12 +73,8 @@ extern "C" int semget(key_t key, int n, int flags) noexcept
     return id;
 }
 
-extern "C" int semctl(int id, int n, int command, ...) noexcept
+extern "C" int semctl(int id, int n, int command, void* arg) noexcept
 {
-    va_list args;
-    va_start(args, command);
-    void* arg = va_arg(args, void*);
-    va_end(args);
     const int result = command != IPC_RMID && fails() ? -1 : int(syscall(SYS_semctl, id, n, command, arg));
     live_sets -= command == IPC_RMID && result == 0;
     return result;
@@ -94,5 +89,4 @@ int main()
         check(live_blocks == blocks, "a block is left", k);
         check(open_and_close(), "semaphores do not work any more", k);
     }
-    return 0;
 }
