@@ -1,5 +1,5 @@
-// hist_options_fuzz.cpp: whatever UT_HIST says, parsing ends, stays inside its copy and leaves settings that start-up
-// can use. Built with FUZZER it fuzzes, else it replays the files of the directory that is its argument.
+// hist_options_fuzz.cpp: whatever UT_HIST says, parsing ends, stays inside a copy of its exact size and leaves settings
+// that start-up can use. Built with FUZZER it fuzzes, else it replays the files of the directory that is its argument.
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -23,8 +23,7 @@ extern "C" int open(const char* name, int flags, ...)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     ut_hist_static_defaults();
-    const size_t len = size < env_buf_size ? size : env_buf_size - 1;
-    char* const options = strndup(reinterpret_cast<const char*>(data), len);  // its exact size, for the sanitizer
+    char* const options = strndup(reinterpret_cast<const char*>(data), size < env_buf_size ? size : env_buf_size - 1);
     hist_parse_options(options);
     free(options);
     hist_write_settings();
