@@ -9,7 +9,7 @@ std::string shell(const std::string& script)
 {
     const std::string flags = CORVEX_SANITIZE[0] != '\0' ? "FLAGS=-fsanitize=" CORVEX_SANITIZE : "FLAGS=";
     const a_run ran =
-        run("/bin/sh", {flags, "UT_HIST=f-", "UT_HIST_THREAD_SLOT=dense", "SOURCE=" SOURCE_DIR}, {"-ec", script});
+        run("/bin/sh", {flags, "UT_HIST=xf-", "UT_HIST_THREAD_SLOT=dense", "SOURCE=" SOURCE_DIR}, {"-ec", script});
     EXPECT_TRUE(ran.exited_well()) << script << "\n" << ran.out << ran.err;
     return ran.out;
 }
