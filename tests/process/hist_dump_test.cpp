@@ -1,6 +1,7 @@
-// hist_dump_test.cpp: what the history writes, to the byte, under a fixed clock. A case of tests/process/cases is a line
-// of variables, UT_HIST first, perhaps with " columns:" and the only ones shown; steps of hist_play, indented, else those
-// of the case before; and what comes out: "name: line | line" or "name:" and lines up to an empty one, see in_full.
+// hist_dump_test.cpp: what the history writes, to the byte, under a fixed clock. A case of tests/process/cases is a
+// line of variables, UT_HIST first, perhaps with " columns:" and the only ones shown; steps of hist_play, indented,
+// else those of the case before; and what comes out: "name: line | line" or "name:" and lines up to an empty one, see
+// in_full.
 #include <algorithm>
 
 #include "tests/process/hist_played.h"

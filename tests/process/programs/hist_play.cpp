@@ -380,8 +380,8 @@ extern "C" __attribute__((no_sanitize("thread"))) pthread_t pthread_self() noexc
     return shown && slot != 0 ? pthread_t(slot) : self;
 }
 
-// Unless option x is given, the queues' locks stay at exit. In a child the leak checker cannot look at the stacks of the
-// parent's threads. The crash handlers are the library's.
+// Unless option x is given, the queues' locks stay at exit. In a child the leak checker cannot look at the stacks of
+// the parent's threads. The crash handlers are the library's.
 extern "C" const char* __lsan_default_suppressions() { return "leak:a_pool\n"; }
 extern "C" int __lsan_is_turned_off() { return in_child ? 1 : 0; }
 extern "C" const char* __lsan_default_options() { return "print_suppressions=0"; }

@@ -18,6 +18,7 @@ enum { AT_A_LOCK, PARKED };
 
 long points_left = 0;  // until the signal
 pid_t main_thread = 0;
+bool walks = false;
 
 void at_point()
 {
@@ -32,6 +33,10 @@ int live(long point)
     alarm(20);
     signal(SIGUSR2, [](int) { exit(points_left == 0 ? AT_A_LOCK : PARKED); });
     OS_Init();
+    atexit([] {  // after OS_Fini: no mutex that the interrupted walk still holds has gone back to the pool
+        for (int i = 0; i < 60 && walks; i++)
+            UT_Vmutex_Create()->get();
+    });
     atexit(OS_Fini);
     OS_Begin_Thread_Attachable(park, nullptr, 0, nullptr, nullptr, FALSE);
     main_thread = gettid();
@@ -45,7 +50,14 @@ int live(long point)
     ut_pthread_waiton_semaphore(&semaphore);
     ut_pthread_close_semaphore(&semaphore);
     p_os_thread thread = OS_Begin_Thread_Attachable(park, nullptr, 0, nullptr, nullptr, TRUE);
-    OS_ThreadWalk([](p_os_thread, void*) { return OS_THREAD_STOP; }, nullptr);
+    OS_ThreadWalk(
+        [](p_os_thread, void*) {
+            walks = true;
+            at_point();
+            walks = false;
+            return OS_THREAD_STOP;
+        },
+        nullptr);
     OS_Wakeup(thread, nullptr);
     OS_WaitOnThreadTermination(thread);
     std::thread([] { usleep(20000), kill(main_thread, SIGUSR2); }).detach();
