@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+inline constexpr bool under_asan = CORVEX_SANITIZE[0] == 'a', under_tsan = CORVEX_SANITIZE[0] == 't';
 inline int child_pipe[2];
 
 // Adds to the child's text, in signal handlers too.

@@ -1,10 +1,14 @@
-// The library's signal handlers, each case in a forked process that may die of its signal.
+// The chain of on-signal callbacks, and the library's signal handlers, each case in a forked process that may die of
+// its signal.
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/resource.h>
+
+#include <atomic>
+#include <thread>
 
 #include "corvex/onsig.h"
 #include "tests/child.h"
+#include "utils/unix/sysvsemo.h"
 #include "utils/unix/unixsigs.h"
 #include "utils/unix/utcore.h"
 #include "utils/unix/utending.h"
@@ -18,6 +22,68 @@ extern "C" unsigned sleep(unsigned seconds)
 
 namespace {
 
+std::string ran;
+std::atomic<int> steady_runs;
+
+void note(int, void* arg, a_bool, a_bool, a_bool, void*, void*) { ran += static_cast<const char*>(arg); }
+void remove_other(int, void* arg, a_bool, a_bool, a_bool, void*, void*) { ut_onsig_call_del(arg, note); }
+void steady(int, void*, a_bool, a_bool, a_bool, void*, void*) { steady_runs++; }
+void passing(int, void*, a_bool, a_bool, a_bool, void*, void*) {}
+
+void* add(int priority, const char* name) { return ut_onsig_call_add(priority, note, const_cast<char*>(name)); }
+
+std::string run_chain()
+{
+    ran.clear();
+    ut_onsig_call_now(15, FALSE, FALSE, TRUE, nullptr, nullptr);
+    return ran;
+}
+
+TEST(OnSignalChain, RunsEightSlotsByPriorityFrom0To32000AndReusesTheLowestFreedOne)
+{
+    sysv_list_fini_semaphore();  // it has a slot
+    void* slots[] = {add(5, "a"),     add(1, "b"),     add(5, "c"),  add(0, "d"),
+                     add(32000, "z"), add(32001, "!"), add(-1, "!"), add(5, "e")};
+    EXPECT_EQ(nullptr, add(1, "!")) << "a ninth registration";
+    ut_onsig_call_del(nullptr, note);
+    ut_onsig_call_del(slots[2], passing);
+    EXPECT_EQ("dbacez", run_chain()) << "a null handle and another's routine remove nothing";
+    ut_onsig_call_del(slots[7], note);
+    ut_onsig_call_del(slots[2], note);
+    EXPECT_EQ(slots[2], ut_onsig_call_add(0, remove_other, slots[0]));
+    ut_onsig_call_del(slots[2], note);
+    EXPECT_EQ("dbz", run_chain())
+        << "a stale handle leaves the slot's next owner alone; what that removes is not called";
+    ut_onsig_call_del(slots[2], remove_other);
+    for (void* slot : slots)
+        ut_onsig_call_del(slot, note);
+    EXPECT_EQ("", run_chain());
+    sysv_list_init_semaphore();
+}
+
+TEST(OnSignalChain, NeitherLosesNorRepeatsACallbackBesideRegistrations)
+{
+    std::atomic<bool> done = false;
+    const auto churn = [&] {
+        for (int i = 0; !done; i++)
+            ut_onsig_call_del(ut_onsig_call_add(i % 2 == 0 ? 5 : 40, passing, nullptr), passing);
+    };
+    void* handles[] = {ut_onsig_call_add(10, steady, nullptr), ut_onsig_call_add(20, steady, nullptr)};
+    std::thread one(churn), two(churn);
+    int wrong = 0;
+    for (int round = 0; round < 200000; round++) {
+        steady_runs = 0;
+        ut_onsig_call_now(1, FALSE, FALSE, FALSE, nullptr, nullptr);
+        wrong += steady_runs != 2;
+    }
+    done = true;
+    one.join();
+    two.join();
+    EXPECT_EQ(0, wrong) << "each steady registration runs once per chain";
+    for (void* handle : handles)
+        ut_onsig_call_del(handle, steady);
+}
+
 constexpr int handled[] = {SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGHUP, SIGINT, SIGQUIT, SIGTERM};
 struct sigaction passed_to;
 
@@ -29,12 +95,6 @@ void callback(int sig, void*, a_bool chained, a_bool chaining, a_bool cleanup, v
 }
 void earlier(int sig, siginfo_t* siginfo, void*) { say("earlier %d\n", siginfo->si_signo == sig ? sig : -1); }
 void later(int sig, siginfo_t* siginfo, void* context) { passed_to.sa_sigaction(sig, siginfo, context); }
-void say_core_limit(int)
-{
-    rlimit limit;
-    getrlimit(RLIMIT_CORE, &limit);
-    say("core %lu of %lu\n", limit.rlim_cur, limit.rlim_max);
-}
 
 // Puts a handler with flags and a mask of its own in place.
 void handle(int sig, void (*handler)(int, siginfo_t*, void*), struct sigaction* old = nullptr)
@@ -50,16 +110,13 @@ void say_disposition(int sig)
 {
     struct sigaction now;
     sigaction(sig, nullptr, &now);
-    const bool foreign = now.sa_sigaction == earlier || now.sa_sigaction == later;
-    say("%d %s%s%s%s", sig,
-        now.sa_handler == SIG_DFL ? "default"
-        : foreign                 ? "foreign"
-                                  : "library",
-        now.sa_flags & SA_RESTART ? " restart" : "", now.sa_flags & SA_NODEFER ? " nodefer" : "",
-        now.sa_flags & SA_ONSTACK ? " onstack" : "");
-    for (int i = 1; i < NSIG && now.sa_handler != SIG_DFL; i++)
+    if (now.sa_handler == SIG_DFL)
+        return say("%d default\n", sig);
+    say("%d %s flags %x blocks", sig, now.sa_sigaction == earlier || now.sa_sigaction == later ? "foreign" : "library",
+        unsigned(now.sa_flags & (SA_RESTART | SA_NODEFER | SA_ONSTACK)));
+    for (int i = 1; i < NSIG; i++)
         if (sigismember(&now.sa_mask, i) == 1)
-            say(" blocks %d", i);
+            say(" %d", i);
     say("\n");
 }
 
@@ -86,21 +143,17 @@ a_child in_fresh_child(const char* name, const char* value, F body)
 
 TEST(SignalHandlers, AreInstalledAsTheModeSays)
 {
+    const auto say_handled = [] {
+        ut_onsig_install_signal_handlers(TRUE);
+        for (int sig = 1; sig < NSIG; sig++)
+            if (unix_current_handler(sig) != nullptr)
+                say("%d ", sig);
+    };
     const std::string none, crash = "4 6 7 8 11 ", all = "1 2 3 " + crash + "15 ";
-    const std::pair<const char*, std::string> modes[] = {
-        {"no", none}, {"N", none},     {"crash", crash},
-        {"C", crash}, {"Safe", crash}, {"s", crash},
-        {"", all},    {"yes", all},    {"longer than its buffer", all}};
+    const std::pair<const char*, std::string> modes[] = {{"no", none}, {"N", none}, {"crash", crash},
+                                                         {"S", crash}, {"", all},   {"longer than its buffer", all}};
     for (const auto& [mode, installed] : modes)
-        EXPECT_EQ(installed, in_fresh_child("ZT_INSTALL_SIG_HANDLERS", mode,
-                                            [] {
-                                                ut_onsig_install_signal_handlers(TRUE);
-                                                for (int sig = 1; sig < NSIG; sig++)
-                                                    if (unix_current_handler(sig) != nullptr)
-                                                        say("%d ", sig);
-                                            })
-                                 .said)
-            << mode;
+        EXPECT_EQ(installed, in_fresh_child("ZT_INSTALL_SIG_HANDLERS", mode, say_handled).said) << mode;
 }
 
 TEST(SignalHandlers, PassTheSignalOnAndPutDispositionsBackWhole)
@@ -123,18 +176,35 @@ TEST(SignalHandlers, PassTheSignalOnAndPutDispositionsBackWhole)
         raise(SIGHUP);
     });
     EXPECT_EQ(0, child.status);
-    EXPECT_EQ("chain 15 chaining will 0\nearlier 15\n15 library restart onstack blocks 15\n"
-              "chain 15 chained chaining will 0\nearlier 15\n15 foreign nodefer blocks 12\n"
-              "15 foreign nodefer blocks 12\n1 default\n"
-              "chain 1 chaining will 0\nearlier 1\n",
+    EXPECT_EQ("chain 15 chaining will 0\nearlier 15\n15 library flags 18000000 blocks 15\n"  // restart, on stack
+              "chain 15 chained chaining will 0\nearlier 15\n15 foreign flags 40000000 blocks 12\n"  // no defer
+              "15 foreign flags 40000000 blocks 12\n1 default\nchain 1 chaining will 0\nearlier 1\n",
               child.said);
+}
+
+void say_core_limit(int)
+{
+    rlimit limit;
+    getrlimit(RLIMIT_CORE, &limit);
+    say("core %lu of %lu\n", limit.rlim_cur, limit.rlim_max);
 }
 
 TEST(SignalHandlers, EndTheProcessOfATerminationSignalWithoutACore)
 {
-    const std::string no_core = "core 0 of 8192\n";
-    const auto expect = [](const char* variable, const char* value, const std::string& end) {
-        const a_child child = in_fresh_child(variable, value, [] {
+    const std::string no_core = "core 0 of 8192\n", delay = "ZT_LINUX_COREDUMP_DELAY";
+    const struct {
+        std::string variable;
+        const char* value;
+        std::string end;
+    } cases[] = {{"-", "", no_core},
+                 {"ZT_ALWAYS_GEN_CORE", "", "core 4096 of 8192\n"},
+                 {delay, "", "sleep 2\n" + no_core},
+                 {delay, "7x", "sleep 7\n" + no_core},
+                 {delay, "-5", "sleep 0\n" + no_core},
+                 {delay, "00000005", "sleep 5\n" + no_core},
+                 {delay, "42949672960", "sleep 3600\n" + no_core}};
+    for (const auto& [variable, value, end] : cases) {
+        const a_child child = in_fresh_child(variable.c_str(), value, [] {
             const rlimit limit = {4096, 8192};
             setrlimit(RLIMIT_CORE, &limit);
             signal(SIGABRT, say_core_limit);  // put back by the clean-up, so it sees the abort
@@ -143,20 +213,7 @@ TEST(SignalHandlers, EndTheProcessOfATerminationSignalWithoutACore)
         });
         EXPECT_EQ(SIGABRT, child.status);
         EXPECT_EQ("chain 15 cleanup will 1\n" + end, child.said) << value;
-    };
-    expect("-", "", no_core);
-    expect("ZT_ALWAYS_GEN_CORE", "", "core 4096 of 8192\n");
-    const char* delays[][2] = {{"", "2"},
-                               {"0", "0"},
-                               {"7x", "7"},
-                               {"-5", "0"},
-                               {"none", "0"},
-                               {"00000005", "5"},
-                               {"3600", "3600"},
-                               {"99999999999", "3600"},
-                               {"42949672960", "3600"}};
-    for (const auto& [value, seconds] : delays)
-        expect("ZT_LINUX_COREDUMP_DELAY", value, std::string("sleep ") + seconds + "\n" + no_core);
+    }
 }
 
 void abort_again(int sig, void*, a_bool, a_bool, a_bool, void*, void*)
@@ -165,19 +222,32 @@ void abort_again(int sig, void*, a_bool, a_bool, a_bool, void*, void*)
         raise(SIGABRT);  // as another process may: it is pending until the handler's own
 }
 
-// Removal leaves a crash-only installation in place, so the abort comes back to the handler: once.
-TEST(SignalHandlers, EndByAbortAlsoAfterCrashOnlyInstallations)
+void fork_and_abort(int, void*, a_bool, a_bool, a_bool, void*, void*)
 {
-    for (int sig : {SIGFPE, SIGABRT}) {
-        const a_child child = in_fresh_child("ZT_INSTALL_SIG_HANDLERS", "crash", [&] {
-            ut_onsig_call_add(1, abort_again, nullptr);
+    const pid_t child = fork();
+    if (child == 0)
+        abort();
+    waitpid(child, nullptr, 0);
+}
+
+TEST(SignalHandlers, EndByAbortOnceAlsoAfterCrashOnlyInstallationsAndWithForkingCallbacks)
+{
+    const struct {
+        const char* mode;
+        int sig;
+        a_sig_handler_func second;
+    } cases[] = {{"crash", SIGFPE, abort_again}, {"crash", SIGABRT, abort_again}, {"all", SIGSEGV, fork_and_abort}};
+    for (const auto& [mode, sig, second] : cases) {
+        const a_child child = in_fresh_child("ZT_INSTALL_SIG_HANDLERS", mode, [sig = sig, second = second] {
+            ut_onsig_call_add(1, second, nullptr);
             ut_onsig_install_signal_handlers(FALSE);
             ut_onsig_install_signal_handlers(FALSE);
-            ut_onsig_remove_signal_handlers();
+            if (second == abort_again)
+                ut_onsig_remove_signal_handlers();  // which leaves a crash-only installation in place
             raise(sig);
         });
         EXPECT_EQ(SIGABRT, child.status);
-        EXPECT_EQ("chain " + std::to_string(sig) + " cleanup will 1\nchain 6 cleanup will 1\n", child.said);
+        EXPECT_EQ("chain " + std::to_string(sig) + " cleanup will 1\nchain 6 cleanup will 1\n", child.said) << mode;
     }
 }
 
@@ -204,32 +274,10 @@ TEST(SignalHandlers, EndTheFirstProcessOfAContainer)
     }
 }
 
-__attribute__((noinline)) int overflow(volatile char* above)
+TEST(SignalHandlers, SpareTheParentOfAVforkedChild)
 {
-    volatile char frame[4096];
-    frame[0] = *above;
-    return frame[0] == 1 ? 0 : overflow(frame) + frame[0];
-}
-
-void fork_and_abort(int, void*, a_bool, a_bool, a_bool, void*, void*)
-{
-    const pid_t child = fork();
-    if (child == 0)
-        abort();
-    waitpid(child, nullptr, 0);
-}
-
-TEST(SignalHandlers, EndForkingCallbacksAndSpareTheParentOfAVforkedChild)
-{
-    const a_child forking = in_fresh_child("-", "", [] {
-        ut_onsig_call_add(1, fork_and_abort, nullptr);
-        ut_onsig_install_signal_handlers(FALSE);
-        raise(SIGSEGV);
-    });
-    EXPECT_EQ(forking.said, "chain 11 cleanup will 1\nchain 6 cleanup will 1\n")
-        << "one core of a copy, not a chain of them";
-    EXPECT_EQ(forking.status, SIGABRT);
-#ifndef __SANITIZE_THREAD__  // which makes a vfork a fork
+    if (under_tsan)
+        return;  // it makes a vfork a fork
     const a_child parent = in_fresh_child("-", "", [] {
         handle(SIGHUP, earlier);
         ut_onsig_install_signal_handlers(FALSE);
@@ -246,12 +294,19 @@ TEST(SignalHandlers, EndForkingCallbacksAndSpareTheParentOfAVforkedChild)
     });
     EXPECT_EQ(parent.said, "earlier 1\ndied of 2, will 0\nchain 15 cleanup will 1\n");
     EXPECT_EQ(parent.status, SIGABRT);
-#endif
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which have stacks and frames of their own
+__attribute__((noinline)) int overflow(volatile char* above)
+{
+    volatile char frame[4096];
+    frame[0] = *above;
+    return frame[0] == 1 ? 0 : overflow(frame) + frame[0];
+}
+
 TEST(SignalHandlers, UseAnAlternateStackThatCameAfterTheirInstallation)
 {
+    if (under_asan || under_tsan)
+        return;  // they have stacks and frames of their own
     const a_child overflown = in_fresh_child("-", "", [] {
         volatile char start = 0;
         ut_onsig_install_signal_handlers(FALSE);
@@ -261,7 +316,6 @@ TEST(SignalHandlers, UseAnAlternateStackThatCameAfterTheirInstallation)
     EXPECT_EQ(SIGABRT, overflown.status);
     EXPECT_EQ("chain 11 cleanup will 1\n", overflown.said);
 }
-#endif
 
 TEST(Ending, WaitsForStreamsShareTwoSeconds)
 {

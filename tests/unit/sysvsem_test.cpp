@@ -1,30 +1,20 @@
-// sysvsem_test.cpp: System V semaphores: packing into sets, order, values, and what is left in the kernel. Each case
-// runs in a child with a namespace of its own where that is allowed, since the set size is fixed once per process.
-#include <fcntl.h>
+// System V semaphores: packing into sets, order, values, and what is left in the kernel. Each case runs in a child with
+// a namespace of its own where that is allowed, since the set size is fixed once per process.
 #include <sched.h>
-#include <stdarg.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <functional>
-#include <set>
-#include <string>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "corvex/corvex.h"
+#include "tests/child.h"
 #include "utils/unix/sysvsemo.h"
 
 namespace {
 
 int setvals = 0, semops = 0;  // calls
+int sets_before = 0;
 
 int kernel_sets()
 {
@@ -36,22 +26,19 @@ int kernel_sets()
     return count;
 }
 
-int own_sets(int before) { return kernel_sets() - before; }
+int own_sets() { return kernel_sets() - sets_before; }
 
-// Runs the piece in a child with TBX_MAX_NSEMS set; its failures are the child's status.
-void in_child(const char* max_nsems, const std::function<void()>& piece)
+template <typename F>
+void with_sets_of(const char* max_nsems, F piece)
 {
-    const pid_t child = fork();
-    if (child == 0) {
+    const auto in_own_namespace = [&] {
         unshare(CLONE_NEWIPC);  // without the right to, the machine's own sets are counted along
         setenv("TBX_MAX_NSEMS", max_nsems, 1);
         UnixForkProtection_Reset();
+        sets_before = kernel_sets();
         piece();
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    };
+    EXPECT_EQ(0, in_child(in_own_namespace).status) << max_nsems;
 }
 
 a_sysv_semaphore open_one(int value = 1)
@@ -59,8 +46,11 @@ a_sysv_semaphore open_one(int value = 1)
     a_sysv_semaphore s = {-7, -7};
     EXPECT_TRUE(sysv_open_semaphore(&s, value));
     EXPECT_GT(s.ident, 0);
+    EXPECT_EQ(semctl(s.ident, s.offset, GETVAL), value);
     return s;
 }
+
+void clean_up() { ut_onsig_call_now(SIGTERM, FALSE, FALSE, TRUE, nullptr, nullptr); }
 
 }  // namespace
 
@@ -80,18 +70,18 @@ extern "C" int semop(int id, sembuf* operations, size_t n) noexcept
     return int(syscall(SYS_semop, id, operations, n));
 }
 
+namespace {
+
 TEST(SysvSemaphores, PackIntoSetsLowestMemberFirst)
 {
-    in_child("8", [] {
-        const int before = kernel_sets();
+    with_sets_of("8", [] {
         EXPECT_TRUE(sysv_list_is_empty());
         std::vector<a_sysv_semaphore> open;
         for (int i = 0; i < 9; i++) {
             open.push_back(open_one(5));
-            EXPECT_EQ(open[size_t(i)].offset, i % 8);
-            EXPECT_EQ(semctl(open.back().ident, open.back().offset, GETVAL), 5);
+            EXPECT_EQ(open.back().offset, i % 8);
         }
-        EXPECT_EQ(own_sets(before), 2);
+        EXPECT_EQ(own_sets(), 2);
         EXPECT_NE(open[8].ident, open[0].ident);
         sysv_close_semaphore(&open[3]);
         EXPECT_EQ(open_one().offset, 3) << "the full set came to the front with its free member";
@@ -99,135 +89,100 @@ TEST(SysvSemaphores, PackIntoSetsLowestMemberFirst)
         EXPECT_FALSE(sysv_open_semaphore(&refused, -1)) << "the kernel refuses the value";
         EXPECT_EQ(open_one().offset, 1) << "the refused member was given back";
         sysv_close_semaphore(&open[8]);
-        EXPECT_EQ(own_sets(before), 2) << "one member of the second set is left";
+        EXPECT_EQ(own_sets(), 2) << "one member of the second set is left";
         a_sysv_semaphore stale = {open[8].ident + 12345, 0}, none = {0, 0};
-        sysv_close_semaphore(&stale);
-        sysv_close_semaphore(&none);
-        sysv_close_semaphore(nullptr);
+        for (a_sysv_semaphore* nothing : {&stale, &none, static_cast<a_sysv_semaphore*>(nullptr)})
+            sysv_close_semaphore(nothing);
         EXPECT_FALSE(sysv_list_is_empty());
-        sysv_sig_handler(SIGTERM, nullptr, FALSE, TRUE, FALSE, nullptr, nullptr);
-        EXPECT_EQ(own_sets(before), 2) << "no cleanup while another handler gets the signal";
-        ut_onsig_call_now(SIGTERM, FALSE, FALSE, TRUE, nullptr, nullptr);
-        EXPECT_EQ(own_sets(before), 0);
+        ut_onsig_call_now(SIGTERM, FALSE, TRUE, FALSE, nullptr, nullptr);
+        EXPECT_EQ(own_sets(), 2) << "no cleanup while another handler gets the signal";
+        clean_up();
+        EXPECT_EQ(own_sets(), 0);
         EXPECT_TRUE(sysv_list_is_empty());
         sysv_close_semaphore(&open[0]);
         EXPECT_EQ(open_one().offset, 0) << "the list is usable after a cleanup";
         sysv_list_fini_semaphore();
-        EXPECT_EQ(own_sets(before), 0);
-        EXPECT_FALSE(sysv_list_is_empty()) << "there is no list";
-        EXPECT_FALSE(sysv_open_semaphore(&stale, 0));
+        EXPECT_EQ(own_sets(), 0);
+        EXPECT_FALSE(sysv_list_is_empty() || sysv_open_semaphore(&stale, 0)) << "there is no list";
     });
 }
 
-TEST(SysvSemaphores, SetsOfOneComeAndGoWithTheirMember)
+TEST(SysvSemaphores, SizeComesFromTheKernelUnlessANumberIsGivenAndSetsGoWithTheirLastMember)
 {
-    // One that the kernel refuses makes sets of one, too.
-    for (const char* size : {"1", "2000000000"})
-        in_child(size, [] {
-            const int before = kernel_sets();
+    for (const char* size : {"0", "-3", "abc", "", "1", "2000000000"})  // the kernel refuses the last: sets of one
+        with_sets_of(size, [&] {
+            const bool of_one = size[0] == '1' || size[0] == '2';
+            seminfo info = {};
+            semctl(0, 0, SEM_INFO, &info);
             std::vector<a_sysv_semaphore> open;
             for (int i = 0; i < 300; i++)
                 open.push_back(open_one());
-            EXPECT_EQ(own_sets(before), 300);
-            EXPECT_EQ(c_sysv_semaphore_set::MAX_NSEMS, 1);
-            a_sysv_semaphore wrong = {open[7].ident, 1};
-            sysv_close_semaphore(&wrong);
-            EXPECT_EQ(own_sets(before), 300) << "no such member";
+            EXPECT_EQ(own_sets(), of_one ? 300 : 1) << "neither the probe nor a set numbered 0 is left";
+            EXPECT_EQ(c_sysv_semaphore_set::MAX_NSEMS, of_one ? 1 : info.semmsl);
+            a_sysv_semaphore wrong = {open[7].ident, 31999};
+            sysv_close_semaphore(&wrong);  // no such member
             for (a_sysv_semaphore& s : open)
                 sysv_close_semaphore(&s);
-            EXPECT_EQ(own_sets(before), 0);
-        });
-}
-
-TEST(SysvSemaphores, SizeComesFromTheKernelUnlessANumberIsGiven)
-{
-    for (const char* size : {"0", "-3", "abc", ""})
-        in_child(size, [] {
-            const int before = kernel_sets();
-            a_sysv_semaphore s = open_one();
-            EXPECT_EQ(own_sets(before), 1) << "neither the probe nor a set numbered 0 is left";
-            seminfo info = {};
-            semctl(0, 0, SEM_INFO, &info);
-            EXPECT_EQ(c_sysv_semaphore_set::MAX_NSEMS, info.semmsl);
-            sysv_close_semaphore(&s);
-            EXPECT_EQ(own_sets(before), 0);
+            EXPECT_EQ(own_sets(), 0);
         });
 }
 
 TEST(SysvSemaphores, ForkedChildLeavesItsParentsSetsAlone)
 {
-    in_child("4", [] {
-        const int before = kernel_sets();
+    with_sets_of("4", [] {
         a_sysv_semaphore parents = open_one();
-        const pid_t child = fork();
-        if (child == 0) {
+        const auto use_and_exit = [&] {
             a_sysv_semaphore own = open_one();
             EXPECT_NE(own.ident, parents.ident) << "members of the parent's set are the parent's to hand out";
             sysv_close_semaphore(&parents);
-            EXPECT_EQ(own_sets(before), 2);
-            ut_onsig_call_now(SIGTERM, FALSE, FALSE, TRUE, nullptr, nullptr);
-            EXPECT_EQ(own_sets(before), 1) << "its own set is gone, its parent's is not";
+            EXPECT_EQ(own_sets(), 2);
+            clean_up();
+            EXPECT_EQ(own_sets(), 1) << "its own set is gone, its parent's is not";
             own = open_one();
             sysv_close_semaphore(&own);
-            exit(testing::Test::HasFailure() ? 1 : 0);
-        }
-        int status;
-        waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0);
-        EXPECT_EQ(own_sets(before), 1);
+            exit(testing::Test::HasFailure());
+        };
+        EXPECT_EQ(0, in_child(use_and_exit).status);
+        EXPECT_EQ(own_sets(), 1);
         EXPECT_EQ(semctl(parents.ident, parents.offset, GETVAL), 1);
         const long unmarked = syscall(SYS_fork);  // as a child is before its fork handlers have run
-        if (unmarked == 0) {
-            ut_onsig_call_now(SIGTERM, FALSE, FALSE, TRUE, nullptr, nullptr);
-            _exit(0);
-        }
-        waitpid(pid_t(unmarked), &status, 0);
-        EXPECT_EQ(own_sets(before), 1);
-        const pid_t heir = fork();
-        if (heir == 0) {
-            UnixForkProtection_Reset();
-            ut_onsig_call_now(SIGTERM, FALSE, FALSE, TRUE, nullptr, nullptr);
-            _exit(0);
-        }
-        waitpid(heir, &status, 0);
-        EXPECT_EQ(own_sets(before), 0) << "after a reset they are the child's";
+        if (unmarked == 0)
+            clean_up(), _exit(0);
+        waitpid(pid_t(unmarked), nullptr, 0);
+        EXPECT_EQ(own_sets(), 1);
+        in_child([] { UnixForkProtection_Reset(), clean_up(); });
+        EXPECT_EQ(own_sets(), 0) << "after a reset they are the child's";
         sysv_close_semaphore(&parents);
-        EXPECT_EQ(own_sets(before), 0);
+        EXPECT_EQ(own_sets(), 0);
     });
 }
 
 TEST(SysvSemaphores, ASetThatSomebodyElseRemovedIsReplaced)
 {
-    in_child("4", [] {
-        const int before = kernel_sets();
+    with_sets_of("4", [] {
         a_sysv_semaphore lost = open_one(), refused = {0, 0};
         semctl(lost.ident, 0, IPC_RMID);
         EXPECT_FALSE(sysv_open_semaphore(&refused, 1)) << "its set is gone";
         a_sysv_semaphore fresh = open_one();
-        EXPECT_EQ(semctl(fresh.ident, fresh.offset, GETVAL), 1);
         sysv_close_semaphore(&lost);
-        EXPECT_EQ(own_sets(before), 1);
+        EXPECT_EQ(own_sets(), 1);
         sysv_close_semaphore(&fresh);
-        EXPECT_EQ(own_sets(before), 0);
+        EXPECT_EQ(own_sets(), 0);
         EXPECT_TRUE(sysv_list_is_empty());
     });
 }
 
 TEST(SysvSemaphores, MembersOfLargeSetsGetTheirFirstValueBySemop)
 {
-    in_child("65", [] {
-        const int values[] = {5, 0, 32767};
-        a_sysv_semaphore open[3], refused;
-        for (int i = 0; i < 3; i++) {
-            open[i] = open_one(values[i]);
-            EXPECT_EQ(semctl(open[i].ident, open[i].offset, GETVAL), values[i]);
-        }
+    with_sets_of("65", [] {
+        a_sysv_semaphore first = open_one(5), refused;
+        open_one(0);
+        open_one(32767);
         EXPECT_EQ(semops, 2) << "none for 0";
         EXPECT_EQ(setvals, 0);
         for (int value : {-1, 32768, 65537})
             EXPECT_FALSE(sysv_open_semaphore(&refused, value)) << value;
         EXPECT_EQ(open_one(7).offset, 3) << "refused values gave the member back";
-        EXPECT_EQ(semctl(open[0].ident, 3, GETVAL), 7);
         EXPECT_EQ(setvals, 4) << "a member is fresh once";
         // Whoever dies takes back only what it did to the member's earlier life.
         int ready[2], go[2];
@@ -236,27 +191,27 @@ TEST(SysvSemaphores, MembersOfLargeSetsGetTheirFirstValueBySemop)
         const pid_t other = fork();
         if (other == 0) {
             sembuf add = {0, 3, SEM_UNDO};
-            _exit(semop(open[0].ident, &add, 1) != 0 || write(ready[1], &c, 1) != 1 || read(go[0], &c, 1) != 1);
+            _exit(semop(first.ident, &add, 1) != 0 || write(ready[1], &c, 1) != 1 || read(go[0], &c, 1) != 1);
         }
         EXPECT_EQ(read(ready[0], &c, 1), 1);
-        sysv_close_semaphore(&open[0]);
+        sysv_close_semaphore(&first);
         EXPECT_EQ(open_one(1).offset, 0);
         EXPECT_EQ(write(go[1], &c, 1), 1);
         waitpid(other, nullptr, 0);
-        EXPECT_EQ(semctl(open[0].ident, 0, GETVAL), 1);
-        const pid_t heir = fork();
-        if (heir == 0) {
+        EXPECT_EQ(semctl(first.ident, 0, GETVAL), 1);
+        for (int i = 4; i < 65; i++)
+            EXPECT_EQ(open_one().offset, i);
+        EXPECT_EQ(own_sets(), 1);
+        EXPECT_EQ(open_one().offset, 0) << "of the next set";
+        const auto open_as_heir = [] {
             UnixForkProtection_Reset();
             setvals = 0;
-            EXPECT_EQ(open_one(2).offset, 4);
+            EXPECT_EQ(open_one(2).offset, 1);
             EXPECT_EQ(setvals, 1) << "the parent may have handed it out meanwhile";
-            _exit(testing::Test::HasFailure() ? 1 : 0);
-        }
-        int status;
-        waitpid(heir, &status, 0);
-        EXPECT_EQ(status, 0);
+        };
+        EXPECT_EQ(0, in_child(open_as_heir).status);
     });
-    in_child("64", [] {
+    with_sets_of("64", [] {
         open_one();
         EXPECT_EQ(setvals, 1) << "cheap in a small set";
         EXPECT_EQ(semops, 0);
@@ -265,50 +220,25 @@ TEST(SysvSemaphores, MembersOfLargeSetsGetTheirFirstValueBySemop)
 
 TEST(SysvSemaphores, ThreadsNeverShareAMember)
 {
-    in_child("16", [] {
-        const int before = kernel_sets();
+    with_sets_of("16", [] {
+        const auto open_and_close = [](int i) {
+            std::vector<a_sysv_semaphore> mine(20, {0, 0});
+            for (size_t n = 0; n < 420; n++) {
+                a_sysv_semaphore& s = mine[n % 20];
+                if (n >= 20) {
+                    EXPECT_EQ(semctl(s.ident, s.offset, GETVAL), i);
+                    sysv_close_semaphore(&s);
+                }
+                EXPECT_TRUE(n >= 400 || sysv_open_semaphore(&s, i));
+            }
+        };
         std::vector<std::thread> threads;
         for (int i = 0; i < 4; i++)
-            threads.emplace_back([i] {
-                std::vector<a_sysv_semaphore> mine;
-                for (int n = 0; n < 400; n++) {
-                    a_sysv_semaphore s;
-                    ASSERT_TRUE(sysv_open_semaphore(&s, i));
-                    mine.push_back(s);
-                    if (mine.size() < 20)
-                        continue;
-                    EXPECT_EQ(semctl(mine.front().ident, mine.front().offset, GETVAL), i);
-                    sysv_close_semaphore(&mine.front());
-                    mine.erase(mine.begin());
-                }
-                for (a_sysv_semaphore& s : mine)
-                    sysv_close_semaphore(&s);
-            });
+            threads.emplace_back(open_and_close, i);
         for (std::thread& thread : threads)
             thread.join();
-        EXPECT_EQ(own_sets(before), 0);
+        EXPECT_EQ(own_sets(), 0);
     });
 }
 
-TEST(BitArray, FindsAndCountsByWords)
-{
-    c_bit_array bits(70, TRUE), none(0, TRUE);
-    EXPECT_EQ(none.get_first(FALSE), -1);
-    for (int i = 0; i < 70; i++) {
-        EXPECT_EQ(bits.get_first(FALSE), i);
-        EXPECT_FALSE(bits.set(uint32(i)));
-    }
-    EXPECT_EQ(bits.get_first(FALSE), -1);
-    EXPECT_EQ(bits.get_last(TRUE), 69);
-    EXPECT_TRUE(bits.clear(3));
-    EXPECT_TRUE(bits.clear(68));
-    EXPECT_FALSE(bits.clear(70)) << "beyond the end";
-    EXPECT_EQ(bits.get_first(FALSE), 3);
-    EXPECT_EQ(bits.get_last(FALSE), 68);
-    EXPECT_EQ(bits.count_bits(TRUE), 68);
-    bits.set_all();
-    EXPECT_EQ(bits.count_bits(FALSE), 0);
-    bits.clear_all();
-    EXPECT_EQ(bits.get_first(FALSE), 0);
-    EXPECT_EQ(bits.get_first(TRUE), -1);
-}
+}  // namespace
