@@ -1,4 +1,5 @@
-// child.h: runs a piece of a test in a forked process and collects how that ended and what it said.
+// child.h: runs a piece of a test in a forked process and collects how that ended and what it said; a crowd of threads
+// beside a test.
 #ifndef TESTS_CHILD_H
 #define TESTS_CHILD_H
 
@@ -7,6 +8,10 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -49,5 +54,25 @@ a_child in_child(F body)
     waitpid(pid, &child.status, 0);
     return child;
 }
+
+// Threads that repeat something each, until the end of the scope.
+struct a_crowd {
+    std::atomic<bool> stop = false;
+    std::vector<std::thread> threads;
+    template <typename F>
+    void repeat(F operation)
+    {
+        threads.emplace_back([this, operation]() mutable {
+            while (!stop)
+                operation();
+        });
+    }
+    ~a_crowd()
+    {
+        stop = true;
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+};
 
 #endif

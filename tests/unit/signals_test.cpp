@@ -3,15 +3,11 @@
 #include <signal.h>
 #include <sys/resource.h>
 
-#include <atomic>
-#include <thread>
-
 #include "corvex/onsig.h"
 #include "tests/child.h"
 #include "utils/unix/sysvsemo.h"
 #include "utils/unix/unixsigs.h"
 #include "utils/unix/utcore.h"
-#include "utils/unix/utending.h"
 
 // Stands in for the delay before the abort.
 extern "C" unsigned sleep(unsigned seconds)
@@ -63,22 +59,18 @@ TEST(OnSignalChain, RunsEightSlotsByPriorityFrom0To32000AndReusesTheLowestFreedO
 
 TEST(OnSignalChain, NeitherLosesNorRepeatsACallbackBesideRegistrations)
 {
-    std::atomic<bool> done = false;
-    const auto churn = [&] {
-        for (int i = 0; !done; i++)
-            ut_onsig_call_del(ut_onsig_call_add(i % 2 == 0 ? 5 : 40, passing, nullptr), passing);
-    };
     void* handles[] = {ut_onsig_call_add(10, steady, nullptr), ut_onsig_call_add(20, steady, nullptr)};
-    std::thread one(churn), two(churn);
+    a_crowd crowd;
+    for (int i = 0; i < 2; i++)
+        crowd.repeat([n = 0]() mutable {
+            ut_onsig_call_del(ut_onsig_call_add(n++ % 2 == 0 ? 5 : 40, passing, nullptr), passing);
+        });
     int wrong = 0;
     for (int round = 0; round < 200000; round++) {
         steady_runs = 0;
         ut_onsig_call_now(1, FALSE, FALSE, FALSE, nullptr, nullptr);
         wrong += steady_runs != 2;
     }
-    done = true;
-    one.join();
-    two.join();
     EXPECT_EQ(0, wrong) << "each steady registration runs once per chain";
     for (void* handle : handles)
         ut_onsig_call_del(handle, steady);
@@ -110,14 +102,11 @@ void say_disposition(int sig)
 {
     struct sigaction now;
     sigaction(sig, nullptr, &now);
-    if (now.sa_handler == SIG_DFL)
-        return say("%d default\n", sig);
-    say("%d %s flags %x blocks", sig, now.sa_sigaction == earlier || now.sa_sigaction == later ? "foreign" : "library",
-        unsigned(now.sa_flags & (SA_RESTART | SA_NODEFER | SA_ONSTACK)));
-    for (int i = 1; i < NSIG; i++)
-        if (sigismember(&now.sa_mask, i) == 1)
-            say(" %d", i);
-    say("\n");
+    const bool foreign = now.sa_sigaction == earlier || now.sa_sigaction == later;
+    now.sa_handler == SIG_DFL
+        ? say("%d default\n", sig)
+        : say("%d %s flags %x mask %lx\n", sig, foreign ? "foreign" : "library",
+              unsigned(now.sa_flags & (SA_RESTART | SA_NODEFER | SA_ONSTACK)), now.sa_mask.__val[0]);
 }
 
 void alternate_stack(int flags)
@@ -127,18 +116,20 @@ void alternate_stack(int flags)
     sigaltstack(&stack, nullptr);
 }
 
-// A child with one callback, default dispositions, no alternate stack (sanitizers leave both) and one variable.
+// What a child with one callback, default dispositions, no alternate stack (sanitizers leave both) and one variable
+// says, and the signal that ends it.
 template <typename F>
-a_child in_fresh_child(const char* name, const char* value, F body)
+std::string in_fresh_child(const std::string& variable, F body)
 {
-    return in_child([&] {
-        for (int sig : handled)
+    const a_child child = in_child([&] {
+        for (int sig : {SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGHUP, SIGINT, SIGQUIT, SIGTERM})
             signal(sig, SIG_DFL);
         alternate_stack(SS_DISABLE);
-        setenv(name, value, 1);
+        putenv(strdup(variable.c_str()));
         ut_onsig_call_add(0, callback, nullptr);
         body();
     });
+    return child.said + "status " + std::to_string(child.status);
 }
 
 TEST(SignalHandlers, AreInstalledAsTheModeSays)
@@ -153,33 +144,31 @@ TEST(SignalHandlers, AreInstalledAsTheModeSays)
     const std::pair<const char*, std::string> modes[] = {{"no", none}, {"N", none}, {"crash", crash},
                                                          {"S", crash}, {"", all},   {"longer than its buffer", all}};
     for (const auto& [mode, installed] : modes)
-        EXPECT_EQ(installed, in_fresh_child("ZT_INSTALL_SIG_HANDLERS", mode, say_handled).said) << mode;
+        EXPECT_EQ(installed + "status 0", in_fresh_child(std::string("ZT_INSTALL_SIG_HANDLERS=") + mode, say_handled));
 }
 
 TEST(SignalHandlers, PassTheSignalOnAndPutDispositionsBackWhole)
 {
-    const a_child child = in_fresh_child("-", "", [] {
-        handle(SIGTERM, earlier);
-        signal(SIGHUP, SIG_IGN);
-        ut_onsig_install_signal_handlers(FALSE);
-        ut_onsig_install_signal_handlers(FALSE);
-        raise(SIGTERM);
-        say_disposition(SIGTERM);
-        handle(SIGTERM, later, &passed_to);
-        raise(SIGTERM);
-        say_disposition(SIGTERM);
-        ut_onsig_remove_signal_handlers();
-        for (int sig : {SIGTERM, SIGHUP})
-            say_disposition(sig);
-        handle(SIGHUP, earlier);
-        ut_onsig_install_signal_handlers(FALSE);
-        raise(SIGHUP);
-    });
-    EXPECT_EQ(0, child.status);
-    EXPECT_EQ("chain 15 chaining will 0\nearlier 15\n15 library flags 18000000 blocks 15\n"  // restart, on stack
-              "chain 15 chained chaining will 0\nearlier 15\n15 foreign flags 40000000 blocks 12\n"  // no defer
-              "15 foreign flags 40000000 blocks 12\n1 default\nchain 1 chaining will 0\nearlier 1\n",
-              child.said);
+    EXPECT_EQ("chain 15 chaining will 0\nearlier 15\n15 library flags 18000000 mask 4000\n"         // restart, on stack
+              "chain 15 chained chaining will 0\nearlier 15\n15 foreign flags 40000000 mask 800\n"  // no defer
+              "15 foreign flags 40000000 mask 800\n1 default\nchain 1 chaining will 0\nearlier 1\nstatus 0",
+              in_fresh_child("-=", [] {
+                  handle(SIGTERM, earlier);
+                  signal(SIGHUP, SIG_IGN);
+                  ut_onsig_install_signal_handlers(FALSE);
+                  ut_onsig_install_signal_handlers(FALSE);
+                  raise(SIGTERM);
+                  say_disposition(SIGTERM);
+                  handle(SIGTERM, later, &passed_to);
+                  raise(SIGTERM);
+                  say_disposition(SIGTERM);
+                  ut_onsig_remove_signal_handlers();
+                  for (int sig : {SIGTERM, SIGHUP})
+                      say_disposition(sig);
+                  handle(SIGHUP, earlier);
+                  ut_onsig_install_signal_handlers(FALSE);
+                  raise(SIGHUP);
+              }));
 }
 
 void say_core_limit(int)
@@ -191,29 +180,25 @@ void say_core_limit(int)
 
 TEST(SignalHandlers, EndTheProcessOfATerminationSignalWithoutACore)
 {
-    const std::string no_core = "core 0 of 8192\n", delay = "ZT_LINUX_COREDUMP_DELAY";
-    const struct {
-        std::string variable;
-        const char* value;
-        std::string end;
-    } cases[] = {{"-", "", no_core},
-                 {"ZT_ALWAYS_GEN_CORE", "", "core 4096 of 8192\n"},
-                 {delay, "", "sleep 2\n" + no_core},
-                 {delay, "7x", "sleep 7\n" + no_core},
-                 {delay, "-5", "sleep 0\n" + no_core},
-                 {delay, "00000005", "sleep 5\n" + no_core},
-                 {delay, "42949672960", "sleep 3600\n" + no_core}};
-    for (const auto& [variable, value, end] : cases) {
-        const a_child child = in_fresh_child(variable.c_str(), value, [] {
-            const rlimit limit = {4096, 8192};
-            setrlimit(RLIMIT_CORE, &limit);
-            signal(SIGABRT, say_core_limit);  // put back by the clean-up, so it sees the abort
-            ut_onsig_install_signal_handlers(FALSE);
-            raise(SIGTERM);
-        });
-        EXPECT_EQ(SIGABRT, child.status);
-        EXPECT_EQ("chain 15 cleanup will 1\n" + end, child.said) << value;
-    }
+    const std::string no_core = "core 0 of 8192\n", delay = "ZT_LINUX_COREDUMP_DELAY=";
+    const std::pair<std::string, std::string> cases[] = {{"-=", no_core},
+                                                         {"ZT_ALWAYS_GEN_CORE=", "core 4096 of 8192\n"},
+                                                         {delay, "sleep 2\n" + no_core},
+                                                         {delay + "7x", "sleep 7\n" + no_core},
+                                                         {delay + "-5", "sleep 0\n" + no_core},
+                                                         {delay + "00000005", "sleep 5\n" + no_core},
+                                                         {delay + "42949672960", "sleep 3600\n" + no_core}};
+    for (const auto& [variable, end] : cases)
+        EXPECT_EQ("chain 15 cleanup will 1\n" + end + "status 6",
+                  in_fresh_child(variable,
+                                 [] {
+                                     const rlimit limit = {4096, 8192};
+                                     setrlimit(RLIMIT_CORE, &limit);
+                                     signal(SIGABRT, say_core_limit);  // put back by the clean-up, so it sees the abort
+                                     ut_onsig_install_signal_handlers(FALSE);
+                                     raise(SIGTERM);
+                                 }))
+            << variable;
 }
 
 void abort_again(int sig, void*, a_bool, a_bool, a_bool, void*, void*)
@@ -232,45 +217,36 @@ void fork_and_abort(int, void*, a_bool, a_bool, a_bool, void*, void*)
 
 TEST(SignalHandlers, EndByAbortOnceAlsoAfterCrashOnlyInstallationsAndWithForkingCallbacks)
 {
-    const struct {
-        const char* mode;
-        int sig;
-        a_sig_handler_func second;
-    } cases[] = {{"crash", SIGFPE, abort_again}, {"crash", SIGABRT, abort_again}, {"all", SIGSEGV, fork_and_abort}};
-    for (const auto& [mode, sig, second] : cases) {
-        const a_child child = in_fresh_child("ZT_INSTALL_SIG_HANDLERS", mode, [sig = sig, second = second] {
-            ut_onsig_call_add(1, second, nullptr);
-            ut_onsig_install_signal_handlers(FALSE);
-            ut_onsig_install_signal_handlers(FALSE);
-            if (second == abort_again)
-                ut_onsig_remove_signal_handlers();  // which leaves a crash-only installation in place
-            raise(sig);
-        });
-        EXPECT_EQ(SIGABRT, child.status);
-        EXPECT_EQ("chain " + std::to_string(sig) + " cleanup will 1\nchain 6 cleanup will 1\n", child.said) << mode;
-    }
-}
-
-// Whose signals' default action does nothing.
-TEST(SignalHandlers, EndTheFirstProcessOfAContainer)
-{
+    const std::string aborted = "chain 6 cleanup will 1\n";
+    for (int sig : {SIGFPE, SIGABRT})
+        EXPECT_EQ("chain " + std::to_string(sig) + " cleanup will 1\n" + aborted + "status 6",
+                  in_fresh_child("ZT_INSTALL_SIG_HANDLERS=crash", [&] {
+                      ut_onsig_call_add(1, abort_again, nullptr);
+                      ut_onsig_install_signal_handlers(FALSE);
+                      ut_onsig_install_signal_handlers(FALSE);
+                      ut_onsig_remove_signal_handlers();  // which leaves a crash-only installation in place
+                      raise(sig);
+                  }));
+    EXPECT_EQ("chain 11 cleanup will 1\n" + aborted + "status 6", in_fresh_child("-=", [] {
+                  ut_onsig_call_add(1, fork_and_abort, nullptr);
+                  ut_onsig_install_signal_handlers(FALSE);
+                  raise(SIGSEGV);
+              }));
+    // The default action of the signals does nothing to the first process of a container.
     for (const char* mode : {"crash", "all"}) {
-        const a_child child = in_fresh_child("ZT_INSTALL_SIG_HANDLERS", mode, [] {
+        const std::string said = in_fresh_child(std::string("ZT_INSTALL_SIG_HANDLERS=") + mode, [] {
             if (unshare(CLONE_NEWPID) != 0)
-                return say("no container");
+                return say("only root makes containers ");
             if (fork() == 0) {
                 ut_onsig_install_signal_handlers(FALSE);
                 raise(SIGABRT);
                 _exit(0);
             }
-            int status;
-            wait(&status);
-            say("status %d", status);
+            int end;
+            wait(&end);
+            say("container %d ", end);
         });
-        const std::string once = "chain 6 cleanup will 1\n", twice = once + once;
-        if (child.said == "no container")
-            GTEST_SKIP() << "only root makes containers";
-        EXPECT_EQ(child.said, (*mode == 'c' ? twice : once) + "status 11");
+        EXPECT_EQ(geteuid() != 0 ? said : aborted + (*mode == 'c' ? aborted : "") + "container 11 status 0", said);
     }
 }
 
@@ -278,22 +254,17 @@ TEST(SignalHandlers, SpareTheParentOfAVforkedChild)
 {
     if (under_tsan)
         return;  // it makes a vfork a fork
-    const a_child parent = in_fresh_child("-", "", [] {
-        handle(SIGHUP, earlier);
-        ut_onsig_install_signal_handlers(FALSE);
-        const pid_t child = vfork();
-        if (child == 0) {
-            raise(SIGHUP);
-            raise(SIGINT);
-            _exit(0);
-        }
-        int status;
-        waitpid(child, &status, 0);
-        say("died of %d, will %d\n", status, ut_onsig_will_do_cleanup());
-        raise(SIGTERM);
-    });
-    EXPECT_EQ(parent.said, "earlier 1\ndied of 2, will 0\nchain 15 cleanup will 1\n");
-    EXPECT_EQ(parent.status, SIGABRT);
+    EXPECT_EQ("earlier 1\ndied of 2, will 0\nchain 15 cleanup will 1\nstatus 6", in_fresh_child("-=", [] {
+                  handle(SIGHUP, earlier);
+                  ut_onsig_install_signal_handlers(FALSE);
+                  const pid_t child = vfork();
+                  if (child == 0)
+                      raise(SIGHUP), raise(SIGINT), _exit(0);
+                  int status;
+                  waitpid(child, &status, 0);
+                  say("died of %d, will %d\n", status, ut_onsig_will_do_cleanup());
+                  raise(SIGTERM);
+              }));
 }
 
 __attribute__((noinline)) int overflow(volatile char* above)
@@ -307,32 +278,12 @@ TEST(SignalHandlers, UseAnAlternateStackThatCameAfterTheirInstallation)
 {
     if (under_asan || under_tsan)
         return;  // they have stacks and frames of their own
-    const a_child overflown = in_fresh_child("-", "", [] {
-        volatile char start = 0;
-        ut_onsig_install_signal_handlers(FALSE);
-        alternate_stack(0);
-        overflow(&start);
-    });
-    EXPECT_EQ(SIGABRT, overflown.status);
-    EXPECT_EQ("chain 11 cleanup will 1\n", overflown.said);
-}
-
-TEST(Ending, WaitsForStreamsShareTwoSeconds)
-{
-    const a_child child = in_child([] {
-        say("%d ", unix_ending_wait_ms(5000));
-        unix_process_ends();
-        say("%d ", unix_ending_wait_ms(1000));
-        unix_ending_wait_ms(-400);  // the wait was over sooner
-        unix_process_ends();        // by a signal in the shut-down
-        say("%d ", unix_ending_wait_ms(1000));
-        for (const char* which : {"", "child "}) {
-            if (*which != '\0' && fork() != 0)
-                return void(wait(nullptr));
-            say("%s%d, then %d ", which, unix_process_is_ending(), unix_ending_wait_ms(1000));
-        }
-    });
-    EXPECT_EQ(child.said, "5000 1000 1000 1, then 300 child 0, then 1000 ");
+    EXPECT_EQ("chain 11 cleanup will 1\nstatus 6", in_fresh_child("-=", [] {
+                  volatile char start = 0;
+                  ut_onsig_install_signal_handlers(FALSE);
+                  alternate_stack(0);
+                  overflow(&start);
+              }));
 }
 
 }  // namespace
