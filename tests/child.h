@@ -1,5 +1,5 @@
-// child.h: runs a piece of a test in a forked process and collects how that ended and what it said; a crowd of threads
-// beside a test.
+// child.h: runs a piece of a test in a forked process and collects how that ended and what it said; threads beside a
+// test.
 #ifndef TESTS_CHILD_H
 #define TESTS_CHILD_H
 
@@ -55,24 +55,14 @@ a_child in_child(F body)
     return child;
 }
 
-// Threads that repeat something each, until the end of the scope.
-struct a_crowd {
-    std::atomic<bool> stop = false;
-    std::vector<std::thread> threads;
-    template <typename F>
-    void repeat(F operation)
-    {
-        threads.emplace_back([this, operation]() mutable {
-            while (!stop)
-                operation();
-        });
-    }
-    ~a_crowd()
-    {
-        stop = true;
-        for (std::thread& thread : threads)
-            thread.join();
-    }
-};
+// A thread that repeats something until the end of the scope.
+template <typename F>
+std::jthread repeated(F operation)
+{
+    return std::jthread([operation](std::stop_token stop) mutable {
+        while (!stop.stop_requested())
+            operation();
+    });
+}
 
 #endif

@@ -9,25 +9,35 @@
 #include <sys/syscall.h>
 
 #include <chrono>
+#include <filesystem>
 
 #include "tests/child.h"
 #include "utils/etc/utfatal.h"
 #include "utils/unix/unixout.h"
 #include "utils/unix/utending.h"
 
-namespace {
-
-int pipe_to_fill = -1;
-const std::string much(1 << 20, 'x');
+static int pipe_to_fill = -1;
+static const std::string much(1 << 20, 'x');
 
 // Fills a stream as another writer would.
-void fill(int fd)
+static void fill(int fd)
 {
     fcntl(fd, F_SETFL, O_NONBLOCK);
     while (write(fd, much.data(), PIPE_BUF) > 0)
         continue;
     fcntl(fd, F_SETFL, 0);
 }
+
+// Between a poll and a write another writer fills the pipe.
+extern "C" int poll(struct pollfd* fds, nfds_t num, int timeout)
+{
+    const int ready = int(syscall(SYS_poll, fds, num, timeout));
+    if (ready > 0 && pipe_to_fill >= 0)
+        fill(pipe_to_fill);
+    return ready;
+}
+
+namespace {
 
 template <typename F>
 double seconds(F body)
@@ -46,42 +56,27 @@ const char* written_to(int fd)
     return out.error() == 0 ? "ok" : strerrorname_np(out.error());
 }
 
-}  // namespace
-
-// Between a poll and a write another writer fills the pipe.
-extern "C" int poll(struct pollfd* fds, nfds_t num, int timeout)
-{
-    const int ready = int(syscall(SYS_poll, fds, num, timeout));
-    if (ready > 0 && pipe_to_fill >= 0)
-        fill(pipe_to_fill);
-    return ready;
-}
-
-namespace {
-
 TEST(Output, RaisesNoSignalAndTellsWhyAStreamFailed)
 {
     const a_child child = in_child([] {
         int dead[2];
-        sigset_t set;
-        EXPECT_EQ(0, pipe(dead));
-        close(dead[0]);
-        for (int fd : {open("/dev/full", O_WRONLY), 1000, -1})
-            say("%s ", written_to(fd));
+        sigset_t set, pending;
+        EXPECT_EQ(0, pipe(dead) + close(dead[0]));
+        say("%s %s ", written_to(open("/dev/full", O_WRONLY)), written_to(-1));
         setvbuf(stdout, nullptr, _IONBF, 0);
         dup2(dead[1], STDOUT_FILENO);
         ut_fatal("fatal");
+        sigemptyset(&set);
+        sigaddset(&set, SIGPIPE);
         for (const bool blocked : {false, true}) {
-            sigemptyset(&set);
-            sigaddset(&set, SIGPIPE);
             if (blocked)
                 sigprocmask(SIG_BLOCK, &set, nullptr), raise(SIGPIPE);
             say("%s ", written_to(dead[1]));
-            sigpending(&set);
-            say("pending %d ", sigismember(&set, SIGPIPE));
+            sigpending(&pending);
+            say("pending %d ", sigismember(&pending, SIGPIPE));
         }
     });
-    EXPECT_EQ("ENOSPC EBADF ok EPIPE pending 0 EPIPE pending 1 ", child.said);
+    EXPECT_EQ("ENOSPC ok EPIPE pending 0 EPIPE pending 1 ", child.said);
 }
 
 // The ends for writing of streams that nobody reads: a pipe, a socket and two terminals, one of them stopped.
@@ -96,15 +91,13 @@ std::vector<int> stuck_streams()
 
 void expect_give_up(int fd)
 {
-    int hooked = 0;
     an_output out;
     const auto write = [&] {
         out.open(fd);
         out.write(much.data(), much.size());
     };
-    out.when_waited([](void* times) { ++*static_cast<int*>(times); }, &hooked);
     const double first = seconds(write), again = seconds(write);
-    EXPECT_TRUE(first > 0.9 && first < 5 && again < 0.5 && hooked > 0) << fd << " " << first << " " << again;
+    EXPECT_TRUE(first > 0.9 && first < 5 && again < 0.5) << fd << " " << first << " " << again;
     EXPECT_EQ(ETIMEDOUT, out.error()) << fd;
 }
 
@@ -113,13 +106,11 @@ TEST(Output, GivesUpAStreamThatTakesNothingForASecondAndAllOfThemInTwoWhenThePro
 {
     for (const uid_t user : {geteuid(), uid_t(65534)}) {
         const a_child child = in_child([&] {
-            std::vector<std::thread> threads;
+            std::vector<std::jthread> threads;
             const auto streams = stuck_streams();
             if (seteuid(user) == 0)
                 for (int fd : streams)
                     threads.emplace_back(expect_give_up, fd);
-            for (std::thread& thread : threads)
-                thread.join();
         });
         EXPECT_EQ(0, child.status) << "user " << user;
     }
@@ -141,7 +132,7 @@ TEST(Output, IsNotBlockedByAnotherWriterAndWaitsForASlowReader)
                      pipe_to_fill = ends[1];
                      EXPECT_STREQ("ETIMEDOUT", written_to(ends[1]));
                  }).status);
-    std::thread reader([&] {
+    const std::jthread reader([&] {
         char taken[PIPE_BUF];
         for (int i = 0; i < 5; i++) {
             usleep(300000);
@@ -154,15 +145,7 @@ TEST(Output, IsNotBlockedByAnotherWriterAndWaitsForASlowReader)
     out.write(much.data(), 5 * PIPE_BUF);
     EXPECT_EQ(0, out.error());
     out.close();
-    reader.join();
 }
-
-struct a_folder {
-    a_folder() { EXPECT_NE(nullptr, mkdtemp(path)); }
-    ~a_folder() { EXPECT_EQ(0, system((std::string("rm -r ") + path).c_str())); }
-    std::string operator/(const char* name) const { return std::string(path) + "/" + name; }
-    char path[32] = "/tmp/output_test.XXXXXX";
-};
 
 // The size of the file after a text of four bytes, or why it cannot be opened.
 std::string opened(const std::string& name, int how = O_APPEND)
@@ -180,10 +163,11 @@ std::string opened(const std::string& name, int how = O_APPEND)
 
 TEST(OpenOutput, FollowsNoLinkThatAnotherUserPutIntoASharedFolder)
 {
-    const a_folder folder;
-    const auto link = [&](const std::string& target, const char* name, uid_t owner = geteuid()) {
-        EXPECT_EQ(0, symlink(target.c_str(), (folder / name).c_str()));
-        EXPECT_EQ(0, lchown((folder / name).c_str(), owner, gid_t(-1)));
+    char name[] = "/tmp/output_test.XXXXXX";
+    const std::filesystem::path folder = mkdtemp(name);
+    const auto link = [&](const std::string& target, const char* link_name, uid_t owner = geteuid()) {
+        EXPECT_EQ(0, symlink(target.c_str(), (folder / link_name).c_str()));
+        EXPECT_EQ(0, lchown((folder / link_name).c_str(), owner, gid_t(-1)));
     };
     EXPECT_EQ("4", opened(folder / "new"));
     EXPECT_EQ("8", opened(folder / "new"));
@@ -191,7 +175,7 @@ TEST(OpenOutput, FollowsNoLinkThatAnotherUserPutIntoASharedFolder)
     EXPECT_EQ("ENOENT", opened(folder / "none/file"));
     EXPECT_EQ("ENAMETOOLONG", opened(std::string(2000, '/')));
     EXPECT_EQ(0, in_child([&] {
-                     EXPECT_EQ(0, chdir(folder.path) + close(STDIN_FILENO));
+                     EXPECT_EQ(0, chdir(name) + close(STDIN_FILENO));
                      EXPECT_EQ("4", opened("relative"));
                  }).status);
     link("new", "to-new");
@@ -201,17 +185,18 @@ TEST(OpenOutput, FollowsNoLinkThatAnotherUserPutIntoASharedFolder)
     EXPECT_EQ("ELOOP", opened(folder / "loop"));
     link("/proc/self/fd/" + std::to_string(open((folder / "new").c_str(), O_RDONLY)), "to-descriptor");
     EXPECT_EQ("12", opened(folder / "to-descriptor"));
-    if (geteuid() != 0)
-        GTEST_SKIP() << "only root gives files away";
-    link("new", "planted", 65534);
-    link("planted", "to-planted");
-    EXPECT_EQ("16", opened(folder / "planted")) << "the folder is not shared";
-    EXPECT_EQ(0, chmod(folder.path, 01777));
-    EXPECT_EQ("EACCES", opened(folder / "planted"));
-    EXPECT_EQ("EACCES", opened(folder / "to-planted"));
-    EXPECT_EQ(0, chown(folder.path, 65534, gid_t(-1)));
-    EXPECT_EQ("20", opened(folder / "planted")) << "the folder's owner put it there";
-    EXPECT_EQ("24", opened(folder / "chain")) << "the caller put them there";
+    if (geteuid() == 0) {  // only root gives files away
+        link("new", "planted", 65534);
+        link("planted", "to-planted");
+        EXPECT_EQ("16", opened(folder / "planted")) << "the folder is not shared";
+        EXPECT_EQ(0, chmod(name, 01777));
+        EXPECT_EQ("EACCES", opened(folder / "planted"));
+        EXPECT_EQ("EACCES", opened(folder / "to-planted"));
+        EXPECT_EQ(0, chown(name, 65534, gid_t(-1)));
+        EXPECT_EQ("20", opened(folder / "planted")) << "the folder's owner put it there";
+        EXPECT_EQ("24", opened(folder / "chain")) << "the caller put them there";
+    }
+    std::filesystem::remove_all(folder);
 }
 
 }  // namespace

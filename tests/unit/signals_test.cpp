@@ -31,8 +31,7 @@ void* add(int priority, const char* name) { return ut_onsig_call_add(priority, n
 std::string run_chain()
 {
     ran.clear();
-    ut_onsig_call_now(15, FALSE, FALSE, TRUE, nullptr, nullptr);
-    return ran;
+    return ut_onsig_call_now(15, FALSE, FALSE, TRUE, nullptr, nullptr), ran;
 }
 
 TEST(OnSignalChain, RunsEightSlotsByPriorityFrom0To32000AndReusesTheLowestFreedOne)
@@ -53,18 +52,16 @@ TEST(OnSignalChain, RunsEightSlotsByPriorityFrom0To32000AndReusesTheLowestFreedO
     ut_onsig_call_del(slots[2], remove_other);
     for (void* slot : slots)
         ut_onsig_call_del(slot, note);
-    EXPECT_EQ("", run_chain());
     sysv_list_init_semaphore();
 }
 
 TEST(OnSignalChain, NeitherLosesNorRepeatsACallbackBesideRegistrations)
 {
     void* handles[] = {ut_onsig_call_add(10, steady, nullptr), ut_onsig_call_add(20, steady, nullptr)};
-    a_crowd crowd;
-    for (int i = 0; i < 2; i++)
-        crowd.repeat([n = 0]() mutable {
-            ut_onsig_call_del(ut_onsig_call_add(n++ % 2 == 0 ? 5 : 40, passing, nullptr), passing);
-        });
+    const auto churn = [n = 0]() mutable {
+        ut_onsig_call_del(ut_onsig_call_add(n++ % 2 == 0 ? 5 : 40, passing, nullptr), passing);
+    };
+    const std::jthread one = repeated(churn), two = repeated(churn);
     int wrong = 0;
     for (int round = 0; round < 200000; round++) {
         steady_runs = 0;
@@ -76,7 +73,6 @@ TEST(OnSignalChain, NeitherLosesNorRepeatsACallbackBesideRegistrations)
         ut_onsig_call_del(handle, steady);
 }
 
-constexpr int handled[] = {SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGHUP, SIGINT, SIGQUIT, SIGTERM};
 struct sigaction passed_to;
 
 void callback(int sig, void*, a_bool chained, a_bool chaining, a_bool cleanup, void* siginfo, void* context)
@@ -102,29 +98,20 @@ void say_disposition(int sig)
 {
     struct sigaction now;
     sigaction(sig, nullptr, &now);
-    const bool foreign = now.sa_sigaction == earlier || now.sa_sigaction == later;
-    now.sa_handler == SIG_DFL
-        ? say("%d default\n", sig)
-        : say("%d %s flags %x mask %lx\n", sig, foreign ? "foreign" : "library",
-              unsigned(now.sa_flags & (SA_RESTART | SA_NODEFER | SA_ONSTACK)), now.sa_mask.__val[0]);
+    const char* whose = now.sa_handler == SIG_DFL ? "default" : "library";
+    if (now.sa_sigaction == earlier || now.sa_sigaction == later)
+        whose = "foreign";
+    say("%d %s flags %x mask %lx\n", sig, whose, unsigned(now.sa_flags & (SA_RESTART | SA_NODEFER | SA_ONSTACK)),
+        now.sa_mask.__val[0]);
 }
 
-void alternate_stack(int flags)
-{
-    static char bytes[65536];
-    const stack_t stack = {bytes, flags, sizeof bytes};
-    sigaltstack(&stack, nullptr);
-}
-
-// What a child with one callback, default dispositions, no alternate stack (sanitizers leave both) and one variable
-// says, and the signal that ends it.
+// What a child with one callback, default dispositions (sanitizers leave theirs) and a variable says, and its end.
 template <typename F>
 std::string in_fresh_child(const std::string& variable, F body)
 {
     const a_child child = in_child([&] {
         for (int sig : {SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGHUP, SIGINT, SIGQUIT, SIGTERM})
             signal(sig, SIG_DFL);
-        alternate_stack(SS_DISABLE);
         putenv(strdup(variable.c_str()));
         ut_onsig_call_add(0, callback, nullptr);
         body();
@@ -149,71 +136,57 @@ TEST(SignalHandlers, AreInstalledAsTheModeSays)
 
 TEST(SignalHandlers, PassTheSignalOnAndPutDispositionsBackWhole)
 {
-    EXPECT_EQ("chain 15 chaining will 0\nearlier 15\n15 library flags 18000000 mask 4000\n"         // restart, on stack
-              "chain 15 chained chaining will 0\nearlier 15\n15 foreign flags 40000000 mask 800\n"  // no defer
-              "15 foreign flags 40000000 mask 800\n1 default\nchain 1 chaining will 0\nearlier 1\nstatus 0",
-              in_fresh_child("-=", [] {
-                  handle(SIGTERM, earlier);
-                  signal(SIGHUP, SIG_IGN);
-                  ut_onsig_install_signal_handlers(FALSE);
-                  ut_onsig_install_signal_handlers(FALSE);
-                  raise(SIGTERM);
-                  say_disposition(SIGTERM);
-                  handle(SIGTERM, later, &passed_to);
-                  raise(SIGTERM);
-                  say_disposition(SIGTERM);
-                  ut_onsig_remove_signal_handlers();
-                  for (int sig : {SIGTERM, SIGHUP})
-                      say_disposition(sig);
-                  handle(SIGHUP, earlier);
-                  ut_onsig_install_signal_handlers(FALSE);
-                  raise(SIGHUP);
-              }));
-}
-
-void say_core_limit(int)
-{
-    rlimit limit;
-    getrlimit(RLIMIT_CORE, &limit);
-    say("core %lu of %lu\n", limit.rlim_cur, limit.rlim_max);
+    EXPECT_EQ(
+        "chain 15 chaining will 0\nearlier 15\n15 library flags 18000000 mask 4000\n"         // restart, on stack
+        "chain 15 chained chaining will 0\nearlier 15\n15 foreign flags 40000000 mask 800\n"  // no defer
+        "15 foreign flags 40000000 mask 800\n1 default flags 0 mask 0\nchain 1 chaining will 0\nearlier 1\nstatus 0",
+        in_fresh_child("-=", [] {
+            handle(SIGTERM, earlier);
+            signal(SIGHUP, SIG_IGN);
+            ut_onsig_install_signal_handlers(FALSE);
+            ut_onsig_install_signal_handlers(FALSE);
+            raise(SIGTERM);
+            say_disposition(SIGTERM);
+            handle(SIGTERM, later, &passed_to);
+            raise(SIGTERM);
+            say_disposition(SIGTERM);
+            ut_onsig_remove_signal_handlers();
+            for (int sig : {SIGTERM, SIGHUP})
+                say_disposition(sig);
+            handle(SIGHUP, earlier);
+            ut_onsig_install_signal_handlers(FALSE);
+            raise(SIGHUP);
+        }));
 }
 
 TEST(SignalHandlers, EndTheProcessOfATerminationSignalWithoutACore)
 {
-    const std::string no_core = "core 0 of 8192\n", delay = "ZT_LINUX_COREDUMP_DELAY=";
-    const std::pair<std::string, std::string> cases[] = {{"-=", no_core},
-                                                         {"ZT_ALWAYS_GEN_CORE=", "core 4096 of 8192\n"},
-                                                         {delay, "sleep 2\n" + no_core},
-                                                         {delay + "7x", "sleep 7\n" + no_core},
-                                                         {delay + "-5", "sleep 0\n" + no_core},
-                                                         {delay + "00000005", "sleep 5\n" + no_core},
-                                                         {delay + "42949672960", "sleep 3600\n" + no_core}};
-    for (const auto& [variable, end] : cases)
-        EXPECT_EQ("chain 15 cleanup will 1\n" + end + "status 6",
-                  in_fresh_child(variable,
-                                 [] {
-                                     const rlimit limit = {4096, 8192};
-                                     setrlimit(RLIMIT_CORE, &limit);
-                                     signal(SIGABRT, say_core_limit);  // put back by the clean-up, so it sees the abort
-                                     ut_onsig_install_signal_handlers(FALSE);
-                                     raise(SIGTERM);
-                                 }))
-            << variable;
+    const std::string began = "chain 15 cleanup will 1\n", delay = "ZT_LINUX_COREDUMP_DELAY=";
+    const auto terminate = [] {
+        const rlimit limit = {4096, 8192};
+        setrlimit(RLIMIT_CORE, &limit);
+        signal(SIGABRT, [](int) {  // put back by the clean-up, so it sees the abort
+            rlimit now;
+            getrlimit(RLIMIT_CORE, &now);
+            say("core %lu of %lu\n", now.rlim_cur, now.rlim_max);
+        });
+        ut_onsig_install_signal_handlers(FALSE);
+        raise(SIGTERM);
+    };
+    const std::pair<std::string, const char*> cases[] = {{"-=", ""},
+                                                         {delay, "sleep 2\n"},
+                                                         {delay + "7x", "sleep 7\n"},
+                                                         {delay + "-5", "sleep 0\n"},
+                                                         {delay + "42949672960", "sleep 3600\n"}};
+    for (const auto& [variable, slept] : cases)
+        EXPECT_EQ(began + slept + "core 0 of 8192\nstatus 6", in_fresh_child(variable, terminate)) << variable;
+    EXPECT_EQ(began + "core 4096 of 8192\nstatus 6", in_fresh_child("ZT_ALWAYS_GEN_CORE=", terminate));
 }
 
-void abort_again(int sig, void*, a_bool, a_bool, a_bool, void*, void*)
-{
-    if (sig == SIGABRT)
-        raise(SIGABRT);  // as another process may: it is pending until the handler's own
-}
+// As another process may: it is pending until the handler's own.
+void abort_again(int sig, void*, a_bool, a_bool, a_bool, void*, void*) { sig == SIGABRT ? raise(sig) : 0; }
 
-void fork_and_abort(int, void*, a_bool, a_bool, a_bool, void*, void*)
-{
-    const pid_t child = fork();
-    if (child == 0)
-        abort();
-    waitpid(child, nullptr, 0);
-}
+void fork_and_abort(int, void*, a_bool, a_bool, a_bool, void*, void*) { fork() == 0 ? abort() : void(wait(nullptr)); }
 
 TEST(SignalHandlers, EndByAbortOnceAlsoAfterCrashOnlyInstallationsAndWithForkingCallbacks)
 {
@@ -232,22 +205,15 @@ TEST(SignalHandlers, EndByAbortOnceAlsoAfterCrashOnlyInstallationsAndWithForking
                   ut_onsig_install_signal_handlers(FALSE);
                   raise(SIGSEGV);
               }));
-    // The default action of the signals does nothing to the first process of a container.
-    for (const char* mode : {"crash", "all"}) {
-        const std::string said = in_fresh_child(std::string("ZT_INSTALL_SIG_HANDLERS=") + mode, [] {
-            if (unshare(CLONE_NEWPID) != 0)
-                return say("only root makes containers ");
-            if (fork() == 0) {
-                ut_onsig_install_signal_handlers(FALSE);
-                raise(SIGABRT);
-                _exit(0);
-            }
-            int end;
-            wait(&end);
-            say("container %d ", end);
-        });
-        EXPECT_EQ(geteuid() != 0 ? said : aborted + (*mode == 'c' ? aborted : "") + "container 11 status 0", said);
-    }
+    // The default action of SIGABRT does nothing to the first process of a container.
+    const std::string said = in_fresh_child("-=", [] {
+        int end = -unshare(CLONE_NEWPID);
+        if (end == 0 && fork() == 0)
+            ut_onsig_install_signal_handlers(FALSE), raise(SIGABRT), _exit(0);
+        wait(&end);
+        say("container %d ", end);
+    });
+    EXPECT_EQ(geteuid() != 0 ? said : aborted + "container 11 status 0", said);
 }
 
 TEST(SignalHandlers, SpareTheParentOfAVforkedChild)
@@ -264,25 +230,6 @@ TEST(SignalHandlers, SpareTheParentOfAVforkedChild)
                   waitpid(child, &status, 0);
                   say("died of %d, will %d\n", status, ut_onsig_will_do_cleanup());
                   raise(SIGTERM);
-              }));
-}
-
-__attribute__((noinline)) int overflow(volatile char* above)
-{
-    volatile char frame[4096];
-    frame[0] = *above;
-    return frame[0] == 1 ? 0 : overflow(frame) + frame[0];
-}
-
-TEST(SignalHandlers, UseAnAlternateStackThatCameAfterTheirInstallation)
-{
-    if (under_asan || under_tsan)
-        return;  // they have stacks and frames of their own
-    EXPECT_EQ("chain 11 cleanup will 1\nstatus 6", in_fresh_child("-=", [] {
-                  volatile char start = 0;
-                  ut_onsig_install_signal_handlers(FALSE);
-                  alternate_stack(0);
-                  overflow(&start);
               }));
 }
 
