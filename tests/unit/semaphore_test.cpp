@@ -85,14 +85,15 @@ TEST(Semaphore, LosesNoValueStoredBeforeASignal)
         }
     });
     const auto enough = a_clock::now() + std::chrono::seconds(10);
-    for (long i = 2; i <= 400000 && done == i - 2 && a_clock::now() < enough; i += 2) {
+    for (long i = 2; i <= 2000000 && done == i - 2 && a_clock::now() < enough; i += 2) {
         store_and_signal(i - 1);
         for (volatile long n = i / 2 % 64; n > 0;)
             n = n - 1;
         store_and_signal(i);
         const auto end = a_clock::now() + std::chrono::seconds(20);
-        while (done != i && a_clock::now() < end)
-            std::this_thread::yield();
+        for (long n = 1; done != i && (n % 10000 != 0 || a_clock::now() < end); n++)
+            if (n % 10000 == 0)
+                std::this_thread::yield();
         EXPECT_EQ(done, i) << "the second value of the round was lost";
     }
     store_and_signal(-1);
