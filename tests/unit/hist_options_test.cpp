@@ -22,10 +22,9 @@ constexpr const char* names[] = {"num",  "num_q", "by_thr", "data",  "size", "fi
 const std::string table =
     R"(,,, ->  | A-+ ->  | a-5 -> append=0 ?5 | c+-+ -> crlf=2 | d1+2-3 -> data=0 size=3 | e -> err<ut_hist.out> | )"
     R"(e-+=a{b,c -> err<a{b> crlf=2 | e=my.err,Z -> z=2 err<my.err> | e{a,b}z -> z=1 err<a,b> | )"
-    R"(e=a,=b,{c}z -> z=1 err<c> | ia-ic-id-ie- -> ia=0 ic=0 id=0 ie=0 | )"
-    R"(iP-iqIRis-it- -> ip=0 iq=1 ir=1 is=0 it=0 | k- ->  | k25 -> knum=25 | l=a,l- ->  | l-l=a -> log<a> | )"
-    R"(me0 ->  | me5mi6mf7 -> file=7 id=6 ev=5 | me5me0 ->  | m -> ?m | f- -> fini=0 | )"
-    R"(n5000k -> num=5000 knum=100 | n99999999999999999999 -> num=2147483647 | q8 -> num_q=8 by_thr=1 | )"
+    R"(e=a,=b,{c}z -> z=1 err<c> | ia-ic-id-ie- -> ia=0 ic=0 id=0 ie=0 | iP-iqIRis-it- -> ip=0 iq=1 ir=1 is=0 it=0 | )"
+    R"(k- ->  | k25 -> knum=25 | l=a,l- ->  | l-l=a -> log<a> | me5mi6mf7 -> file=7 id=6 ev=5 | me5me0 ->  | )"
+    R"(m -> ?m | n5000k -> num=5000 knum=100 | n99999999999999999999 -> num=2147483647 | q8 -> num_q=8 by_thr=1 | )"
     R"(q40 -> num_q=32 by_thr=1 | Q9+q- ->  | S -> sig=2 | x -> cleanup=2 | YS- -> stats=0 | y -> ?y | OFF -> ?O | )"
     R"(7 u"{} -> ?7 ?  ?u ?" ?{ ?} | a=b,z -> z=1 ?= ?b | k{5} -> knum=100 ?{ ?5 ?} | )";
 
