@@ -47,7 +47,7 @@ void copy_name(char (&dst)[name_size], const char* name)
         if ((uint8_t(name[start]) & 0xC0) != 0x80)
             len = start;
     }
-    memcpy(dst, name, len);
+    memcpy(dst, name != nullptr ? name : "", len);
     dst[len] = '\0';
 }
 
