@@ -14,6 +14,7 @@
 #include "utils/etc/osthread.h"
 #include "utils/etc/utcancel.h"
 #include "utils/etc/utenv.h"
+#include "utils/etc/uttext.h"
 #include "utils/unix/unixout.h"
 
 namespace {
@@ -23,7 +24,6 @@ constexpr int line_before_body = 514;  // what a mismatch is reported under
 constexpr int line_after_body = 516;
 constexpr size_t name_size = 16;         // the kernel's limit, the terminating NUL included
 constexpr int looks_before_sleep = 300;  // some microseconds: less than falling asleep and being woken take
-constexpr size_t longest_character = 4;  // bytes in UTF-8
 
 struct os_helper_parms {
     p_os_thread parent;
@@ -39,14 +39,8 @@ struct os_helper_parms {
 void copy_name(char (&dst)[name_size], const char* name)
 {
     size_t len = name != nullptr ? strnlen(name, name_size) : 0;
-    if (len == name_size) {
-        len = name_size - 1;
-        size_t start = len;  // of the character that would be cut
-        while (start > len - longest_character && (uint8_t(name[start]) & 0xC0) == 0x80)
-            start--;
-        if ((uint8_t(name[start]) & 0xC0) != 0x80)
-            len = start;
-    }
+    if (len == name_size)
+        len = ut_whole_utf8(name, name_size - 1);
     memcpy(dst, name != nullptr ? name : "", len);
     dst[len] = '\0';
 }

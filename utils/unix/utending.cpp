@@ -5,7 +5,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "utils/unix/unixcrash.h"
+
 int will_do_cleanup = 0;
+const a_crash_hooks* unix_crash_hooks = nullptr;
 constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_ends_process = false;
 constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_shuts_down = false;
 

@@ -44,7 +44,7 @@ struct an_option {
     int place = 0;     // in the listing, from 1; 0 for no line
     const char* label = nullptr;
     void (*apply)(const an_argument& arg) = nullptr;  // what else there is to do
-    void (*show)(a_hist_text& text) = nullptr;        // what the listing shows instead of the flag or else the number
+    void (*show)(a_text& text) = nullptr;             // what the listing shows instead of the flag or else the number
     int32 otherwise = 0;                              // the number for 0 and below; 0: such a number stays
 };
 
@@ -91,14 +91,14 @@ void apply_queues(const an_argument& arg)
         hist_cfg.hist_num_q = hist_max_queues;
 }
 
-void show_errout(a_hist_text& text) { text.str(hist_streams.ut_hist_dump_err_name); }
+void show_errout(a_text& text) { text.str(hist_streams.ut_hist_dump_err_name); }
 
-void show_log(a_hist_text& text)
+void show_log(a_text& text)
 {
     text.str(hist_cfg.ut_hist_dump_log_name != nullptr ? hist_cfg.ut_hist_dump_log_name : "<errout>");
 }
 
-void show_queues(a_hist_text& text) { text.put(hist_cfg.ut_hist_debug_q_by_thr, " (num_q=", hist_cfg.hist_num_q, ')'); }
+void show_queues(a_text& text) { text.put(hist_cfg.ut_hist_debug_q_by_thr, " (num_q=", hist_cfg.hist_num_q, ')'); }
 
 constexpr a_ut_hist_settings& cfg = hist_cfg;
 constexpr int32* const none = nullptr;
@@ -160,7 +160,7 @@ void write_help_lines(const char* at)
 {
     while (at != nullptr && *at != '\0') {
         const size_t len = strcspn(at, "\n");
-        a_hist_line line = hist_message(out);
+        a_line line = hist_message(out);
         line.text.chr('\t');
         line.text.mem(at, len);
         at += len + (at[len] == '\n' ? 1 : 0);
@@ -180,9 +180,9 @@ void write_help()
     }
 }
 
-void list(const char* label, const int32* number, void (*show)(a_hist_text& text))
+void list(const char* label, const int32* number, void (*show)(a_text& text))
 {
-    a_hist_line line = hist_message(out);
+    a_line line = hist_message(out);
     line.text.put(label, "= ");
     if (show != nullptr)
         show(line.text);

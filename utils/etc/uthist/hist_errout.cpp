@@ -18,7 +18,7 @@
 #include <unistd.h>
 
 #include "utils/etc/utcancel.h"
-#include "utils/etc/uthist/hist_clock.h"
+#include "utils/etc/utclock.h"
 #include "utils/unix/utending.h"
 
 a_hist_streams hist_streams;
@@ -128,23 +128,6 @@ void hist_errout_fork_child()
         set_state(pending);
 }
 
-void hist_write_out(void* out, const char* text, size_t len) { static_cast<an_output*>(out)->write(text, len); }
-
-a_hist_line::a_hist_line(an_output& to, int fd, const char* beginning) : out(to)
-{
-    text.use(buf, sizeof buf, hist_streams.ut_hist_eol);
-    text.direct(hist_write_out, &out);
-    out.open(fd);
-    text.str(beginning);
-}
-
-a_hist_line::~a_hist_line()
-{
-    text.eol();
-    text.flush();
-    out.close();
-}
-
 // Relaxed: it orders nothing.
 void hist_note_stuck(const an_output& out)
 {
@@ -154,7 +137,7 @@ void hist_note_stuck(const an_output& out)
 
 void hist_begin_message(an_output& out)
 {
-    a_hist_line line = hist_message(out);
+    a_line line = hist_message(out);
     line.text.str("@ ");
     ut_hist_cur_timestamp_str(line.text);
     line.text.str(" ..........");

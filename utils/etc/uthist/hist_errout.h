@@ -6,8 +6,7 @@
 // nothing is locked. Signal-safe: all of it.
 #pragma once
 
-#include "utils/etc/uthist/hist_text.h"
-#include "utils/unix/unixout.h"
+#include "utils/etc/utline.h"
 
 inline constexpr const char* stderr_str = "stderr";
 inline constexpr size_t hist_name_size = 150;  // of a file name given by an option, the terminating NUL included
@@ -32,26 +31,14 @@ const char* hist_errout_name();
 void hist_errout_close();
 void hist_errout_fork_child();
 
-// One line, written at the end of the scope.
-class a_hist_line {
-public:
-    a_hist_line(an_output& to, int fd, const char* beginning = "");
-    ~a_hist_line();
-    a_hist_line(a_hist_line&&) = delete;
-
-    a_hist_text text;
-
-private:
-    an_output& out;
-    char buf[512];
-};
-
-void hist_write_out(void* out, const char* text, size_t len);  // a formatter's sink: an an_output
-
 // The lines of one group, or of one dump, share what they have waited for and given up.
 void hist_begin_message(an_output& out);  // the timestamp line
-inline a_hist_line hist_message(an_output& out) { return a_hist_line(out, hist_errout()); }
-inline a_hist_line hist_note(an_output& out, int fd) { return a_hist_line(out, fd, "** HISTORY note ** "); }
+inline a_line hist_line(an_output& out, int fd, const char* begin)
+{
+    return a_line(out, fd, hist_streams.ut_hist_eol, begin);
+}
+inline a_line hist_message(an_output& out) { return hist_line(out, hist_errout(), ""); }
+inline a_line hist_note(an_output& out, int fd) { return hist_line(out, fd, "** HISTORY note ** "); }
 
 // Diagnostics are told no more once the stream has taken nothing for a second: recording does not stop for it again.
 extern bool hist_errout_is_stuck;

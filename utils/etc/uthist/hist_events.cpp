@@ -5,7 +5,7 @@
 // hist_dump_bytes and hist_dump_lay_out run in start-up.
 #include "utils/etc/uthist/hist_events.h"
 
-#include "utils/etc/uthist/hist_clock.h"
+#include "utils/etc/utclock.h"
 
 namespace {
 
@@ -58,7 +58,7 @@ void put_tod(a_ut_hist_dump& f, const a_hist_row& row)
 {
     constexpr size_t len = sizeof "hh:mm:ss." - 1;
     if (f.tod.text[0] == '\0' || f.tod.second != row.time_of_day.tv_sec) {
-        a_hist_text text;
+        a_text text;
         text.use(f.tod.text, sizeof f.tod.text, "");
         text.direct(nullptr, nullptr);
         ut_hist_timestamp_str(text, row.time_of_day);
@@ -73,7 +73,7 @@ void put_dur(a_ut_hist_dump& f, const a_hist_row& row)
     if (row.dur == hist_no_dur)
         f.out.str("   -.-     ");
     else
-        hist_put_seconds(f.out, row.dur, 4);
+        ut_put_seconds(f.out, row.dur, 4);
 }
 
 void put_sigmask(a_ut_hist_dump& f, const a_hist_row& row)
@@ -286,7 +286,7 @@ void ut_hist_dump_to_file_data(a_ut_hist_dump& f, const char* addr, uint32 len)
 // The begin banner and the header line.
 void ut_hist_dump_to_file_head(a_ut_hist_dump& f)
 {
-    hist_put_begin(f.out, "HISTORY");
+    ut_put_begin(f.out, "HISTORY");
     for (const a_hist_column* const* column = f.shown; *column != nullptr; column++)
         (*column)->header != nullptr ? f.out.str((*column)->header) : (*column)->put_header(f);
     f.out.eol();

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "utils/etc/uthist/hist_ring.h"
-#include "utils/etc/uthist/hist_text.h"
+#include "utils/etc/uttext.h"
 
 // The formatted time of a second, kept since rows of one second follow each other.
 struct a_hist_second {
@@ -14,7 +14,7 @@ struct a_hist_second {
 };
 
 struct a_ut_hist_dump {
-    a_hist_text out;
+    a_text out;
     size_t max_id_len, max_ev_len;
     int32 max_pn;
     const a_hist_column* shown[32];  // the columns of this dump, up to a null

@@ -18,7 +18,7 @@
 #include <unistd.h>
 
 #include "utils/etc/utcancel.h"
-#include "utils/etc/uthist/hist_clock.h"
+#include "utils/etc/utclock.h"
 #include "utils/etc/uthist/hist_errout.h"
 #include "utils/etc/uthist/hist_stats.h"
 #include "utils/unix/unixsigs.h"
@@ -106,7 +106,7 @@ void put_tables(a_ut_hist_dump& f)
 int put_tables_to(a_ut_hist_dump& f, an_output& out, int fd)
 {
     out.open(fd);
-    f.out.direct(hist_write_out, &out);
+    f.out.direct(ut_write_out, &out);
     put_tables(f);
     out.close();
     return out.error();
@@ -185,7 +185,7 @@ void note_lost_events(int (*stream)())
         return;
     an_output out;
     {
-        a_hist_line note = hist_note(out, stream());
+        a_line note = hist_note(out, stream());
         note.text.put(lost, " events were lost for want of a thread slot: set UT_HIST_THREAD_SLOT=dense");
         if (hist_cfg.dense_slots != 0)
             note.text.put(":<max> with more than ", hist_cfg.dense_slots);
@@ -203,7 +203,7 @@ void dump_on_request(FILE* f)
     if (f == nullptr)
         UT_HIST_EV(UT_HIST_ID_NONE, "PROGRAM DUMP");
     claim_when_free();
-    hist_zone_refresh();
+    ut_zone_refresh();
     {
         an_all_queues_lock locks;
         hist.dump->out.direct(
@@ -286,7 +286,7 @@ void ut_hist_dump_to_log(void) { dump_on_request(nullptr); }
 void hist_dump_at_exit()
 {
     if (hist_cfg.ut_hist_dump_on_fini != 0 && hist_dump_claim_in_time()) {
-        hist_zone_refresh(true);
+        ut_zone_refresh(true);
         ut_hist_dump_to_log_i(*hist.dump);
         hist_dump_release();
     }

@@ -192,7 +192,7 @@ __attribute__((noinline, cold)) void say(a_part... parts)
         return;
     const an_uncancelled_scope uncancelled;  // the thread's mark is set
     an_output out;
-    a_hist_line(out, hist_errout_as_it_is(), "** HISTORY ").text.put(parts...);
+    hist_line(out, hist_errout_as_it_is(), "** HISTORY ").text.put(parts...);
     hist_note_stuck(out);
 }
 

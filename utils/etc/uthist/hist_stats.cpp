@@ -5,7 +5,7 @@
 // and a total one sample apart, never a value that was not stored. Signal-safe: all of it, but ut_hist_add_time.
 #include "utils/etc/uthist/hist_stats.h"
 
-#include "utils/etc/uthist/hist_clock.h"
+#include "utils/etc/utclock.h"
 
 namespace {
 
@@ -61,9 +61,9 @@ size_t description_width(int32 num_ids)
     return longest + timer_text_fixed;
 }
 
-void put_head(a_hist_text& out, size_t width)
+void put_head(a_text& out, size_t width)
 {
-    hist_put_begin(out, "STATISTICS");
+    ut_put_begin(out, "STATISTICS");
     out.str("ID ");
     out.left("Description", width);
     out.str(" Count Min_s..milli Avg_s..milli Max_s..milli");
@@ -74,7 +74,7 @@ void put_head(a_hist_text& out, size_t width)
     out.eol();
 }
 
-void put_id_line(a_hist_text& out, int32 i, size_t width)
+void put_id_line(a_text& out, int32 i, size_t width)
 {
     const a_ut_hist_id_data& id = hist.hist_ids[i];
     out.dec(uint32(i), 2);
@@ -88,7 +88,7 @@ void put_id_line(a_hist_text& out, int32 i, size_t width)
     out.eol();
 }
 
-void put_timer(a_hist_text& out, int32 key, const a_ut_hist_timer& timer, size_t width)
+void put_timer(a_text& out, int32 key, const a_ut_hist_timer& timer, size_t width)
 {
     const int32 to = __atomic_load_n(&timer.id, __ATOMIC_RELAXED);
     const char* desc = hist.hist_ids[to].desc.text;
@@ -101,12 +101,12 @@ void put_timer(a_hist_text& out, int32 key, const a_ut_hist_timer& timer, size_t
     out.left(desc, width - fixed);
     const uint32 count = __atomic_load_n(&timer.count, __ATOMIC_RELAXED);
     out.dec(count, 6);
-    hist_put_seconds(out, __atomic_load_n(&timer.min, __ATOMIC_RELAXED), 6);
-    hist_put_seconds(out, uint32(__atomic_load_n(&timer.total, __ATOMIC_RELAXED) / (count != 0 ? count : 1)), 6);
-    hist_put_seconds(out, __atomic_load_n(&timer.max, __ATOMIC_RELAXED), 6);
+    ut_put_seconds(out, __atomic_load_n(&timer.min, __ATOMIC_RELAXED), 6);
+    ut_put_seconds(out, uint32(__atomic_load_n(&timer.total, __ATOMIC_RELAXED) / (count != 0 ? count : 1)), 6);
+    ut_put_seconds(out, __atomic_load_n(&timer.max, __ATOMIC_RELAXED), 6);
 }
 
-void put_timers(a_hist_text& out, int32 i, size_t width)
+void put_timers(a_text& out, int32 i, size_t width)
 {
     for (int32 key = K_EV; key < K_LAST; key++) {
         const a_ut_hist_timer_list& list = hist_by_key(i, key);
@@ -133,7 +133,7 @@ void ut_hist_add_time(int32 fi, int32 fc, int32 ti, int32 tc, uint32 dur)
 }
 
 // The statistics section; nothing while there is no registry.
-void ut_hist_dump_to_file_i_dur(a_hist_text& f)
+void ut_hist_dump_to_file_i_dur(a_text& f)
 {
     if (hist.hist_ids == nullptr || !__atomic_load_n(&hist.hist_ok_to_dump, __ATOMIC_ACQUIRE))
         return;

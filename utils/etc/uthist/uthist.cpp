@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "utils/etc/utcancel.h"
-#include "utils/etc/uthist/hist_clock.h"
+#include "utils/etc/utclock.h"
 #include "utils/etc/uthist/hist_errout.h"
 #include "utils/etc/uthist/hist_log.h"
 #include "utils/etc/uthist/hist_slots.h"
@@ -99,7 +99,7 @@ void ut_hist_init(void)
         return;
     }
     hist_store_forget();
-    hist_zone_refresh();  // before the first message, which begins with the local time
+    ut_zone_refresh();  // before the first message, which begins with the local time
     hist_read_options();
     hist_write_settings();
     const bool made = make_store();

@@ -1,10 +1,10 @@
-// hist_clock.cpp: the table of offsets from UTC (hist_clock.h says why there is one) and what is formatted from it.
+// utclock.cpp: the table of offsets from UTC (utclock.h says why there is one) and what is formatted from it.
 //
 // Two tables: `published` counts the publications, and its parity names the table in force. A refresh fills the other
 // one and publishes it; refreshes are serialised by their callers (start-up, and the one dump that runs). A lookup that
 // was overtaken by a publication may have read a table that the next refresh fills, sees that in the count, and looks
 // again. Signal-safe: all of it, but what says otherwise.
-#include "utils/etc/uthist/hist_clock.h"
+#include "utils/etc/utclock.h"
 
 #include <stdlib.h>
 
@@ -102,13 +102,25 @@ int64_t zone_offset(int64_t seconds)
     }
 }
 
-void put_time(a_hist_text& out, const a_hist_civil& local)
+void put_time(a_text& out, const a_civil_time& local)
 {
     out.dec(uint32(local.hr), 2, '0');
     out.chr(':');
     out.dec(uint32(local.mi), 2, '0');
     out.chr(':');
     out.dec(uint32(local.se), 2, '0');
+}
+
+void put_date_and_time(a_text& out, time_t seconds)
+{
+    const a_civil_time local = ut_local_time(seconds);
+    out.dec(uint32(local.yr), 4, '0');
+    out.chr('/');
+    out.dec(uint32(local.mo), 2, '0');
+    out.chr('/');
+    out.dec(uint32(local.da), 2, '0');
+    out.chr(' ');
+    put_time(out, local);
 }
 
 }  // namespace
@@ -118,7 +130,7 @@ void put_time(a_hist_text& out, const a_hist_civil& local)
 // there was none, in a daemon, a new TZ counts; not without one, since the child may be of a handler that interrupted
 // localtime_r. Nor does a process that exits ask while the table serves: what called exit may be such a handler.
 // Not signal-safe: localtime_r locks. Its callers are serialised.
-void hist_zone_refresh(bool exits)
+void ut_zone_refresh(bool exits)
 {
     const bool same_name = getenv("TZ") == zone_name;
     if (unix_fork_count() != 0 && published != 0 && (!unix_forked_alone() || same_name))
@@ -137,7 +149,7 @@ void hist_zone_refresh(bool exits)
 }
 
 // Local date and time, as localtime_r gives them.
-a_hist_civil hist_local(time_t seconds)
+a_civil_time ut_local_time(time_t seconds)
 {
     const int64_t local = int64_t(seconds) + zone_offset(seconds);
     const int64_t days = local / day - (local % day < 0 ? 1 : 0);
@@ -149,7 +161,7 @@ a_hist_civil hist_local(time_t seconds)
     const int64_t year_of_era = (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
     const int64_t day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
     const int64_t month = (5 * day_of_year + 2) / 153;
-    a_hist_civil c;
+    a_civil_time c;
     c.da = int32(day_of_year - (153 * month + 2) / 5 + 1);
     c.mo = int32(month < 10 ? month + 3 : month - 9);
     c.yr = int32(year_of_era + era * 400 + (c.mo <= 2 ? 1 : 0));
@@ -160,29 +172,34 @@ a_hist_civil hist_local(time_t seconds)
 }
 
 // The current local time as year/month/day hour:minute:second.
-void ut_hist_cur_timestamp_str(a_hist_text& out)
+void ut_hist_cur_timestamp_str(a_text& out)
 {
     struct timeval now;
     gettimeofday(&now, nullptr);
-    const a_hist_civil local = hist_local(now.tv_sec);
-    out.dec(uint32(local.yr), 4, '0');
-    out.chr('/');
-    out.dec(uint32(local.mo), 2, '0');
-    out.chr('/');
-    out.dec(uint32(local.da), 2, '0');
-    out.chr(' ');
-    put_time(out, local);
+    put_date_and_time(out, now.tv_sec);
 }
 
 // A record's local time as hour:minute:second.microseconds.
-void ut_hist_timestamp_str(a_hist_text& out, const struct timeval& time_of_day)
+void ut_hist_timestamp_str(a_text& out, const struct timeval& time_of_day)
 {
-    put_time(out, hist_local(time_of_day.tv_sec));
+    put_time(out, ut_local_time(time_of_day.tv_sec));
     out.chr('.');
     out.dec(uint64(time_of_day.tv_usec), 6, '0');
 }
 
-void hist_put_begin(a_hist_text& out, const char* what)
+void ut_put_stamp(a_text& out, const struct timeval& time_of_day)
+{
+    put_date_and_time(out, time_of_day.tv_sec);
+    out.chr('.');
+    out.dec(uint64(time_of_day.tv_usec), 6, '0');
+    const int64_t offset = zone_offset(time_of_day.tv_sec), minutes = (offset < 0 ? -offset : offset) / 60;
+    out.put(' ', offset < 0 ? '-' : '+');
+    out.dec(uint64(minutes / 60), 2, '0');
+    out.chr(':');
+    out.dec(uint64(minutes % 60), 2, '0');
+}
+
+void ut_put_begin(a_text& out, const char* what)
 {
     out.put("********** ", what, " DUMP BIGIN @ ");
     ut_hist_cur_timestamp_str(out);
@@ -190,7 +207,7 @@ void hist_put_begin(a_hist_text& out, const char* what)
     out.eol();
 }
 
-void hist_put_seconds(a_hist_text& out, uint32 microseconds, size_t width)
+void ut_put_seconds(a_text& out, uint32 microseconds, size_t width)
 {
     out.dec(microseconds / 1000000, width);
     out.chr('.');

@@ -1,6 +1,8 @@
-// hist_text.cpp: numbers and padded fields, and how a full buffer is handed on. Signal-safe: all of it, as far as the
+// uttext.cpp: numbers and padded fields, and how a full buffer is handed on. Signal-safe: all of it, as far as the
 // sink is.
-#include "utils/etc/uthist/hist_text.h"
+#include "utils/etc/uttext.h"
+
+#include <stdint.h>
 
 namespace {
 
@@ -52,21 +54,21 @@ inline void put_hex(char* end, uint64 value)
 
 }  // namespace
 
-void a_hist_text::use(char* buffer, size_t buffer_size, const char* line_end)
+void a_text::use(char* buffer, size_t buffer_size, const char* line_end)
 {
     buf = buffer;
     limit = buffer_size - field;
     end_of_line = line_end;
 }
 
-void a_hist_text::direct(a_sink to_sink, void* to)
+void a_text::direct(a_sink to_sink, void* to)
 {
     sink = to_sink;
     sink_arg = to;
     used = 0;
 }
 
-void a_hist_text::flush()
+void a_text::flush()
 {
     if (used > 0)
         sink(sink_arg, buf, used);
@@ -75,7 +77,7 @@ void a_hist_text::flush()
 
 // Hands on what ends at the last line end, so that a dump beside another, or one that is cut off, seldom leaves a half
 // row for the next to join (a write may be cut itself); of a line longer than the buffer, what there is.
-void a_hist_text::hand_over()
+void a_text::hand_over()
 {
     size_t whole = used;
     while (whole > 0 && buf[whole - 1] != '\n')
@@ -87,28 +89,28 @@ void a_hist_text::hand_over()
     used = rest;
 }
 
-void a_hist_text::long_mem(const char* s, size_t len)
+void a_text::long_mem(const char* s, size_t len)
 {
     for (; len > field; s += field, len -= field)
         mem(s, field);
     mem(s, len);
 }
 
-void a_hist_text::long_fill(char c, size_t n)
+void a_text::long_fill(char c, size_t n)
 {
     for (; n > field; n -= field)
         fill(c, field);
     fill(c, n);
 }
 
-void a_hist_text::right(const char* s, size_t len, size_t width)
+void a_text::right(const char* s, size_t len, size_t width)
 {
     if (len < width)
         fill(' ', width - len);
     mem(s, len);
 }
 
-void a_hist_text::left(const char* s, size_t width)
+void a_text::left(const char* s, size_t width)
 {
     const size_t len = strlen(s);
     mem(s, len);
@@ -118,7 +120,7 @@ void a_hist_text::left(const char* s, size_t width)
 
 // Room for a field of so many characters, padded on the left to the width; gives its end. Numbers are written where
 // they stay: what was written by twos and read again as a whole would cost a stall.
-inline char* a_hist_text::field_end(size_t len, size_t width, char pad)
+inline char* a_text::field_end(size_t len, size_t width, char pad)
 {
     room();
     for (; width > len; width--)
@@ -127,12 +129,12 @@ inline char* a_hist_text::field_end(size_t len, size_t width, char pad)
     return buf + used;
 }
 
-void a_hist_text::dec(uint64 value, size_t width, char pad)
+void a_text::dec(uint64 value, size_t width, char pad)
 {
     put_decimal(field_end(decimal_digits(value), width, pad), value);
 }
 
-void a_hist_text::sdec(int64_t value, size_t width)
+void a_text::sdec(int64_t value, size_t width)
 {
     const uint64 magnitude = value < 0 ? 0 - uint64(value) : uint64(value);
     const size_t len = decimal_digits(magnitude);
@@ -142,12 +144,9 @@ void a_hist_text::sdec(int64_t value, size_t width)
     put_decimal(end, magnitude);
 }
 
-void a_hist_text::hex(uint64 value, size_t width, char pad)
-{
-    put_hex(field_end(hex_digits(value), width, pad), value);
-}
+void a_text::hex(uint64 value, size_t width, char pad) { put_hex(field_end(hex_digits(value), width, pad), value); }
 
-void a_hist_text::ptr(const void* value, size_t width)
+void a_text::ptr(const void* value, size_t width)
 {
     if (value == nullptr) {
         right("(nil)", 5, width);
@@ -159,4 +158,24 @@ void a_hist_text::ptr(const void* value, size_t width)
     end[-ptrdiff_t(len) - 2] = '0';
     end[-ptrdiff_t(len) - 1] = 'x';
     put_hex(end, number);
+}
+
+size_t ut_whole_utf8(const char* text, size_t len)
+{
+    size_t start = len;  // one behind the last character's first byte
+    while (start > 0 && len - start < 3 && (uint8_t(text[start - 1]) & 0xC0) == 0x80)
+        start--;
+    if (start == 0)
+        return len;
+    const uint8_t lead = uint8_t(text[start - 1]);
+    const size_t wanted = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+    return wanted > len - start + 1 ? start - 1 : len;
+}
+
+void a_text::printable(const char* s, size_t len, size_t width)
+{
+    for (size_t i = 0; i < len; i++)
+        chr(uint8_t(s[i]) < 0x20 || s[i] == 0x7F ? '.' : s[i]);
+    if (len < width)
+        fill(' ', width - len);
 }

@@ -1,4 +1,4 @@
-// hist_text.h: the one formatter of dumps and messages; it knows no store and no settings.
+// uttext.h: the one formatter of dumps and messages; it knows no store and no settings.
 //
 // Text is gathered in a buffer of the caller's and handed to a sink, by whole lines, when that is full. It allocates
 // nothing and formats without the C library: with a sink that is signal-safe all of it is. Signal-safe: all of it, as
@@ -10,7 +10,7 @@
 
 #include "corvex/types.h"
 
-class a_hist_text {
+class a_text {
 public:
     using a_sink = void (*)(void* to, const char* text, size_t len);
 
@@ -22,10 +22,11 @@ public:
     void mem(const char* s, size_t len);
     void str(const char* s) { mem(s, strlen(s)); }
     void fill(char c, size_t n);
-    void right(const char* s, size_t len, size_t width);       // as %<width>s prints it
-    void left(const char* s, size_t width);                    // as %-<width>s prints it
-    void dec(uint64 value, size_t width = 1, char pad = ' ');  // as %<width>u, or %.<width>u with pad '0'
-    void sdec(int64_t value, size_t width = 1);                // as %<width>d
+    void right(const char* s, size_t len, size_t width);          // as %<width>s prints it
+    void left(const char* s, size_t width);                       // as %-<width>s prints it
+    void printable(const char* s, size_t len, size_t width = 0);  // control characters as '.', padded on the right
+    void dec(uint64 value, size_t width = 1, char pad = ' ');     // as %<width>u, or %.<width>u with pad '0'
+    void sdec(int64_t value, size_t width = 1);                   // as %<width>d
     void hex(uint64 value, size_t width = 1, char pad = '0');
     void ptr(const void* value, size_t width = 1);  // as %<width>p
     void eol() { str(end_of_line); }
@@ -66,13 +67,16 @@ private:
     void* sink_arg;
 };
 
-inline void a_hist_text::chr(char c)
+// The length of a text that was cut there, without a UTF-8 character that the cut has left in part.
+size_t ut_whole_utf8(const char* text, size_t len);
+
+inline void a_text::chr(char c)
 {
     room();
     buf[used++] = c;
 }
 
-inline void a_hist_text::mem(const char* s, size_t len)
+inline void a_text::mem(const char* s, size_t len)
 {
     room();
     if (__builtin_expect(len > field, 0)) {
@@ -83,7 +87,7 @@ inline void a_hist_text::mem(const char* s, size_t len)
     used += len;
 }
 
-inline void a_hist_text::fill(char c, size_t n)
+inline void a_text::fill(char c, size_t n)
 {
     room();
     if (__builtin_expect(n > field, 0)) {

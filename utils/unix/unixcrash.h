@@ -1,0 +1,19 @@
+// unixcrash.h: what the event history has to do when a signal ends the process. The handler (utcore, utcrash) calls it;
+// neither knows the other. Signal-safe: all of it.
+#pragma once
+
+#include "corvex/types.h"
+
+struct a_crash_hooks {
+    void (*began)(int sig, int code, const void* address);  // the report is written, callbacks have not run yet
+    void (*dump)();                                         // the callbacks below the library's own cleanup have run
+    int32 (*slot)();                                        // of the calling thread; -1 for none
+};
+
+// Null unless the history runs with UT_HIST_EXT=crash. Release and acquire: who finds the hooks finds the store.
+extern const a_crash_hooks* unix_crash_hooks;
+inline void unix_set_crash_hooks(const a_crash_hooks* hooks)
+{
+    __atomic_store_n(&unix_crash_hooks, hooks, __ATOMIC_RELEASE);
+}
+inline const a_crash_hooks* unix_get_crash_hooks() { return __atomic_load_n(&unix_crash_hooks, __ATOMIC_ACQUIRE); }
