@@ -50,6 +50,14 @@ a_signal_handler_func_with_context unix_current_handler(int signal_number)
     return sigaction(signal_number, nullptr, &current) == 0 ? unix_saved_handler(&current) : nullptr;
 }
 
+bool unix_is_ending_signal(int signal_number)
+{
+    for (const an_ending_signal& row : unix_ending_signals)
+        if (row.signal == signal_number)
+            return true;
+    return false;
+}
+
 void unix_hold_signal(int signal_number) { change_mask(SIG_BLOCK, signal_number); }
 void unix_release_signal(int signal_number) { change_mask(SIG_UNBLOCK, signal_number); }
 

@@ -22,6 +22,17 @@ a_bool unix_handle_signal_keeping(int signal_number, a_signal_handler_func_with_
 a_signal_handler_func_with_context unix_saved_handler(const struct sigaction* disposition);
 a_signal_handler_func_with_context unix_current_handler(int signal_number);
 
+// The signals that the library handles because they end a process, in the order in which handlers are installed.
+struct an_ending_signal {
+    int signal;
+    bool crash;  // of a fault: its core dump is allowed
+};
+inline constexpr an_ending_signal unix_ending_signals[] = {
+    {SIGILL, true},  {SIGABRT, true}, {SIGBUS, true},   {SIGFPE, true},   {SIGSEGV, true},
+    {SIGHUP, false}, {SIGINT, false}, {SIGQUIT, false}, {SIGTERM, false},
+};
+bool unix_is_ending_signal(int signal_number);
+
 void unix_hold_signal(int signal_number);     // adds to the calling thread's blocked set
 void unix_release_signal(int signal_number);  // removes from it
 void unix_sigpause(int signal_number);        // removes and suspends until a signal arrives, in one step

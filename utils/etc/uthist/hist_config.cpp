@@ -287,19 +287,22 @@ char* read_option(char* s)
     return s + 1;
 }
 
-// dense, or dense:<max> with as many slots as a thread number shows; 0 for anything else.
+// dense, or dense:<max>; 0 for anything else.
 uint32 dense_slots_of(const char* value)
 {
-    if (strncmp(value, "dense", 5) != 0)
-        return 0;
-    if (value[5] == '\0')
+    if (strcmp(value, "dense") == 0)
         return hist_dense_slots;
-    const bool is_number = value[5] == ':' && value[6 + strspn(value + 6, "0123456789")] == '\0';
-    const unsigned long max = is_number ? strtoul(value + 6, nullptr, 10) : 0;
-    return max <= hist_most_slots ? uint32(max) : 0;
+    return strncmp(value, "dense:", 6) == 0 ? hist_dense_slots_of(value + 6) : 0;
 }
 
 }  // namespace
+
+uint32 hist_dense_slots_of(const char* digits)
+{
+    const bool is_number = digits[strspn(digits, "0123456789")] == '\0';
+    const unsigned long max = is_number ? strtoul(digits, nullptr, 10) : 0;
+    return max <= hist_most_slots ? uint32(max) : 0;
+}
 
 // The argument scanner: flag, number and name in any order, the last of each kind wins; null for a kind that the option
 // does not take. `def` is the name in force when none is given. Gives the position behind the argument. A '=' or '{'
@@ -335,6 +338,7 @@ void hist_parse_options(char* s)
 // How threads get their slots: the literal rule unless the value is dense or dense:<max>.
 void hist_parse_thread_slot(const char* value)
 {
+    hist_cfg.slots_set = value != nullptr && *value != '\0';
     hist_cfg.dense_slots = value != nullptr ? dense_slots_of(value) : 0;
     if (value == nullptr || *value == '\0' || strcmp(value, "handle") == 0 || hist_cfg.dense_slots != 0)
         return;

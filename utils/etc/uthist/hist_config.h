@@ -5,6 +5,7 @@
 // cache line. How lines end and where messages go stands in hist_errout.h.
 #pragma once
 
+#include <signal.h>
 #include <stddef.h>
 
 #include "corvex/hist.h"
@@ -53,6 +54,10 @@ struct alignas(cache_line) a_ut_hist_settings {
     int32 ut_hist_exit_cleanup = 1;
     const char* ut_hist_dump_log_name = nullptr;  // null, a default name, or log_name below
     bool log_name_cut = false;                    // the name is not whole: no file is created under it
+    bool slots_set = false;                       // UT_HIST_THREAD_SLOT is
+    bool tables = false;                          // UT_HIST_EXT=tables: dumps are followed by what each thread does
+    bool crash = false;                           // UT_HIST_EXT=crash: the history is dumped when a signal ends all
+    int32 dump_signal = SIGUSR1;                  // on which the history is dumped
     int32 include[26] = {};                       // the switches of the columns, by sub-letter
 
     // Names given by options outlive the option string: a second start-up overwrites that.
@@ -85,3 +90,4 @@ void hist_write_settings();
 char* ut_hist_arg(char* s, int* on_off, int* num, const char** str, const char* def);
 void hist_parse_options(char* s);
 void hist_parse_thread_slot(const char* value);
+uint32 hist_dense_slots_of(const char* digits);  // <max> of dense:<max>; 0 for what is none

@@ -9,21 +9,11 @@
 
 namespace {
 
-const char* const absent_id = reinterpret_cast<const char*>(~a_ptrint(0));
-
-// The text of an id; a number that is no address is shown as one.
-const char* id_text(const a_hist_row& row, char (&number)[2 * text_block])
-{
-    const char* const id = row.texts.id;
-    if (id == nullptr || id == absent_id)
-        return hist_no_id;
-    return a_ptrint(id) < hist_first_address ? hist_number_text(number, const_cast<char*>(id)) : id;
-}
-
 void widen(a_ut_hist_dump& f, const a_hist_row& row)
 {
     char number[2 * text_block];
-    const size_t id_len = strlen(id_text(row, number)), ev_len = row.texts.ev != nullptr ? strlen(row.texts.ev) : 0;
+    const size_t id_len = strlen(hist_id_text(row.texts.id, number)),
+                 ev_len = row.texts.ev != nullptr ? strlen(row.texts.ev) : 0;
     f.max_id_len = id_len > f.max_id_len ? id_len : f.max_id_len;
     f.max_ev_len = ev_len > f.max_ev_len ? ev_len : f.max_ev_len;
     f.max_pn = row.pn > f.max_pn ? row.pn : f.max_pn;
@@ -95,7 +85,7 @@ void put_sigmask(a_ut_hist_dump& f, const a_hist_row& row)
 void put_id(a_ut_hist_dump& f, const a_hist_row& row)
 {
     char number[2 * text_block];
-    const char* const id = id_text(row, number);
+    const char* const id = hist_id_text(row.texts.id, number);
     f.out.right(id, strlen(id), f.max_id_len + 1);
 }
 
@@ -243,7 +233,7 @@ size_t hist_dump_bytes()
 {
     const bool captures = hist_cfg.ut_hist_debug_data != 0 && hist_cfg.ut_hist_debug_data_size > 0;
     const size_t data = captures ? size_t(hist_cfg.ut_hist_debug_data_size) + 8 : 0;
-    return sizeof(a_ut_hist_dump) + hist_row_texts_bytes() * size_t(hist_cfg.hist_num_q) + data;
+    return sizeof(a_ut_hist_dump) + hist_view_bytes() + hist_row_texts_bytes() * size_t(hist_cfg.hist_num_q) + data;
 }
 
 // In the store that has just been mapped.
@@ -251,7 +241,8 @@ void hist_dump_lay_out(const char* eol)
 {
     a_ut_hist_dump& f = *hist.dump;
     f.out.use(f.buf, sizeof f.buf, eol);
-    char* at = f.buf + sizeof f.buf;
+    f.view = f.buf + sizeof f.buf;
+    char* at = f.view + hist_view_bytes();
     for (uint32 q = 0; q < num_queues(); q++, at += hist_row_texts_bytes())
         f.cursors[q].texts = at;
     f.data = at;

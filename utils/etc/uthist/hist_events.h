@@ -5,6 +5,7 @@
 #pragma once
 
 #include "utils/etc/uthist/hist_ring.h"
+#include "utils/etc/uthist/hist_threads.h"
 #include "utils/etc/uttext.h"
 
 // The formatted time of a second, kept since rows of one second follow each other.
@@ -13,15 +14,16 @@ struct a_hist_second {
     char text[128];  // "hh:mm:ss.", empty while no second is kept; the rest is for the formatter
 };
 
-struct a_ut_hist_dump {
+struct alignas(cache_line) a_ut_hist_dump {
     a_text out;
     size_t max_id_len, max_ev_len;
     int32 max_pn;
     const a_hist_column* shown[32];  // the columns of this dump, up to a null
     a_hist_second tod;
     a_hist_cursor cursors[hist_max_queues];
-    char* data;           // room for one data block
-    char buf[32 * 1024];  // of `out`; behind it the rows' texts and the data block
+    char* view;                               // room for the view of a thread
+    char* data;                               // room for one data block
+    alignas(cache_line) char buf[32 * 1024];  // of `out`; behind it the view, the rows' texts and the data block
 };
 
 size_t hist_dump_bytes();

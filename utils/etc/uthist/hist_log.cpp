@@ -20,7 +20,9 @@
 #include "utils/etc/utcancel.h"
 #include "utils/etc/utclock.h"
 #include "utils/etc/uthist/hist_errout.h"
+#include "utils/etc/uthist/hist_slots.h"
 #include "utils/etc/uthist/hist_stats.h"
+#include "utils/unix/unixcrash.h"
 #include "utils/unix/unixsigs.h"
 #include "utils/unix/utending.h"
 
@@ -28,6 +30,7 @@ namespace {
 
 struct sigaction hist_signal_oldhandler;  // the whole disposition of SIGUSR1 before the history's own
 bool lost_events_told = false;
+bool dumped_at_end = false;  // by a thread whose handler ends the process
 
 // Moves the dump from one state to another if it is in that one. Acquire and release: the next dump finds the buffers
 // as the last one left them.
@@ -99,6 +102,7 @@ void put_tables(a_ut_hist_dump& f)
     ut_hist_dump_to_file_i_ev(f);
     ut_hist_dump_to_file_i_dur(f.out);
     ut_hist_dump_to_file_tail(f);
+    hist_put_threads(f.out, f.view);
     f.out.flush();
 }
 
@@ -226,14 +230,14 @@ void restore_signal()
     struct sigaction ignore = {};
     ignore.sa_handler = SIG_IGN;
     const bool handled = unix_saved_handler(&hist_signal_oldhandler) != nullptr;
-    sigaction(SIGUSR1, handled ? &hist_signal_oldhandler : &ignore, nullptr);
+    sigaction(hist_cfg.dump_signal, handled ? &hist_signal_oldhandler : &ignore, nullptr);
 }
 
 // The history's own handler, found in force already, is not taken for an earlier one.
 a_bool install_signal()
 {
     struct sigaction old;
-    if (!unix_handle_signal_keeping(SIGUSR1, signal_handler_with_context, &old))
+    if (!unix_handle_signal_keeping(hist_cfg.dump_signal, signal_handler_with_context, &old))
         return FALSE;
     if (unix_saved_handler(&old) != signal_handler_with_context)
         hist_signal_oldhandler = old;
@@ -242,7 +246,7 @@ a_bool install_signal()
 
 }  // namespace
 
-// Not signal-safe: it waits.
+// Whether the dump is the caller's within a second.
 bool hist_dump_claim_in_time()
 {
     const a_counted waits(hist.waiting);
@@ -261,8 +265,8 @@ void hist_dump_release()
     if (move_dump(pack_dump(DUMP_RUNNING, me), pack_dump(DUMP_IDLE)))
         return;
     move_dump(pack_dump(DUMP_WANTED, me), pack_dump(DUMP_IDLE));
-    if (running() && unix_current_handler(SIGUSR1) == signal_handler_with_context)
-        kill(getpid(), SIGUSR1);
+    if (running() && unix_current_handler(hist_cfg.dump_signal) == signal_handler_with_context)
+        kill(getpid(), hist_cfg.dump_signal);
 }
 
 // The dump itself, without the queue locks. The caller has claimed the dump.
@@ -271,6 +275,7 @@ void ut_hist_dump_to_log_i(a_ut_hist_dump& f) { dump_to_log(f, nullptr); }
 // A thread of the parent may have been dumping: the dump is the parent's.
 void hist_log_fork_child()
 {
+    dumped_at_end = false;
     if (dump_state() != pack_dump(DUMP_CLOSED))
         __atomic_store_n(&hist.dump_state, pack_dump(DUMP_IDLE), __ATOMIC_RELEASE);
 }
@@ -293,6 +298,41 @@ void hist_dump_at_exit()
     note_lost_events(hist_cfg.ut_hist_dump_on_fini != 0 ? hist_errout : hist_errout_as_it_is);
 }
 
+// ---- a signal that ends the process ----
+
+namespace {
+
+void dump_at_end()
+{
+    ut_hist_dump_to_log_i(*hist.dump);
+    __atomic_store_n(&dumped_at_end, true, __ATOMIC_RELAXED);  // relaxed: one thread ends the process
+}
+
+// The thread's last row.
+void crash_began(int sig, int code, const void* address)
+{
+    UT_HIST_EV(UT_HIST_ID_SIGHANDLER, "ending on signal", long(sig), long(code), address);
+}
+
+// Unless a callback had it dumped. The dump stays claimed: nobody else's is cut off by the end.
+void crash_dump()
+{
+    if (running() && !__atomic_load_n(&dumped_at_end, __ATOMIC_RELAXED) && hist_dump_claim_in_time())
+        dump_at_end();
+}
+
+int32 crash_slot() { return hist_slot_number() < hist.num_threads ? int32(hist_slot_number()) : -1; }
+
+constexpr a_crash_hooks crash_hooks = {crash_began, crash_dump, crash_slot};
+
+}  // namespace
+
+void hist_set_crash_hooks(bool wanted)
+{
+    dumped_at_end = false;
+    unix_set_crash_hooks(wanted ? &crash_hooks : nullptr);
+}
+
 // ---- SIGUSR1 ----
 
 // Dumps now, or has the dump that is running write another one. Keeps errno. In a vfork child the history is the
@@ -312,13 +352,13 @@ void ut_hist_signal_handler(int)
         if (leaves && move_dump(pack_dump(DUMP_IDLE), pack_dump(DUMP_WANTED)))
             break;
         if (!leaves && take_dump(me)) {
-            ut_hist_dump_to_log_i(*hist.dump);
+            unix_ends_process ? dump_at_end() : ut_hist_dump_to_log_i(*hist.dump);
             hist_dump_release();
             break;
         }
         const uint64 now = dump_state(), state = now & dump_state_bits, owner = now & ~dump_state_bits;
         if (owner == me && unix_ends_process) {
-            ut_hist_dump_to_log_i(*hist.dump);  // the dump that it interrupted will not go on, or be cut off
+            dump_at_end();  // the dump that it interrupted will not go on, or be cut off
             break;
         }
         if (state == DUMP_WANTED || (state == DUMP_RUNNING && move_dump(now, pack_dump(DUMP_WANTED, owner))))
@@ -362,6 +402,9 @@ void hist_install_signal_handler_once()
 // Option S leaves the handler in place at shut-down; the code behind it goes when the library is unloaded.
 void hist_remove_signal_handler_at_unload()
 {
-    if (unix_current_handler(SIGUSR1) == signal_handler_with_context)
-        restore_signal();
+    for (int sig = 1; sig < NSIG; sig++)
+        if (unix_current_handler(sig) == signal_handler_with_context) {
+            hist_cfg.dump_signal = sig;  // an earlier start-up may have had another one
+            restore_signal();
+        }
 }

@@ -17,6 +17,7 @@
 #include "utils/etc/uthist/hist_ring.h"
 #include "utils/etc/uthist/hist_slots.h"
 #include "utils/etc/uthist/hist_stats.h"
+#include "utils/etc/uthist/hist_threads.h"
 
 namespace {
 
@@ -32,6 +33,7 @@ struct an_event {
     a_ut_hist_loc* loc;
     int32 cl;
     a_named_id id;
+    a_ut_hist_id given_id;
     const char* ev;
     int32 pn;
     void *p1, *p2, *p3, *p4, *p5, *p6, *p7, *p8;
@@ -170,6 +172,8 @@ inline uint32 record(const an_event& event, a_ut_hist_event_list& queue, int32 q
         dur = record_times(event.loc, event.cl, event.id.ii, t, {q, at.next, num}, now);
     __atomic_store_n(&r.dur, dur, __ATOMIC_RELEASE);
     ring_publish(queue, r, at);
+    if (hist.views != nullptr) [[unlikely]]
+        hist_see_event(t, event.cl, event.given_id, event.id.text, event.ev, event.loc, now);
     return at.next;
 }
 
@@ -229,7 +233,7 @@ void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl
         __atomic_store_n(&recursing, uint8_t(0), __ATOMIC_RELAXED);
         return;
     }
-    const an_event event = {file, line, loc, cl, name_of(id), ev, pn, p1, p2, p3, p4, p5, p6, p7, p8};
+    const an_event event = {file, line, loc, cl, name_of(id), id, ev, pn, p1, p2, p3, p4, p5, p6, p7, p8};
     if (hist_cfg.ut_hist_z_messages > 1) [[unlikely]]
         say("** add (", file != nullptr ? file : hist_no_file, ':', line, ") P=", pn, '(', const_cast<const void*>(p1),
             ',', const_cast<const void*>(p2), ',', const_cast<const void*>(p3), ',', const_cast<const void*>(p4),

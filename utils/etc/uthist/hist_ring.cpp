@@ -127,6 +127,6 @@ bool hist_load_next(a_hist_cursor& at, a_row_loader load)
 void hist_mark_absent_id(const a_hist_cursor& at)
 {
     a_ut_hist_id none = nullptr;
-    __atomic_compare_exchange_n(&record_at(at).id, &none, a_ut_hist_id(~a_ptrint(0)), false, __ATOMIC_RELEASE,
+    __atomic_compare_exchange_n(&record_at(at).id, &none, const_cast<char*>(hist_absent_id), false, __ATOMIC_RELEASE,
                                 __ATOMIC_RELAXED);
 }

@@ -105,6 +105,7 @@ a_slot claim()
     }
     note_end(t);
     hist_reset_thread(hist.threads[t]);
+    hist_reset_view(t);
     change_owner(t, __atomic_load_n(&hist.threads[t].owner, __ATOMIC_RELAXED), uint32(gettid()));
     // Fails when a handler has claimed meanwhile.
     if (!__atomic_compare_exchange_n(&hist_my_slot, &before, uint64(hist.start) << 32 | t, false, __ATOMIC_RELAXED,
@@ -150,6 +151,12 @@ void hist_slots_unload()
     if (ends_are_told)
         pthread_key_delete(end_key);
     ends_are_told = false;
+}
+
+bool hist_slot_is_taken(uint32 t)
+{
+    return hist_cfg.dense_slots == 0 ||
+           (__atomic_load_n(&hist.taken_slots[t / 64], __ATOMIC_ACQUIRE) >> t % 64 & 1) != 0;
 }
 
 uint32 hist_slots_end() { return __atomic_load_n(&end, __ATOMIC_RELAXED); }

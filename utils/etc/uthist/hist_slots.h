@@ -31,7 +31,8 @@ void hist_slots_start();   // Not signal-safe: it makes a key.
 void hist_slots_unload();  // Not signal-safe: it deletes one.
 void hist_slots_fork_child();
 a_slot hist_claim_slot();
-uint32 hist_slots_end();  // no slot from this one on has been claimed
+uint32 hist_slots_end();            // no slot from this one on has been claimed
+bool hist_slot_is_taken(uint32 t);  // under the literal rule each counts as taken
 
 inline a_slot hist_slot(uint32 t) { return {t < hist.num_threads ? &hist.threads[t] : nullptr, t}; }
 

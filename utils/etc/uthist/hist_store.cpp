@@ -1,11 +1,13 @@
 // hist_store.cpp: the table of the store's sections; maps, fills and frees it (see hist_store.h for what holds).
 //
 // Start-up gets the whole store or leaves the history off; registry and data rings alone may be missing. Not
-// signal-safe, but hist_reset_thread and hist_store_forget.
+// signal-safe, but hist_reset_thread, hist_reset_view and hist_store_forget.
 #include "utils/etc/uthist/hist_store.h"
 
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
+#include <unistd.h>
 
 #include "utils/unix/utptmutex.h"
 
@@ -39,7 +41,20 @@ size_t data_ring_bytes()
 
 // In the order of the mapping; each begins on a cache line. The thread slots come last: the first of them are written
 // when the store is made, the others' pages are taken when they are claimed.
-enum a_section : uint32 { QUEUES, RINGS, TEXTS, DATA, REGISTRY, TIMERS, SETTINGS, DUMP, TAKEN, THREADS, SECTIONS };
+enum a_section : uint32 {
+    QUEUES,
+    RINGS,
+    TEXTS,
+    DATA,
+    REGISTRY,
+    TIMERS,
+    SETTINGS,
+    DUMP,
+    TAKEN,
+    THREADS,
+    VIEWS,
+    SECTIONS
+};
 // The thread slots of the store that was freed last.
 void* left_slots = nullptr;
 size_t left_bytes = 0;
@@ -62,6 +77,7 @@ a_layout lay_out(size_t dump_bytes)
         /* DUMP */ dump_bytes,
         /* TAKEN */ (slots() + 63) / 64 * sizeof(uint64),
         /* THREADS */ times(slots(), sizeof(a_ut_hist_thread)),
+        /* VIEWS */ times(slots(), hist_view_bytes()),
     };
     a_layout layout = {};
     for (uint32 i = 0; i < SECTIONS; i++) {
@@ -72,6 +88,12 @@ a_layout lay_out(size_t dump_bytes)
     return layout;
 }
 
+void touch(void* mapping, size_t from, size_t to)
+{
+    for (size_t at = from; at < to; at += page)
+        static_cast<volatile char*>(mapping)[at] = 0;
+}
+
 // What an event needs is written once, so that none pays for a first touch; other slots' pages come with their claim.
 void* map_pages(const a_layout& layout)
 {
@@ -80,9 +102,8 @@ void* map_pages(const a_layout& layout)
     if (mapping == MAP_FAILED)
         return nullptr;
     const size_t first_slots = slots() < hist_handle_slots ? slots() : size_t(hist_handle_slots);
-    const size_t present = layout.at[THREADS] + first_slots * sizeof(a_ut_hist_thread);
-    for (size_t at = 0; at < present; at += page)
-        static_cast<volatile char*>(mapping)[at] = 0;
+    touch(mapping, 0, layout.at[THREADS] + first_slots * sizeof(a_ut_hist_thread));
+    touch(mapping, layout.at[VIEWS], layout.at[VIEWS] + first_slots * hist_view_bytes());
     return mapping;
 }
 
@@ -110,6 +131,8 @@ void fill_threads(char* base, const a_layout& layout)
     hist.taken_slots = reinterpret_cast<uint64*>(base + layout.at[TAKEN]);
     hist.threads = reinterpret_cast<a_ut_hist_thread*>(base + layout.at[THREADS]);
     hist.num_threads = uint32(slots());
+    hist.view_stride = hist_view_bytes();
+    hist.views = hist.view_stride != 0 ? base + layout.at[VIEWS] : nullptr;
     for (uint32 t = 0; t < hist.num_threads && t < hist_handle_slots; t++) {
         hist.threads[t].own_q =
             hist_cfg.ut_hist_debug_q_by_thr != 0 && t + 1 < uint32(hist_cfg.hist_num_q) ? int32(t + 1) : 0;
@@ -238,4 +261,35 @@ void hist_reset_thread(a_ut_hist_thread& thread)
     __atomic_store_n(&thread.last_marker_loc.num, 0u, __ATOMIC_RELAXED);
     for (uint8_t& recursing : thread.recursing)
         __atomic_store_n(&recursing, uint8_t(0), __ATOMIC_RELAXED);
+}
+
+// With texts only in copy mode.
+size_t hist_view_bytes()
+{
+    if (!hist_cfg.tables)
+        return 0;
+    const size_t id_bytes = hist_cfg.ev_text_at - hist_cfg.id_text_at,
+                 ev_bytes = hist_cfg.text_stride - hist_cfg.ev_text_at;
+    const size_t texts = hist_cfg.ut_hist_dump_on_fini != 0 ? ev_bytes + (1 + hist_max_spans) * id_bytes : 0;
+    return (sizeof(a_hist_view) + texts + cache_line - 1) / cache_line * cache_line;
+}
+
+// Release: see hist_threads.h. Signal-safe.
+void hist_reset_view(uint32 t)
+{
+    if (hist.views == nullptr)
+        return;
+    a_hist_view& v = hist_view_of(t);
+    const uint32 seq = __atomic_load_n(&v.seq, __ATOMIC_RELAXED) | 1;
+    __atomic_store_n(&v.seq, seq, __ATOMIC_RELAXED);
+    __atomic_store_n(&v.tid, uint32(gettid()), __ATOMIC_RELEASE);
+    __atomic_store_n(&v.events, uint64(0), __ATOMIC_RELEASE);
+    __atomic_store_n(&v.nested, uint64(0), __ATOMIC_RELEASE);
+    __atomic_store_n(&v.depth, 0u, __ATOMIC_RELEASE);
+    __atomic_store_n(&v.deeper, 0u, __ATOMIC_RELEASE);
+    char name[sizeof v.name] = "";
+    prctl(PR_GET_NAME, name);
+    for (size_t i = 0; i < sizeof name; i++)
+        __atomic_store_n(&v.name[i], name[i], __ATOMIC_RELEASE);
+    __atomic_store_n(&v.seq, seq + 1, __ATOMIC_RELEASE);
 }

@@ -112,6 +112,30 @@ struct alignas(cache_line) a_ut_hist_thread {
 };
 static_assert(sizeof(a_ut_hist_thread) == cache_line);
 
+inline constexpr uint32 hist_max_spans = 16;
+
+// A BEG without its END, in the view of a thread (hist_threads.h).
+struct a_hist_span {
+    a_ut_hist_loc* loc;  // null where none was given; only compared
+    a_ut_hist_id id;     // as the caller gave it; only compared
+    const char* text;    // of the id, in pointer mode
+    struct timeval begun;
+};
+
+struct alignas(cache_line) a_hist_view {
+    uint32 seq;
+    uint32 tid;     // kernel thread id; 0 before the first event
+    uint64 events;  // recorded by the thread, but for those below
+    uint64 nested;  // by its handlers that interrupted a change of this view: counted, not shown
+    struct timeval last;
+    const char* id;  // the newest event's texts, in pointer mode
+    const char* ev;
+    uint32 depth;   // open spans
+    uint32 deeper;  // for which there was no room
+    char name[16];  // when the thread claimed the slot
+    a_hist_span spans[hist_max_spans];
+};
+
 // A dump runs from `running` to `idle`. A SIGUSR1 that finds one running leaves `wanted`, and the dump that runs writes
 // another when it is done; one that finds none running, but a thread that waits for its turn, leaves it to that.
 // `closed`: there is no store. The state shares one word with the thread whose dump runs (0: none), so that no handler
@@ -127,6 +151,7 @@ struct alignas(cache_line) a_ut_hist_store {
     a_ut_hist_id_data* hist_ids;     // or null
     a_ut_hist_timer_list* timers;    // K_LAST lists for each id
     a_ut_hist_thread* threads;
+    char* views;         // of the thread slots, or null (hist_threads.h)
     uint32 start;        // the number of this start-up, 0 before the first
     uint32 num_threads;  // slots
     int32 hist_num_ids;
@@ -147,6 +172,7 @@ struct alignas(cache_line) a_ut_hist_store {
     bool no_memory;                            // and did not get
     void* mapping;
     size_t mapped_bytes;
+    size_t view_stride;
     size_t slots_at;  // in it, the first page that thread slots stand in
 
     // Written by every event of every thread: a line of its own.
@@ -155,6 +181,12 @@ struct alignas(cache_line) a_ut_hist_store {
     uint32 last_missed_thread;
 };
 extern a_ut_hist_store hist;
+
+// Signal-safe.
+inline a_hist_view& hist_view_of(uint32 t)
+{
+    return *reinterpret_cast<a_hist_view*>(hist.views + t * hist.view_stride);
+}
 
 // The statistics of a registered id as the earlier event: the list of the key of that event's class. Signal-safe.
 inline a_ut_hist_timer_list& hist_by_key(int32 id, int32 key) { return hist.timers[id * K_LAST + key]; }
@@ -167,6 +199,8 @@ inline uint32 hist_elapsed(const struct timeval& from, const struct timeval& to)
 }
 
 void hist_reset_thread(a_ut_hist_thread& thread);  // Signal-safe.
+size_t hist_view_bytes();                          // of one view with its texts; 0 without tables
+void hist_reset_view(uint32 t);                    // begins the calling thread's view. Signal-safe.
 void hist_store_forget();                          // Signal-safe.
 bool hist_store_alloc(size_t (*dump_bytes)());
 void hist_store_free(bool destroy_queue_locks);

@@ -44,15 +44,15 @@ void store_block(char* dst, const char* src, size_t len)
         __atomic_store_n(dst++, *src++, __ATOMIC_RELEASE);
 }
 
-void load_words(char* dst, const char* src, size_t bytes)
+}  // namespace
+
+void hist_load_words(char* dst, const char* src, size_t bytes)
 {
     for (size_t i = 0; i < bytes; i += 8) {
         const uint64 word = __atomic_load_n(reinterpret_cast<const uint64*>(src + i), __ATOMIC_ACQUIRE);
         memcpy(dst + i, &word, 8);
     }
 }
-
-}  // namespace
 
 void hist_lay_out_texts()
 {
@@ -79,8 +79,12 @@ void hist_bind_texts()
 
 size_t hist_row_texts_bytes() { return hist_cfg.ut_hist_dump_on_fini != 0 ? hist_cfg.text_stride : 0; }
 
-__attribute__((noinline, cold)) const char* hist_number_text(char (&buf)[2 * text_block], a_ut_hist_id id)
+__attribute__((noinline, cold)) const char* hist_id_text(const char* id, char (&buf)[2 * text_block])
 {
+    if (id == nullptr || id == hist_absent_id)
+        return hist_no_id;
+    if (a_ptrint(id) >= hist_first_address)
+        return id;
     memset(buf, '\0', sizeof buf);
     buf[0] = '#';
     char* at = buf + 1;
@@ -105,8 +109,7 @@ READS_WHOLE_BLOCKS __attribute__((noinline)) void hist_store_long_text(char* dst
 __attribute__((noinline, cold)) void hist_store_number(char* dst, const char* id)
 {
     char number[2 * text_block];
-    store_text(dst, id == nullptr ? hist_no_id : hist_number_text(number, const_cast<char*>(id)),
-               size_t(hist_cfg.hist_max_id_len));
+    store_text(dst, hist_id_text(id, number), size_t(hist_cfg.hist_max_id_len));
 }
 
 // Of a path too long the end tells more than the beginning.
@@ -124,7 +127,7 @@ a_hist_row_texts hist_load_texts(const a_ut_hist_event_list& queue, const a_ut_h
                 static_cast<const char*>(__atomic_load_n(&r.id, __ATOMIC_ACQUIRE)),
                 __atomic_load_n(&r.ev, __ATOMIC_ACQUIRE)};
     const a_ut_hist_settings& cfg = *hist.cfg;
-    load_words(copy, r.file, cfg.text_stride);
+    hist_load_words(copy, r.file, cfg.text_stride);
     char *const id = copy + cfg.id_text_at, *const ev = copy + cfg.ev_text_at;
     copy[cfg.hist_max_file_len] = id[cfg.hist_max_id_len] = ev[cfg.hist_max_ev_len] = '\0';
     return {copy, id, ev};
@@ -163,6 +166,6 @@ bool hist_data_intact(const a_ut_hist_event_list& queue, uint32 data_gen, uint32
 const char* hist_load_data(const a_ut_hist_event_list& queue, uint32 data_idx, uint32 len, char* copy)
 {
     const uint32 start = data_idx & ~7u;
-    load_words(copy, queue.data_buf + start, (size_t(data_idx) + len - start + 7) & ~7ull);
+    hist_load_words(copy, queue.data_buf + start, (size_t(data_idx) + len - start + 7) & ~7ull);
     return copy + (data_idx - start);
 }

@@ -20,6 +20,8 @@ inline constexpr size_t text_block = 16;  // bytes; texts are stored in whole bl
 // An id below this that is not registered is a number, say of an earlier life of the registry, and never an address.
 inline constexpr a_ptrint hist_first_address = 65536;
 
+inline const char* const hist_absent_id = reinterpret_cast<const char*>(~a_ptrint(0));  // what marks no id in a record
+
 struct a_data_pos {
     uint32 data_gen;
     uint32 data_fil;
@@ -30,7 +32,10 @@ inline constexpr a_data_pos unpack_data(uint64 word) { return {uint32(word >> 32
 void hist_lay_out_texts();      // into the settings, before the store is mapped
 void hist_bind_texts();         // every slot of every queue to its piece, once it is
 size_t hist_row_texts_bytes();  // of the texts of one row
-const char* hist_number_text(char (&buf)[2 * text_block], a_ut_hist_id id);  // "#" and the number
+void hist_load_words(char* dst, const char* src, size_t bytes);
+
+// An id's text as it is shown: "-" for none, "#" and the number, put into buf, for one that is no address.
+const char* hist_id_text(const char* id, char (&buf)[2 * text_block]);
 
 // What a row's texts are copied from and to: out of the queue's block, or as addresses.
 struct a_hist_row_texts {
@@ -50,7 +55,7 @@ const char* hist_load_data(const a_ut_hist_event_list& queue, uint32 data_idx, u
 
 void hist_store_long_text(char* dst, const char* src, size_t max);
 void hist_store_path_end(char* dst, const char* file);
-void hist_store_number(char* dst, const char* id);  // of an id that is no address
+void hist_store_number(char* dst, const char* id);  // of an id that is no address, or none
 
 using an_unaligned_word [[gnu::may_alias, gnu::aligned(1)]] = uint64;
 
@@ -110,16 +115,21 @@ inline void store_file(char* dst, const char* file)
     }
 }
 
+inline void hist_store_id(char* dst, const char* id)
+{
+    if (a_ptrint(id) < hist_first_address) [[unlikely]]
+        hist_store_number(dst, id);
+    else
+        store_text(dst, id, size_t(hist_cfg.hist_max_id_len));
+}
+
 // The texts of a record in copy mode, into its piece of the queue's block.
 inline void hist_store_texts(char* dst, const char* file, const char* id, const char* ev)
 {
     if (ev == nullptr) [[unlikely]]
         ev = hist_no_ev;
     store_file(dst, file);
-    if (a_ptrint(id) < hist_first_address) [[unlikely]]
-        hist_store_number(dst + hist_cfg.id_text_at, id);
-    else
-        store_text(dst + hist_cfg.id_text_at, id, size_t(hist_cfg.hist_max_id_len));
+    hist_store_id(dst + hist_cfg.id_text_at, id);
     store_text(dst + hist_cfg.ev_text_at, ev, size_t(hist_cfg.hist_max_ev_len));
 }
 

@@ -13,8 +13,10 @@
 #include "utils/etc/utcancel.h"
 #include "utils/etc/utclock.h"
 #include "utils/etc/uthist/hist_errout.h"
+#include "utils/etc/uthist/hist_ext.h"
 #include "utils/etc/uthist/hist_log.h"
 #include "utils/etc/uthist/hist_slots.h"
+#include "utils/etc/uthist/hist_threads.h"
 #include "utils/unix/utending.h"
 #include "utils/unix/utptmutex.h"
 
@@ -101,6 +103,7 @@ void ut_hist_init(void)
     hist_store_forget();
     ut_zone_refresh();  // before the first message, which begins with the local time
     hist_read_options();
+    hist_read_ext();
     hist_write_settings();
     const bool made = make_store();
     if (hist_cfg.ut_hist_dump_on_sig == 1)
@@ -116,6 +119,7 @@ void ut_hist_init(void)
     // Release: who sees the history running sees its store.
     __atomic_store_n(&hist.hist_ok_to_dump, true, __ATOMIC_RELEASE);
     __atomic_store_n(&hist.hist_initialized, true, __ATOMIC_RELEASE);
+    hist_set_crash_hooks(hist_cfg.crash);
     hist_say(false, "init done");
     hist_tell_open_error(out);
 }
@@ -125,6 +129,7 @@ void ut_hist_fini(void)
     if (!hist.hist_initialized)
         return;
     const an_uncancelled_scope uncancelled;
+    hist_set_crash_hooks(false);
     __atomic_store_n(&hist.hist_initialized, false, __ATOMIC_RELEASE);
     hist_say(true, "fini ...");
     if (hist_cfg.ut_hist_dump_on_sig == 1 && __atomic_load_n(&hist.sig_handler_installed, __ATOMIC_RELAXED) != 0) {
@@ -152,6 +157,7 @@ void ut_hist_fork_child()
     hist.waiting.fork_child();
     hist_my_uses = 0;
     hist_slots_fork_child();
+    hist_views_fork_child();
     hist_errout_fork_child();
     if (hist.hist_evs == nullptr)
         return;

@@ -1,0 +1,269 @@
+// hist_threads.cpp: keeps the views, and writes the thread table (hist_threads.h draws a view). Signal-safe: all of it.
+//
+// Only the slot's thread changes a view, in its events. Threads that share a slot under the literal rule share its view
+// too: it is that of the one which recorded last. A handler that interrupts a change only counts its event.
+#include "utils/etc/uthist/hist_threads.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include "utils/etc/utclock.h"
+#include "utils/etc/uthist/hist_slots.h"
+
+namespace {
+
+constexpr int looks = 100;         // at a view that changes
+constexpr size_t name_width = 15;  // of a thread, as the kernel limits it
+constexpr size_t events_width = 6;
+constexpr size_t last_width = 31;  // of id and event text together
+
+size_t id_bytes(const a_ut_hist_settings& cfg) { return cfg.ev_text_at - cfg.id_text_at; }
+bool copies(const a_ut_hist_settings& cfg) { return cfg.ut_hist_dump_on_fini != 0; }
+
+// Where the texts of a view stand, or of its copy: the newest event's, and a span's id.
+char* id_place(a_hist_view& v) { return reinterpret_cast<char*>(&v + 1); }
+char* ev_place(a_hist_view& v, const a_ut_hist_settings& cfg) { return id_place(v) + id_bytes(cfg); }
+char* span_place(a_hist_view& v, uint32 i, const a_ut_hist_settings& cfg)
+{
+    return id_place(v) + cfg.text_stride - cfg.id_text_at + i * id_bytes(cfg);
+}
+
+template <typename T>
+void put(T& field, T value)
+{
+    __atomic_store_n(&field, value, __ATOMIC_RELEASE);
+}
+
+// Relaxed: only the slot's thread changes it.
+template <typename T>
+T own(const T& field)
+{
+    return __atomic_load_n(&field, __ATOMIC_RELAXED);
+}
+
+void put_time(struct timeval& field, const struct timeval& now)
+{
+    put(field.tv_sec, now.tv_sec);
+    put(field.tv_usec, now.tv_usec);
+}
+
+// The innermost open span that the location, or the id, names; its depth if there is none.
+uint32 find_span(const a_hist_view& v, const a_ut_hist_loc* loc, const a_ut_hist_id* id)
+{
+    const uint32 depth = own(v.depth);
+    for (uint32 i = depth < hist_max_spans ? depth : hist_max_spans; i-- > 0;)
+        if ((id == nullptr || own(v.spans[i].id) == *id) && (loc == nullptr || own(v.spans[i].loc) == loc))
+            return i;
+    return depth;
+}
+
+// A location that is open already begins again: its span goes, as its END would have closed it.
+void open_span(a_hist_view& v, a_ut_hist_loc* loc, a_ut_hist_id id, const char* text, const struct timeval& now)
+{
+    uint32 depth = own(v.depth);
+    const uint32 same = loc != nullptr ? find_span(v, loc, nullptr) : depth;
+    if (same < depth) {
+        depth = same;
+        put(v.deeper, 0u);
+    }
+    if (depth >= hist_max_spans) {
+        put(v.deeper, own(v.deeper) + 1);
+        return;
+    }
+    a_hist_span& span = v.spans[depth];
+    put(span.loc, loc);
+    put(span.id, id);
+    put(span.text, text);
+    put_time(span.begun, now);
+    if (copies(hist_cfg))
+        hist_store_id(span_place(v, depth, hist_cfg), text);
+    put(v.depth, depth + 1);
+}
+
+void close_span(a_hist_view& v, const a_ut_hist_loc* loc, a_ut_hist_id id)
+{
+    if (own(v.deeper) != 0)
+        put(v.deeper, own(v.deeper) - 1);
+    else
+        put(v.depth, find_span(v, loc, &id));
+}
+
+// ---- the table ----
+
+// Copies the view; false when the thread has recorded nothing yet. One that does not stand still, as that of a thread
+// which a handler that dumps has interrupted, is taken as it is.
+bool load_view(uint32 t, a_hist_view& copy)
+{
+    const a_hist_view& v = hist_view_of(t);
+    for (int i = 0; i < looks; i++) {
+        const uint32 seq = __atomic_load_n(&v.seq, __ATOMIC_ACQUIRE);
+        hist_load_words(reinterpret_cast<char*>(&copy), reinterpret_cast<const char*>(&v), hist.view_stride);
+        if (seq % 2 == 0 && __atomic_load_n(&v.seq, __ATOMIC_RELAXED) == seq)
+            break;
+    }
+    copy.depth = copy.depth < hist_max_spans ? copy.depth : hist_max_spans;
+    return copy.tid != 0 && copy.events != 0;
+}
+
+// Brings the thread's name up to date; false when the thread has ended.
+bool find_thread(a_hist_view& v)
+{
+    char path[128];  // more than it takes, for the formatter
+    a_text text;
+    text.use(path, sizeof path, "");
+    text.direct(nullptr, nullptr);
+    text.put("/proc/self/task/", v.tid, "/comm", '\0');
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return tgkill(getpid(), pid_t(v.tid), 0) == 0 || errno != ESRCH;
+    const ssize_t len = read(fd, v.name, sizeof v.name);
+    close(fd);
+    const size_t named = len > 0 ? size_t(len) - 1 : 0;  // without its line end
+    v.name[named < sizeof v.name ? named : sizeof v.name - 1] = '\0';
+    return true;
+}
+
+// A text as the dump cuts it, but never in the middle of a character. Gives its length.
+size_t put_text(a_text& out, const char* text, int32 max)
+{
+    const size_t len = strnlen(text, size_t(max)), whole = len == size_t(max) ? ut_whole_utf8(text, len) : len;
+    out.mem(text, whole);
+    return whole;
+}
+
+size_t put_id(a_text& out, const char* text)
+{
+    char number[2 * text_block];
+    return put_text(out, hist_id_text(text, number), hist.cfg->hist_max_id_len);
+}
+
+// Microseconds from then to now; 0 for a clock that was set back.
+void put_age(a_text& out, const struct timeval& then, const struct timeval& now, size_t width)
+{
+    const int64_t us = (now.tv_sec - then.tv_sec) * int64_t(1000000) + now.tv_usec - then.tv_usec;
+    const uint64 age = us > 0 ? uint64(us) : 0;
+    out.dec(age / 1000000, width);
+    out.chr('.');
+    out.dec(age % 1000000, 6, '0');
+}
+
+void put_last(a_text& out, a_hist_view& v)
+{
+    const a_ut_hist_settings& cfg = *hist.cfg;
+    const char* const ev = copies(cfg) ? ev_place(v, cfg) : v.ev != nullptr ? v.ev : hist_no_ev;
+    size_t width = put_id(out, copies(cfg) ? id_place(v) : v.id) + 1;
+    out.chr(' ');
+    width += put_text(out, ev, cfg.hist_max_ev_len);
+    out.fill(' ', width < last_width ? last_width - width : 0);
+}
+
+void put_spans(a_text& out, a_hist_view& v, const struct timeval& now)
+{
+    if (v.depth == 0)
+        out.chr('-');
+    for (uint32 i = 0; i < v.depth; i++) {
+        out.str(i > 0 ? " > " : "");
+        put_id(out, copies(*hist.cfg) ? span_place(v, i, *hist.cfg) : v.spans[i].text);
+        out.chr(' ');
+        put_age(out, v.spans[i].begun, now, 1);
+    }
+    if (v.deeper != 0)
+        out.put(" +", v.deeper);
+}
+
+void put_row(a_text& out, uint32 t, a_hist_view& v, const struct timeval& now)
+{
+    out.dec(t, 3);
+    out.dec(v.tid, 8);
+    out.chr(' ');
+    const size_t len = strnlen(v.name, sizeof v.name - 1);
+    out.printable(v.name, ut_whole_utf8(v.name, len), name_width);
+    out.chr(' ');
+    out.dec(v.events + v.nested, events_width);
+    out.str("  ");
+    put_last(out, v);
+    put_age(out, v.last, now, 5);
+    out.str("  ");
+    put_spans(out, v, now);
+    out.eol();
+}
+
+uint32 slots_in_use()
+{
+    uint32 used = 0;
+    for (uint32 t = 0; t < hist_slots_end(); t++)
+        used += __atomic_load_n(&hist_view_of(t).tid, __ATOMIC_RELAXED) != 0 && hist_slot_is_taken(t) ? 1 : 0;
+    return used;
+}
+
+void put_head(a_text& out, const struct timeval& now)
+{
+    struct utsname host;
+    out.str("********** HISTORY THREADS BEGIN @ ");
+    ut_put_stamp(out, now);
+    out.put(" pid=", int32(getpid()), " prog=");
+    out.printable(program_invocation_short_name, strlen(program_invocation_short_name));
+    out.put(" host=", uname(&host) == 0 ? host.nodename : "?", " slots=", slots_in_use(), '/', hist.num_threads,
+            " **********");
+    out.eol();
+    out.str("Thr     Tid Name            Events  Last event                           before  Open");
+    out.eol();
+}
+
+}  // namespace
+
+// A handler's event finds the word odd when it has interrupted a change.
+void hist_see_event(uint32 t, int32 cl, a_ut_hist_id id, const char* id_text, const char* ev, a_ut_hist_loc* loc,
+                    const struct timeval& now)
+{
+    a_hist_view& v = hist_view_of(t);
+    if (hist_cfg.dense_slots == 0 && own(v.tid) != uint32(gettid())) [[unlikely]]
+        hist_reset_view(t);  // another thread of the same slot
+    const uint32 seq = own(v.seq);
+    if (seq % 2 != 0) [[unlikely]] {
+        __atomic_add_fetch(&v.nested, uint64(1), __ATOMIC_RELAXED);
+        return;
+    }
+    __atomic_store_n(&v.seq, seq + 1, __ATOMIC_RELAXED);
+    put(v.events, own(v.events) + 1);
+    put_time(v.last, now);
+    if (copies(hist_cfg)) {
+        hist_store_id(id_place(v), id_text);
+        store_text(ev_place(v, hist_cfg), ev != nullptr ? ev : hist_no_ev, size_t(hist_cfg.hist_max_ev_len));
+    } else {
+        put(v.id, id_text);
+        put(v.ev, ev);
+    }
+    if (cl == UT_HIST_CL_BEG && id != UT_HIST_ID_SIGHANDLER)
+        open_span(v, loc, id, id_text, now);
+    else if (cl == UT_HIST_CL_END && id != UT_HIST_ID_SIGHANDLER)
+        close_span(v, loc, id);
+    put(v.seq, seq + 2);
+}
+
+// Its spans go on in the child.
+void hist_views_fork_child()
+{
+    const uint32 t = hist_slot_number();
+    if (hist.views != nullptr && t < hist.num_threads && hist_view_of(t).tid != 0)
+        put(hist_view_of(t).tid, uint32(gettid()));
+}
+
+// A row for each slot whose thread lives.
+void hist_put_threads(a_text& out, char* copy)
+{
+    if (hist.views == nullptr)
+        return;
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    put_head(out, now);
+    a_hist_view& v = *reinterpret_cast<a_hist_view*>(copy);
+    for (uint32 t = 0; t < hist_slots_end(); t++)
+        if (hist_slot_is_taken(t) && load_view(t, v) && find_thread(v))
+            put_row(out, t, v, now);
+    out.str("********** HISTORY THREADS END **********");
+    out.eol();
+}
