@@ -50,12 +50,26 @@ void put_time(struct timeval& field, const struct timeval& now)
     put(field.tv_usec, now.tv_usec);
 }
 
-// The innermost open span that the location, or the id, names; its depth if there is none.
-uint32 find_span(const a_hist_view& v, const a_ut_hist_loc* loc, const a_ut_hist_id* id)
+// A text is itself wherever it stands.
+bool has_id(a_hist_view& v, uint32 i, a_ut_hist_id id)
+{
+    const a_ut_hist_id open = own(v.spans[i].id);
+    const auto is_text = [](a_ut_hist_id x) {
+        return a_ptrint(x) >= hist_first_address && a_ptrint(x) < a_ptrint(UT_HIST_ID_SIGHANDLER);
+    };
+    if (open == id || !is_text(open) || !is_text(id))
+        return open == id;
+    const char* const text = copies(hist_cfg) ? span_place(v, i, hist_cfg) : own(v.spans[i].text);
+    return strncmp(text, static_cast<const char*>(id), size_t(hist_cfg.hist_max_id_len)) == 0;
+}
+
+// The innermost open span of the location, where one is given, and of the id, where that counts; the depth if there is
+// none.
+uint32 find_span(a_hist_view& v, const a_ut_hist_loc* loc, const a_ut_hist_id* id)
 {
     const uint32 depth = own(v.depth);
     for (uint32 i = depth < hist_max_spans ? depth : hist_max_spans; i-- > 0;)
-        if ((id == nullptr || own(v.spans[i].id) == *id) && (loc == nullptr || own(v.spans[i].loc) == loc))
+        if ((loc == nullptr || own(v.spans[i].loc) == loc) && (id == nullptr || has_id(v, i, *id)))
             return i;
     return depth;
 }
