@@ -45,6 +45,20 @@ void history_stats(benchmark::State& state)
 }
 BENCHMARK(history_stats)->Name("event/shared/stats/history")->Setup(shared_queue_copy_stats);
 
+// A begin and an end, and a plain event, with what each thread does kept beside them and without.
+void history_pair(benchmark::State& state)
+{
+    a_ut_hist_loc at = UT_HIST_LOC_INIT;
+    for (auto _ : state) {
+        UT_HIST_BEG(&at, UT_HIST_ID_TEXT(payload::id), payload::text, 42L);
+        UT_HIST_END(&at, UT_HIST_ID_TEXT(payload::id), payload::text, 42L);
+    }
+}
+BENCHMARK(history_pair)->Name("tables/pair/off")->Setup(own_queue_copy);
+BENCHMARK(history_pair)->Name("tables/pair/on")->Setup(own_queue_copy_tables);
+BENCHMARK(history)->Name("tables/event/off")->Setup(own_queue_copy);
+BENCHMARK(history)->Name("tables/event/on")->Setup(own_queue_copy_tables);
+
 template <bool locked, bool copies>
 void hand_event(a_hand_ring& ring)
 {

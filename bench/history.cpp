@@ -17,12 +17,13 @@ const bool had_second_thread [[maybe_unused]] = (std::thread([] {}).join(), true
 
 }  // namespace
 
-void restart_history(const char* options, const char* slots)
+void restart_history(const char* options, const char* slots, const char* ext)
 {
     ut_hist_fini();
     const std::string value = "x,s-,r-,l=/dev/null,n" + std::to_string(ring_size) + "," + options;
     setenv("UT_HIST", value.c_str(), 1);
     setenv("UT_HIST_THREAD_SLOT", slots, 1);
+    setenv("UT_HIST_EXT", ext, 1);
     ut_hist_init();
 }
 

@@ -9,7 +9,7 @@
 #include "corvex/hist.h"
 
 // Shuts the history down and starts it with these options, which must name f, k and q (the others keep their values).
-void restart_history(const char* options, const char* slots = "dense");
+void restart_history(const char* options, const char* slots = "dense", const char* ext = "");
 
 // The ways of recording that are measured, as set-up functions of benchmarks.
 inline void shared_queue_copy(const benchmark::State&) { restart_history("f+,k-,q-"); }
@@ -17,6 +17,7 @@ inline void shared_queue_copy_stats(const benchmark::State&) { restart_history("
 inline void shared_queue_pointer(const benchmark::State&) { restart_history("f-,k-,q-"); }
 inline void own_queue_copy(const benchmark::State&) { restart_history("f+,k-,q8"); }
 inline void own_queue_pointer(const benchmark::State&) { restart_history("f-,k-,q8"); }
+inline void own_queue_copy_tables(const benchmark::State&) { restart_history("f+,k-,q8", "dense", "tables"); }
 
 int64_t dump_lines();  // of a dump taken now
 
