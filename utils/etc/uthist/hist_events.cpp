@@ -233,7 +233,7 @@ size_t hist_dump_bytes()
 {
     const bool captures = hist_cfg.ut_hist_debug_data != 0 && hist_cfg.ut_hist_debug_data_size > 0;
     const size_t data = captures ? size_t(hist_cfg.ut_hist_debug_data_size) + 8 : 0;
-    return sizeof(a_ut_hist_dump) + hist_view_bytes() + hist_row_texts_bytes() * size_t(hist_cfg.hist_num_q) + data;
+    return sizeof(a_ut_hist_dump) + hist_shown_bytes() + hist_row_texts_bytes() * size_t(hist_cfg.hist_num_q) + data;
 }
 
 // In the store that has just been mapped.
@@ -242,7 +242,7 @@ void hist_dump_lay_out(const char* eol)
     a_ut_hist_dump& f = *hist.dump;
     f.out.use(f.buf, sizeof f.buf, eol);
     f.view = f.buf + sizeof f.buf;
-    char* at = f.view + hist_view_bytes();
+    char* at = f.view + hist_shown_bytes();
     for (uint32 q = 0; q < num_queues(); q++, at += hist_row_texts_bytes())
         f.cursors[q].texts = at;
     f.data = at;

@@ -21,9 +21,9 @@ struct alignas(cache_line) a_ut_hist_dump {
     const a_hist_column* shown[32];  // the columns of this dump, up to a null
     a_hist_second tod;
     a_hist_cursor cursors[hist_max_queues];
-    char* view;                               // room for the view of a thread
+    char* view;                               // room for what the thread table shows
     char* data;                               // room for one data block
-    alignas(cache_line) char buf[32 * 1024];  // of `out`; behind it the view, the rows' texts and the data block
+    alignas(cache_line) char buf[32 * 1024];  // of `out`; behind it that room, the rows' texts and the data block
 };
 
 size_t hist_dump_bytes();

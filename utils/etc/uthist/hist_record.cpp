@@ -149,6 +149,8 @@ inline uint32 record(const an_event& event, a_ut_hist_event_list& queue, int32 q
     const uint32 num = __atomic_add_fetch(&hist.hist_count, 1u, __ATOMIC_RELAXED);
     const a_ring_pos at = ring_next(queue);
     a_ut_hist_event& r = queue.evs[at.next];
+    if (hist.views != nullptr) [[unlikely]]
+        hist_before_event(queue, r, t);
     __atomic_store_n(&r.seq, seq_writing(at.laps), __ATOMIC_RELAXED);
     __atomic_store_n(&r.time_of_day.tv_sec, now.tv_sec, __ATOMIC_RELEASE);
     __atomic_store_n(&r.time_of_day.tv_usec, now.tv_usec, __ATOMIC_RELEASE);
@@ -172,8 +174,11 @@ inline uint32 record(const an_event& event, a_ut_hist_event_list& queue, int32 q
         dur = record_times(event.loc, event.cl, event.id.ii, t, {q, at.next, num}, now);
     __atomic_store_n(&r.dur, dur, __ATOMIC_RELEASE);
     ring_publish(queue, r, at);
-    if (hist.views != nullptr) [[unlikely]]
-        hist_see_event(t, event.cl, event.given_id, event.id.text, event.ev, event.loc, now);
+    if (hist.views != nullptr) [[unlikely]] {
+        hist_after_event(queue, r, t, num);
+        if (uint32(event.cl) - UT_HIST_CL_BEG < 2 && event.given_id != UT_HIST_ID_SIGHANDLER)
+            hist_span_event(t, event.cl, event.loc, event.given_id, event.id.text, now);
+    }
     return at.next;
 }
 

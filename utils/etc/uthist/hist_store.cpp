@@ -280,16 +280,13 @@ void hist_reset_view(uint32 t)
     if (hist.views == nullptr)
         return;
     a_hist_view& v = hist_view_of(t);
-    const uint32 seq = __atomic_load_n(&v.seq, __ATOMIC_RELAXED) | 1;
-    __atomic_store_n(&v.seq, seq, __ATOMIC_RELAXED);
+    __atomic_store_n(&v.newest, nullptr, __ATOMIC_RELEASE);
     __atomic_store_n(&v.tid, uint32(gettid()), __ATOMIC_RELEASE);
     __atomic_store_n(&v.events, uint64(0), __ATOMIC_RELEASE);
-    __atomic_store_n(&v.nested, uint64(0), __ATOMIC_RELEASE);
     __atomic_store_n(&v.depth, 0u, __ATOMIC_RELEASE);
     __atomic_store_n(&v.deeper, 0u, __ATOMIC_RELEASE);
     char name[sizeof v.name] = "";
     prctl(PR_GET_NAME, name);
     for (size_t i = 0; i < sizeof name; i++)
         __atomic_store_n(&v.name[i], name[i], __ATOMIC_RELEASE);
-    __atomic_store_n(&v.seq, seq + 1, __ATOMIC_RELEASE);
 }

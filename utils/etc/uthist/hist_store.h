@@ -32,7 +32,8 @@ inline constexpr uint32 hist_no_dur = 0xFFFFFFFF;
 // first line and the last two. hist_ring.h says what the sequence word means.
 struct alignas(cache_line) a_ut_hist_event {
     uint32 seq;
-    uint32 unused[5];
+    uint32 newest;  // 1 while no later event of its thread is in the queue; kept with thread tables only
+    uint32 unused[4];
     struct timeval time_of_day;
     char* file;  // copy mode: this slot's piece of the queue's text block; else borrowed from the caller
     uint32 line;
@@ -123,13 +124,17 @@ struct a_hist_span {
 };
 
 struct alignas(cache_line) a_hist_view {
-    uint32 seq;
-    uint32 tid;     // kernel thread id; 0 before the first event
-    uint64 events;  // recorded by the thread, but for those below
-    uint64 nested;  // by its handlers that interrupted a change of this view: counted, not shown
-    struct timeval last;
-    const char* id;  // the newest event's texts, in pointer mode
-    const char* ev;
+    // Changed by every event of the thread.
+    uint64 events;
+    a_ut_hist_event* newest;  // its record; null before the first
+    uint32 newest_num;        // found there, while the record stands
+    uint32 tid;               // kernel thread id; 0 before the slot is claimed
+    // The newest event when its record has been overwritten, kept by the thread that did. In pointer mode the texts.
+    uint32 kept_seq, kept_num;
+    struct timeval kept_time;
+    const char *kept_id, *kept_ev;
+    // Changed by begins and ends.
+    alignas(cache_line) uint32 seq;
     uint32 depth;   // open spans
     uint32 deeper;  // for which there was no room
     char name[16];  // when the thread claimed the slot

@@ -1,7 +1,6 @@
-// hist_threads.cpp: keeps the views, and writes the thread table (hist_threads.h draws a view). Signal-safe: all of it.
-//
-// Only the slot's thread changes a view, in its events. Threads that share a slot under the literal rule share its view
-// too: it is that of the one which recorded last. A handler that interrupts a change only counts its event.
+// hist_threads.cpp: keeps the views, and writes the thread table (hist_threads.h says how a view holds). Threads that
+// share a slot under the literal rule share its view: it is that of the one which recorded last. Signal-safe: all of
+// it.
 #include "utils/etc/uthist/hist_threads.h"
 
 #include <errno.h>
@@ -23,12 +22,14 @@ constexpr size_t last_width = 31;  // of id and event text together
 size_t id_bytes(const a_ut_hist_settings& cfg) { return cfg.ev_text_at - cfg.id_text_at; }
 bool copies(const a_ut_hist_settings& cfg) { return cfg.ut_hist_dump_on_fini != 0; }
 
-// Where the texts of a view stand, or of its copy: the newest event's, and a span's id.
+size_t event_bytes(const a_ut_hist_settings& cfg) { return cfg.text_stride - cfg.id_text_at; }
+
+// Where the texts of a view stand, or of its copy: the kept event's, and a span's id.
 char* id_place(a_hist_view& v) { return reinterpret_cast<char*>(&v + 1); }
 char* ev_place(a_hist_view& v, const a_ut_hist_settings& cfg) { return id_place(v) + id_bytes(cfg); }
 char* span_place(a_hist_view& v, uint32 i, const a_ut_hist_settings& cfg)
 {
-    return id_place(v) + cfg.text_stride - cfg.id_text_at + i * id_bytes(cfg);
+    return id_place(v) + event_bytes(cfg) + i * id_bytes(cfg);
 }
 
 template <typename T>
@@ -74,52 +75,68 @@ uint32 find_span(a_hist_view& v, const a_ut_hist_loc* loc, const a_ut_hist_id* i
     return depth;
 }
 
-// A location that is open already begins again: its span goes, as its END would have closed it.
-void open_span(a_hist_view& v, a_ut_hist_loc* loc, a_ut_hist_id id, const char* text, const struct timeval& now)
-{
-    uint32 depth = own(v.depth);
-    const uint32 same = loc != nullptr ? find_span(v, loc, nullptr) : depth;
-    if (same < depth) {
-        depth = same;
-        put(v.deeper, 0u);
-    }
-    if (depth >= hist_max_spans) {
-        put(v.deeper, own(v.deeper) + 1);
-        return;
-    }
-    a_hist_span& span = v.spans[depth];
-    put(span.loc, loc);
-    put(span.id, id);
-    put(span.text, text);
-    put_time(span.begun, now);
-    if (copies(hist_cfg))
-        hist_store_id(span_place(v, depth, hist_cfg), text);
-    put(v.depth, depth + 1);
-}
-
-void close_span(a_hist_view& v, const a_ut_hist_loc* loc, a_ut_hist_id id)
-{
-    if (own(v.deeper) != 0)
-        put(v.deeper, own(v.deeper) - 1);
-    else
-        put(v.depth, find_span(v, loc, &id));
-}
-
 // ---- the table ----
 
-// Copies the view; false when the thread has recorded nothing yet. One that does not stand still, as that of a thread
-// which a handler that dumps has interrupted, is taken as it is.
-bool load_view(uint32 t, a_hist_view& copy)
+// A copy of a view, and its thread's newest event.
+struct a_shown_thread {
+    a_hist_view& view;
+    a_hist_row_texts texts;
+    struct timeval time;
+};
+
+// Copies the newest event out of its ring; false when it does not stand there whole.
+bool load_from_ring(uint32 t, a_shown_thread& shown)
+{
+    const a_ut_hist_event* const r = shown.view.newest;
+    for (uint32 q = 0; q < uint32(hist.cfg->hist_num_q); q++) {
+        const a_ut_hist_event_list& queue = hist.hist_evs[q];
+        if (r < queue.evs || r >= queue.evs + hist.cfg->ut_hist_debug_num)
+            continue;
+        const uint32 seq = __atomic_load_n(&r->seq, __ATOMIC_ACQUIRE);
+        shown.texts = hist_load_texts(queue, *r, reinterpret_cast<char*>(&shown.view) + hist.view_stride);
+        shown.time.tv_sec = __atomic_load_n(&r->time_of_day.tv_sec, __ATOMIC_ACQUIRE);
+        shown.time.tv_usec = __atomic_load_n(&r->time_of_day.tv_usec, __ATOMIC_ACQUIRE);
+        const bool same = __atomic_load_n(&r->num, __ATOMIC_ACQUIRE) == shown.view.newest_num &&
+                          __atomic_load_n(&r->thread, __ATOMIC_ACQUIRE) == t;
+        // Relaxed: the acquire loads above keep this one behind them.
+        return same && seq % 2 == 0 && __atomic_load_n(&r->seq, __ATOMIC_RELAXED) == seq;
+    }
+    return false;
+}
+
+// The newest event as who overwrote it has kept it.
+bool load_kept(a_shown_thread& shown)
+{
+    const a_ut_hist_settings& cfg = *hist.cfg;
+    a_hist_view& v = shown.view;
+    shown.time = v.kept_time;
+    shown.texts = {nullptr, v.kept_id, v.kept_ev};
+    if (copies(cfg)) {
+        shown.texts = {nullptr, id_place(v), ev_place(v, cfg)};
+        id_place(v)[cfg.hist_max_id_len] = ev_place(v, cfg)[cfg.hist_max_ev_len] = '\0';
+    }
+    return v.kept_num == v.newest_num;
+}
+
+// Copies the view, and the newest event; false when the thread has recorded nothing yet. What does not stand still, as
+// what a handler that dumps has interrupted, is taken as it is.
+bool load_view(uint32 t, a_shown_thread& shown)
 {
     const a_hist_view& v = hist_view_of(t);
-    for (int i = 0; i < looks; i++) {
+    bool whole = false, found = false;
+    for (int i = 0; i < looks && !(whole && found); i++) {
         const uint32 seq = __atomic_load_n(&v.seq, __ATOMIC_ACQUIRE);
-        hist_load_words(reinterpret_cast<char*>(&copy), reinterpret_cast<const char*>(&v), hist.view_stride);
-        if (seq % 2 == 0 && __atomic_load_n(&v.seq, __ATOMIC_RELAXED) == seq)
-            break;
+        const uint32 kept = __atomic_load_n(&v.kept_seq, __ATOMIC_ACQUIRE);
+        hist_load_words(reinterpret_cast<char*>(&shown.view), reinterpret_cast<const char*>(&v), hist.view_stride);
+        // Relaxed: the acquire loads above keep these behind them.
+        whole = __atomic_load_n(&v.seq, __ATOMIC_RELAXED) == seq;
+        const bool is_kept = kept % 2 == 0 && __atomic_load_n(&v.kept_seq, __ATOMIC_RELAXED) == kept;
+        if (shown.view.newest == nullptr)
+            return false;
+        found = (is_kept && load_kept(shown)) || load_from_ring(t, shown);
     }
-    copy.depth = copy.depth < hist_max_spans ? copy.depth : hist_max_spans;
-    return copy.tid != 0 && copy.events != 0;
+    shown.view.depth = shown.view.depth < hist_max_spans ? shown.view.depth : hist_max_spans;
+    return true;
 }
 
 // Brings the thread's name up to date; false when the thread has ended.
@@ -164,13 +181,11 @@ void put_age(a_text& out, const struct timeval& then, const struct timeval& now,
     out.dec(age % 1000000, 6, '0');
 }
 
-void put_last(a_text& out, a_hist_view& v)
+void put_last(a_text& out, const a_hist_row_texts& texts)
 {
-    const a_ut_hist_settings& cfg = *hist.cfg;
-    const char* const ev = copies(cfg) ? ev_place(v, cfg) : v.ev != nullptr ? v.ev : hist_no_ev;
-    size_t width = put_id(out, copies(cfg) ? id_place(v) : v.id) + 1;
+    size_t width = put_id(out, texts.id) + 1;
     out.chr(' ');
-    width += put_text(out, ev, cfg.hist_max_ev_len);
+    width += put_text(out, texts.ev != nullptr ? texts.ev : hist_no_ev, hist.cfg->hist_max_ev_len);
     out.fill(' ', width < last_width ? last_width - width : 0);
 }
 
@@ -188,18 +203,19 @@ void put_spans(a_text& out, a_hist_view& v, const struct timeval& now)
         out.put(" +", v.deeper);
 }
 
-void put_row(a_text& out, uint32 t, a_hist_view& v, const struct timeval& now)
+void put_row(a_text& out, uint32 t, a_shown_thread& shown, const struct timeval& now)
 {
+    a_hist_view& v = shown.view;
     out.dec(t, 3);
     out.dec(v.tid, 8);
     out.chr(' ');
     const size_t len = strnlen(v.name, sizeof v.name - 1);
     out.printable(v.name, ut_whole_utf8(v.name, len), name_width);
     out.chr(' ');
-    out.dec(v.events + v.nested, events_width);
+    out.dec(v.events, events_width);
     out.str("  ");
-    put_last(out, v);
-    put_age(out, v.last, now, 5);
+    put_last(out, shown.texts);
+    put_age(out, shown.time, now, 5);
     out.str("  ");
     put_spans(out, v, now);
     out.eol();
@@ -229,33 +245,62 @@ void put_head(a_text& out, const struct timeval& now)
 
 }  // namespace
 
-// A handler's event finds the word odd when it has interrupted a change.
-void hist_see_event(uint32 t, int32 cl, a_ut_hist_id id, const char* id_text, const char* ev, a_ut_hist_loc* loc,
-                    const struct timeval& now)
+// Looks at the view: the thread's newest event may be in another queue by now.
+void hist_keep_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r)
 {
+    const uint32 num = own(r.num), t = own(r.thread);
+    if (t >= hist.num_threads)
+        return;
     a_hist_view& v = hist_view_of(t);
-    if (hist_cfg.dense_slots == 0 && own(v.tid) != uint32(gettid())) [[unlikely]]
-        hist_reset_view(t);  // another thread of the same slot
-    const uint32 seq = own(v.seq);
-    if (seq % 2 != 0) [[unlikely]] {
-        __atomic_add_fetch(&v.nested, uint64(1), __ATOMIC_RELAXED);
+    if (__atomic_load_n(&v.newest, __ATOMIC_ACQUIRE) != &r || __atomic_load_n(&v.newest_num, __ATOMIC_ACQUIRE) != num)
+        return;
+    const uint32 seq = own(v.kept_seq) | 1;
+    __atomic_store_n(&v.kept_seq, seq, __ATOMIC_RELAXED);
+    put(v.kept_num, num);
+    put_time(v.kept_time, {own(r.time_of_day.tv_sec), own(r.time_of_day.tv_usec)});
+    put(v.kept_id, static_cast<const char*>(own(r.id)));
+    put(v.kept_ev, static_cast<const char*>(own(r.ev)));
+    for (size_t i = 0; queue.texts != nullptr && i < event_bytes(hist_cfg); i += 8)
+        put(reinterpret_cast<uint64*>(id_place(v))[i / 8], own(static_cast<const uint64*>(own(r.id))[i / 8]));
+    put(v.kept_seq, seq + 1);
+}
+
+void hist_take_slot(uint32 t)
+{
+    if (own(hist_view_of(t).tid) != uint32(gettid()))
+        hist_reset_view(t);
+}
+
+// A location that is open already begins again: its span goes, as its END would have closed it.
+void hist_open_span(a_hist_view& v, a_ut_hist_loc* loc, a_ut_hist_id id, const char* text, const struct timeval& now)
+{
+    const uint32 open = own(v.depth), depth = loc != nullptr ? find_span(v, loc, nullptr) : open;
+    if (depth < open) {
+        put(v.depth, depth);
+        put(v.deeper, 0u);
+    }
+    if (depth >= hist_max_spans) {
+        put(v.deeper, own(v.deeper) + 1);
         return;
     }
-    __atomic_store_n(&v.seq, seq + 1, __ATOMIC_RELAXED);
-    put(v.events, own(v.events) + 1);
-    put_time(v.last, now);
-    if (copies(hist_cfg)) {
-        hist_store_id(id_place(v), id_text);
-        store_text(ev_place(v, hist_cfg), ev != nullptr ? ev : hist_no_ev, size_t(hist_cfg.hist_max_ev_len));
-    } else {
-        put(v.id, id_text);
-        put(v.ev, ev);
-    }
-    if (cl == UT_HIST_CL_BEG && id != UT_HIST_ID_SIGHANDLER)
-        open_span(v, loc, id, id_text, now);
-    else if (cl == UT_HIST_CL_END && id != UT_HIST_ID_SIGHANDLER)
-        close_span(v, loc, id);
-    put(v.seq, seq + 2);
+    a_hist_span& span = v.spans[depth];
+    __atomic_store_n(&v.seq, own(v.seq) + 1, __ATOMIC_RELAXED);
+    put(span.loc, loc);
+    put(span.id, id);
+    put_time(span.begun, now);
+    if (copies(hist_cfg))
+        hist_store_id(span_place(v, depth, hist_cfg), text);
+    else
+        put(span.text, text);
+    put(v.depth, depth + 1);
+}
+
+void hist_close_span(a_hist_view& v, const a_ut_hist_loc* loc, a_ut_hist_id id)
+{
+    if (own(v.deeper) != 0)
+        put(v.deeper, own(v.deeper) - 1);
+    else
+        put(v.depth, find_span(v, loc, &id));
 }
 
 // Its spans go on in the child.
@@ -266,18 +311,24 @@ void hist_views_fork_child()
         put(hist_view_of(t).tid, uint32(gettid()));
 }
 
+// A view, and the texts of the newest event out of its ring.
+size_t hist_shown_bytes()
+{
+    return hist_cfg.tables ? (hist_view_bytes() + hist_cfg.text_stride + cache_line - 1) / cache_line * cache_line : 0;
+}
+
 // A row for each slot whose thread lives.
-void hist_put_threads(a_text& out, char* copy)
+void hist_put_threads(a_text& out, char* room)
 {
     if (hist.views == nullptr)
         return;
     struct timeval now;
     gettimeofday(&now, nullptr);
     put_head(out, now);
-    a_hist_view& v = *reinterpret_cast<a_hist_view*>(copy);
+    a_shown_thread shown = {*reinterpret_cast<a_hist_view*>(room), {}, {}};
     for (uint32 t = 0; t < hist_slots_end(); t++)
-        if (hist_slot_is_taken(t) && load_view(t, v) && find_thread(v))
-            put_row(out, t, v, now);
+        if (hist_slot_is_taken(t) && load_view(t, shown) && find_thread(shown.view))
+            put_row(out, t, shown, now);
     out.str("********** HISTORY THREADS END **********");
     out.eol();
 }

@@ -1,18 +1,68 @@
-// hist_threads.h: what each thread does now: its newest event and its open spans, kept in the view of its slot, and the
-// thread table behind a dump (UT_HIST_EXT=tables). Nothing is looked up in the rings: a thread that hangs is shown
-// however much the others have recorded since.
+// hist_threads.h: what each thread does now: its newest event and its open spans, in the view of its slot, and the
+// thread table behind a dump (UT_HIST_EXT=tables). A thread that hangs is shown however much the others have recorded
+// since.
 //
 // A view lies in the store:  |a_hist_view|id|event|id of span 0|id of span 1|...   texts in copy mode, in whole blocks
 //
-// Its sequence word is odd while the slot's thread changes it; a reader takes the word, the view and the word again.
-// All fields are stored with release and loaded with acquire order, as in the rings. Signal-safe: all of it.
+// Of its newest event a view knows the record. Who overwrites a record which is still its thread's newest one keeps
+// that event in the thread's view first, under a sequence word; that a thread has a later event in the same queue it
+// notes in the earlier record. A begin fills the span behind the open ones and then counts it, after a step of another
+// sequence word: a reader that finds the same word before and after its copy has whole spans. All fields are stored
+// with release and loaded with acquire order between the two looks, as in the rings. Signal-safe: all of it.
 #pragma once
 
-#include "utils/etc/uthist/hist_texts.h"
+#include "utils/etc/uthist/hist_ring.h"
 #include "utils/etc/uttext.h"
 
-void hist_see_event(uint32 t, int32 cl, a_ut_hist_id id, const char* id_text, const char* ev, a_ut_hist_loc* loc,
-                    const struct timeval& now);
+void hist_keep_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r);
+void hist_take_slot(uint32 t);  // for the calling thread, from the one that recorded under it last
+void hist_open_span(a_hist_view& v, a_ut_hist_loc* loc, a_ut_hist_id id, const char* text, const struct timeval& now);
+void hist_close_span(a_hist_view& v, const a_ut_hist_loc* loc, a_ut_hist_id id);
+
+// Before the record is overwritten by an event of slot t.
+inline void hist_before_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, uint32 t)
+{
+    // Relaxed here and below: only the queue's writers change these, and they are serialised or alone.
+    if (__atomic_load_n(&r.newest, __ATOMIC_RELAXED) != 0 && __atomic_load_n(&r.thread, __ATOMIC_RELAXED) != t)
+        hist_keep_event(queue, r);
+}
+
+// After the event of slot t has been recorded there. A handler's event that comes in between is in another queue.
+inline void hist_after_event(a_ut_hist_event_list& queue, a_ut_hist_event& r, uint32 t, uint32 num)
+{
+    a_hist_view& v = hist_view_of(t);
+    if (hist_cfg.dense_slots == 0) [[unlikely]]
+        hist_take_slot(t);
+    a_ut_hist_event* const before = __atomic_load_n(&v.newest, __ATOMIC_RELAXED);
+    const bool stands =
+        before != nullptr && before >= queue.evs && before < queue.evs + hist_cfg.ut_hist_debug_num &&
+        __atomic_load_n(&before->num, __ATOMIC_RELAXED) == __atomic_load_n(&v.newest_num, __ATOMIC_RELAXED);
+    if (stands && before != &r)
+        __atomic_store_n(&before->newest, 0u, __ATOMIC_RELAXED);
+    __atomic_store_n(&r.newest, 1u, __ATOMIC_RELAXED);
+    // One instruction: no handler's event is lost in it.
+    __asm__("incq %0" : "+m"(v.events));
+    __atomic_store_n(&v.newest_num, num, __ATOMIC_RELEASE);
+    __atomic_store_n(&v.newest, &r, __ATOMIC_RELEASE);
+}
+
+// A begin opens a span, an end closes one; most often that is the innermost one.
+inline void hist_span_event(uint32 t, int32 cl, a_ut_hist_loc* loc, a_ut_hist_id id, const char* text,
+                            const struct timeval& now)
+{
+    a_hist_view& v = hist_view_of(t);
+    if (cl == UT_HIST_CL_BEG)
+        return hist_open_span(v, loc, id, text, now);
+    const uint32 depth = __atomic_load_n(&v.depth, __ATOMIC_RELAXED);
+    if (depth - 1 < hist_max_spans && __atomic_load_n(&v.deeper, __ATOMIC_RELAXED) == 0 &&
+        __atomic_load_n(&v.spans[depth - 1].id, __ATOMIC_RELAXED) == id &&
+        (loc == nullptr || __atomic_load_n(&v.spans[depth - 1].loc, __ATOMIC_RELAXED) == loc))
+        __atomic_store_n(&v.depth, depth - 1, __ATOMIC_RELEASE);
+    else
+        hist_close_span(v, loc, id);
+}
+
 void hist_views_fork_child();
 
-void hist_put_threads(a_text& out, char* copy);  // the table; `copy` has room for one view
+size_t hist_shown_bytes();  // of the room that the table needs
+void hist_put_threads(a_text& out, char* room);
