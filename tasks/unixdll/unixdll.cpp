@@ -12,6 +12,7 @@
 #include "utils/etc/osthread.h"
 #include "utils/etc/uthist/uthist.h"
 #include "utils/unix/sysvsemo.h"
+#include "utils/unix/unixaltstack.h"
 #include "utils/unix/unixfork.h"
 #include "utils/unix/utcore.h"
 #include "utils/unix/utending.h"
@@ -73,6 +74,7 @@ public:
     {
         ut_hist_unload();
         ut_onsig_unload();
+        unix_release_signal_stacks();
     }
 };
 

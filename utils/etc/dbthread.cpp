@@ -15,6 +15,7 @@
 #include "utils/etc/utcancel.h"
 #include "utils/etc/utenv.h"
 #include "utils/etc/uttext.h"
+#include "utils/unix/unixaltstack.h"
 #include "utils/unix/unixout.h"
 
 namespace {
@@ -47,6 +48,7 @@ void copy_name(char (&dst)[name_size], const char* name)
 
 void leave_layer(void*)
 {
+    unix_take_signal_stack();
     const an_in_flight_guard guard;
     if (guard.started)
         remove_current_thread();
@@ -57,6 +59,7 @@ void leave_layer(void*)
 void run_thread_body(an_os_thread_start_address func, void* parm)
 {
     pthread_cleanup_push(leave_layer, nullptr);
+    unix_give_signal_stack();
     Perform_Version_Check(interface_version, line_before_body);
     func(parm);
     Perform_Version_Check(interface_version, line_after_body);
