@@ -52,6 +52,17 @@ TEST(SysvEnding, ByExitInAHandlerThatInterruptedAHolderOfAnyLockLeavesNoSet)
     EXPECT_EQ(kernel_sets(), before);
 }
 
+TEST(Crash, AtAnyMomentIsReportedWholeAndDumpedWhole)
+{
+    if (under_tsan)
+        return;  // see above
+    const a_run rounds = run(
+        "crash_torture", {"ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_abort=0:use_sigaltstack=0:detect_leaks=0"},
+        {sanitized ? "40" : "150"});
+    EXPECT_TRUE(rounds.exited_well());
+    EXPECT_EQ(rounds.out, "");
+}
+
 TEST(SysvShortage, LeavesNothingAndNobodyUnusableWhicheverCallFails)
 {
     if (sanitized)
