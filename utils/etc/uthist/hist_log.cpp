@@ -314,11 +314,15 @@ void crash_began(int sig, int code, const void* address)
     UT_HIST_EV(UT_HIST_ID_SIGHANDLER, "ending on signal", long(sig), long(code), address);
 }
 
-// Unless a callback had it dumped. The dump stays claimed: nobody else's is cut off by the end.
+// Unless a callback had it dumped. The dump stays claimed: nobody else's is cut off by the end. One that does not end in
+// time waits for what this thread held when it was interrupted, or its thread has crashed too: it gives way.
 void crash_dump()
 {
-    if (running() && !__atomic_load_n(&dumped_at_end, __ATOMIC_RELAXED) && hist_dump_claim_in_time())
-        dump_at_end();
+    if (!running() || __atomic_load_n(&dumped_at_end, __ATOMIC_RELAXED))
+        return;
+    if (!hist_dump_claim_in_time())
+        __atomic_store_n(&hist.dump_state, pack_dump(DUMP_RUNNING, this_thread()), __ATOMIC_RELEASE);
+    dump_at_end();
 }
 
 int32 crash_slot() { return hist_slot_number() < hist.num_threads ? int32(hist_slot_number()) : -1; }
