@@ -39,7 +39,9 @@ struct os_helper_parms {
 // The first bytes of a name, without a UTF-8 character cut in two.
 void copy_name(char (&dst)[name_size], const char* name)
 {
-    size_t len = name != nullptr ? strnlen(name, name_size) : 0;
+    if (name == nullptr)
+        name = "";
+    size_t len = strnlen(name, name_size);
     if (len == name_size)
         len = ut_whole_utf8(name, name_size - 1);
     memcpy(dst, name != nullptr ? name : "", len);
