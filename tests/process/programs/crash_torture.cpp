@@ -147,7 +147,7 @@ int main(int argc, char** argv)
     const long rounds = atol(argv[1]), begin = argc > 2 ? atol(argv[2]) : time(nullptr);
     if (rounds == 0)  // "crash"
         crash_as_planned(a_plan(begin));
-    for (const char* variable : {"UT_HIST=n200l=dump.txt", "UT_HIST_EXT=all", "ZT_CRASH_REPORT=crash.txt"})
+    for (const char* variable : {"UT_HIST=n50l=dump.txt", "UT_HIST_EXT=all", "ZT_CRASH_REPORT=crash.txt"})
         putenv(const_cast<char*>(variable));
     for (long seed = begin; seed < begin + rounds; seed++) {
         const std::string dir = std::to_string(seed);
