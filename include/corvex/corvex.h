@@ -1,6 +1,7 @@
 /* corvex.h: the whole public interface. */
 #pragma once
 
+#include "corvex/crash.h"
 #include "corvex/forkprotection.h"
 #include "corvex/hist.h"
 #include "corvex/identity.h"

@@ -1,9 +1,9 @@
 // utclock.cpp: the table of offsets from UTC (utclock.h says why there is one) and what is formatted from it.
 //
 // Two tables: `published` counts the publications, and its parity names the table in force. A refresh fills the other
-// one and publishes it; refreshes are serialised by their callers (start-up, and the one dump that runs). A lookup that
-// was overtaken by a publication may have read a table that the next refresh fills, sees that in the count, and looks
-// again. Signal-safe: all of it, but what says otherwise.
+// one and publishes it; one refresh runs at a time. A lookup that was overtaken by a publication may have read a table
+// that the next refresh fills, sees that in the count, and looks again. Signal-safe: all of it, but what says
+// otherwise.
 #include "utils/etc/utclock.h"
 
 #include <stdlib.h>
@@ -33,6 +33,7 @@ struct a_zone_table {
 
 a_zone_table zones[2];
 uint32 published;
+uint32 refreshing;      // one more than the forks behind who does so, which a child is not by its parent; 0: nobody
 const char* zone_name;  // TZ's value when the table was made; only compared, as an address: a new value has another
 
 // How far local time is ahead. From the fields, not from tm_gmtoff, which leaves out what a zone with leap seconds
@@ -102,6 +103,29 @@ int64_t zone_offset(int64_t seconds)
     }
 }
 
+// Makes the table again when there is none, when its end comes near, or when the zone of the process has changed. A
+// forked child keeps its parent's table: localtime_r's lock may be held by a thread that the child does not have. Where
+// there was none, in a daemon, a new TZ counts; not without one, since the child may be of a handler that interrupted
+// localtime_r. Nor does a process that exits ask while the table serves: what called exit may be such a handler.
+// Not signal-safe: localtime_r locks.
+void refresh(bool exits)
+{
+    const bool same_name = getenv("TZ") == zone_name;
+    if (unix_fork_count() != 0 && published != 0 && (!unix_forked_alone() || same_name))
+        return;
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    const uint32 current = __atomic_load_n(&published, __ATOMIC_RELAXED);
+    const a_zone_table& zone = zones[current % 2];
+    const int64_t until = exits ? zone.until : zone.until - table_renewal;
+    if (zone.count > 0 && zone.changes[0].from <= now.tv_sec && now.tv_sec < until &&
+        ((exits && same_name) || look_up(zone, now.tv_sec) == offset_at(now.tv_sec)))
+        return;
+    zone_name = getenv("TZ");
+    fill_table(zones[(current + 1) % 2], now.tv_sec);
+    __atomic_store_n(&published, current + 1, __ATOMIC_RELEASE);
+}
+
 void put_time(a_text& out, const a_civil_time& local)
 {
     out.dec(uint32(local.hr), 2, '0');
@@ -125,27 +149,18 @@ void put_date_and_time(a_text& out, time_t seconds)
 
 }  // namespace
 
-// Makes the table again when there is none, when its end comes near, or when the zone of the process has changed. A
-// forked child keeps its parent's table: localtime_r's lock may be held by a thread that the child does not have. Where
-// there was none, in a daemon, a new TZ counts; not without one, since the child may be of a handler that interrupted
-// localtime_r. Nor does a process that exits ask while the table serves: what called exit may be such a handler.
-// Not signal-safe: localtime_r locks. Its callers are serialised.
+// Who comes while another refresh runs, or from an exit in a handler that interrupted one, leaves it to that.
+// Not signal-safe: localtime_r locks.
 void ut_zone_refresh(bool exits)
 {
-    const bool same_name = getenv("TZ") == zone_name;
-    if (unix_fork_count() != 0 && published != 0 && (!unix_forked_alone() || same_name))
+    const uint32 mine = unix_fork_count() + 1;
+    uint32 other = __atomic_load_n(&refreshing, __ATOMIC_RELAXED);
+    // Acquire and release: the tables are the last one's who refreshed them.
+    if (other == mine ||
+        !__atomic_compare_exchange_n(&refreshing, &other, mine, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
         return;
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    const uint32 current = __atomic_load_n(&published, __ATOMIC_RELAXED);
-    const a_zone_table& zone = zones[current % 2];
-    const int64_t until = exits ? zone.until : zone.until - table_renewal;
-    if (zone.count > 0 && zone.changes[0].from <= now.tv_sec && now.tv_sec < until &&
-        ((exits && same_name) || look_up(zone, now.tv_sec) == offset_at(now.tv_sec)))
-        return;
-    zone_name = getenv("TZ");
-    fill_table(zones[(current + 1) % 2], now.tv_sec);
-    __atomic_store_n(&published, current + 1, __ATOMIC_RELEASE);
+    refresh(exits);
+    __atomic_store_n(&refreshing, 0u, __ATOMIC_RELEASE);
 }
 
 // Local date and time, as localtime_r gives them.

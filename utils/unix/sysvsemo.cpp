@@ -18,15 +18,14 @@
 
 #include <new>
 
-#include "corvex/onsig.h"
 #include "utils/etc/utenv.h"
+#include "utils/unix/utonsig.h"
 
 int64_t c_sysv_semaphore_set::MAX_NSEMS = 0;
 
 namespace {
 
 constexpr int set_flags = IPC_CREAT | 0777;
-constexpr int cleanup_priority = 1000;     // of the cleanup in the on-signal chain
 constexpr int64_t max_cheap_members = 64;  // of a set in which SETVAL is not dear
 constexpr int max_value = 32767;           // of a semaphore
 
@@ -288,7 +287,7 @@ void sysv_list_init_semaphore()
     if (sysv_sema_list_p != nullptr)
         return;
     __atomic_store_n(&sysv_sema_list_p, new c_sysv_sema_set_list, __ATOMIC_SEQ_CST);
-    sysv_onsig_handle = ut_onsig_call_add(cleanup_priority, sysv_sig_handler, nullptr);
+    sysv_onsig_handle = ut_onsig_call_add(onsig_cleanup_priority, sysv_sig_handler, nullptr);
 }
 
 // Whoever comes from now on finds no list, and who is inside soon leaves. If not, as when exit was called by a handler

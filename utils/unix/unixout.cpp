@@ -233,7 +233,7 @@ bool an_output::wait(int64_t from)
     return granted && idle < max_wait;
 }
 
-int unix_open_output(const char* name, int how)
+int unix_open_output(const char* name, int how, mode_t mode)
 {
     const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | how;
     char path[max_name];
@@ -243,7 +243,7 @@ int unix_open_output(const char* name, int how)
         return -1;
     memcpy(path, name, len + 1);
     for (int links = 0, nofollow = O_NOFOLLOW;;) {
-        const int fd = open(path, flags | nofollow, 0666);
+        const int fd = open(path, flags | nofollow, mode);
         if (fd < 0 && errno == ELOOP && links++ < max_links && follow_link(path, nofollow))
             continue;
         if (fd >= 0 || errno != EINTR)

@@ -69,4 +69,4 @@ private:
 // prints would get into the file. A FIFO without a reader fails with ENXIO. A symbolic link in a sticky folder that all
 // may write to is followed only if the caller or the folder's owner owns it, else EACCES: the kernel's rule, also where
 // that is off.
-int unix_open_output(const char* name, int how);
+int unix_open_output(const char* name, int how, mode_t mode = 0666);

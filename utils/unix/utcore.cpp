@@ -18,6 +18,7 @@
 #include "utils/unix/unixaltstack.h"
 #include "utils/unix/unixfork.h"
 #include "utils/unix/unixsigs.h"
+#include "utils/unix/utcrash.h"
 #include "utils/unix/utending.h"
 
 namespace {
@@ -127,27 +128,6 @@ void delay_abort()
     while (left > 0);
 }
 
-// For what ends the process. Before a call that never returns the address sanitizer asks for the bounds of the stack,
-// which allocates: it would wait for ever where the signal came in the middle of an allocation.
-#define ENDS_THE_PROCESS __attribute__((no_sanitize("address")))
-
-void raise_by_default(int sig)
-{
-    unix_handle_signal_keeping(sig, nullptr, nullptr);
-    unix_release_signal(sig);
-    raise(sig);
-}
-
-// SIGABRT is let through first: abort does so itself, but not where it was interrupted by another one that was pending.
-// The first process of a container survives the default action: there abort goes on to an instruction that traps, whose
-// SIGSEGV ends that process too when it has no handler.
-[[noreturn]] ENDS_THE_PROCESS void abort_by_default()
-{
-    raise_by_default(SIGABRT);
-    unix_handle_signal_keeping(SIGSEGV, nullptr, nullptr);
-    abort();
-}
-
 // A crash-only installation is still in place for SIGABRT: the first abort comes back to the handler, which runs the
 // chain once more; the second one must end the process.
 [[noreturn]] ENDS_THE_PROCESS void abort_process()
@@ -157,7 +137,7 @@ void raise_by_default(int sig)
         unix_release_signal(SIGABRT);
         raise(SIGABRT);
     }
-    abort_by_default();
+    unix_abort_by_default();
 }
 
 // In a process for which the library's state is not made up (unixfork.h) all of that is left alone: an earlier handler
@@ -167,7 +147,18 @@ void pass_on(int sig, siginfo_t* siginfo, void* context, a_signal_handler_func e
     if (earlier != nullptr)
         earlier(sig, siginfo, context);
     else
-        raise_by_default(sig);
+        unix_raise_by_default(sig);
+}
+
+[[noreturn]] ENDS_THE_PROCESS void end_process(const an_onsig_call& call, bool core_allowed)
+{
+    unix_thread_ends_process();
+    ut_crash_run(call);
+    ut_onsig_remove_signal_handlers();
+    if (!core_allowed)
+        ut_want_no_core();
+    delay_abort();
+    abort_process();
 }
 
 ENDS_THE_PROCESS void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context)
@@ -182,30 +173,27 @@ ENDS_THE_PROCESS void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* co
         errno = kept;
         return;
     }
+    if (ut_crash_interrupted(sig, siginfo, context)) {
+        errno = kept;
+        return;
+    }
     if (sig == SIGABRT && in_abort)
-        abort_by_default();  // a callback has aborted
+        unix_abort_by_default();  // a callback has aborted
     in_abort = in_abort || sig == SIGABRT;
     const a_bool chained = reached_through_another(sig);
     // A thread which is cancelled must not vanish here: the process would live on half cleaned up.
     int cancel_state;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
-    unix_leave_it_to_the_first(cleanup);
+    unix_leave_it_to_the_first(cleanup, ut_crash_patience_ms());
+    const an_onsig_call call = {sig, chained, chaining, cleanup, siginfo, context};
     if (cleanup)
-        unix_thread_ends_process();
+        end_process(call, row == nullptr || row->crash);
     ut_onsig_call_now(sig, chained, chaining, cleanup, siginfo, context);
-    if (chaining) {
-        pthread_setcancelstate(cancel_state, nullptr);
-        if (sig == SIGABRT)
-            in_abort = false;  // first: the earlier handler may leave by a jump
-        earlier(sig, siginfo, context);
-        errno = kept;
-        return;
-    }
-    ut_onsig_remove_signal_handlers();
-    if (row != nullptr && !row->crash)
-        ut_want_no_core();
-    delay_abort();
-    abort_process();
+    pthread_setcancelstate(cancel_state, nullptr);
+    if (sig == SIGABRT)
+        in_abort = false;  // first: the earlier handler may leave by a jump
+    earlier(sig, siginfo, context);
+    errno = kept;
 }
 
 }  // namespace
@@ -232,6 +220,7 @@ void ut_onsig_install_signal_handlers(a_bool called_during_lib_init)
     const char mode = value != nullptr ? *value : '\0';
     if (mode == 'N' || mode == 'n')
         return;
+    ut_crash_configure();
     const bool crash_only = mode == 'C' || mode == 'c' || mode == 'S' || mode == 's';
     sig_handlers_installed = !crash_only;
     for (a_handled_signal& row : handled)

@@ -2,10 +2,12 @@
 // will_do_cleanup and ending_thread order what other threads see, as said there. Signal-safe: all of it.
 #include "utils/unix/utending.h"
 
+#include <stdlib.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include "utils/unix/unixcrash.h"
+#include "utils/unix/unixsigs.h"
 
 int will_do_cleanup = 0;
 const a_crash_hooks* unix_crash_hooks = nullptr;
@@ -14,7 +16,6 @@ constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_shut
 
 namespace {
 
-constexpr int patience_ms = 10000;  // with another thread which ends the process
 constexpr int all_waits_ms = 1900;  // for streams: under two seconds with what the calls themselves take
 
 bool ending = false;
@@ -77,7 +78,7 @@ int unix_ending_wait_ms(int wanted)
 // By a plain system call: poll is a cancellation point.
 void unix_pause(int ms) { syscall(SYS_poll, nullptr, 0, ms); }
 
-void unix_leave_it_to_the_first(bool ends)
+void unix_leave_it_to_the_first(bool ends, int patience_ms)
 {
     int32 none = 0;
     const int32 me = gettid();
@@ -87,6 +88,23 @@ void unix_leave_it_to_the_first(bool ends)
 }
 
 bool unix_aborts_again() { return __atomic_exchange_n(&aborting, 1, __ATOMIC_RELAXED) != 0; }
+
+void unix_raise_by_default(int sig)
+{
+    unix_handle_signal_keeping(sig, nullptr, nullptr);
+    unix_release_signal(sig);
+    raise(sig);
+}
+
+// SIGABRT is let through first: abort does so itself, but not where it was interrupted by another one that was pending.
+// The first process of a container survives the default action: there abort goes on to an instruction that traps, whose
+// SIGSEGV ends that process too when it has no handler.
+ENDS_THE_PROCESS void unix_abort_by_default()
+{
+    unix_raise_by_default(SIGABRT);
+    unix_handle_signal_keeping(SIGSEGV, nullptr, nullptr);
+    abort();
+}
 
 // The child is a process of its own, and nobody ends it yet.
 void unix_ending_fork_child()

@@ -41,7 +41,14 @@ bool unix_in_time(F attempt, int max_ms = 1000)
 
 // Of two threads whose signals may end the process the second leaves it to the first, whose callbacks must come to
 // their end; not for ever, since the first may be stuck.
-void unix_leave_it_to_the_first(bool ends);
+void unix_leave_it_to_the_first(bool ends, int patience_ms);
+
+// For what ends the process. Before a call that never returns the address sanitizer asks for the bounds of the stack,
+// which allocates: it would wait for ever where the signal came in the middle of an allocation.
+#define ENDS_THE_PROCESS __attribute__((no_sanitize("address")))
+
+void unix_raise_by_default(int sig);        // its default action, at once
+[[noreturn]] void unix_abort_by_default();  // whatever handler there is for SIGABRT
 
 bool unix_aborts_again();  // false for the first abort alone
 void unix_ending_fork_child();

@@ -4,7 +4,7 @@
 // stores priority and arg; it is freed by one to null, which leaves both as they were. A chain that runs between a
 // claim and its two stores calls the new func with the slot's last priority and arg; registering before handlers are
 // installed avoids that. No locks, no allocation. Signal-safe: all of it.
-#include "corvex/onsig.h"
+#include "utils/unix/utonsig.h"
 
 #include "utils/etc/utcswap.h"
 #include "utils/unix/utending.h"
@@ -18,8 +18,7 @@ struct a_sig_handler {
 };
 
 constexpr int num_slots = 8;
-constexpr int last_priority = 32000;  // the highest that runs
-constexpr int no_priority = last_priority + 1;
+constexpr int no_priority = onsig_last_priority + 1;
 
 a_sig_handler sig_handlers[num_slots];
 
@@ -48,6 +47,11 @@ int next_priority(int last)
     return found;
 }
 
+void run_plainly(a_sig_handler_func func, void* arg, const an_onsig_call& call)
+{
+    func(call.sig, arg, call.chained, call.chaining, call.cleanup, call.siginfo, call.context);
+}
+
 }  // namespace
 
 void* ut_onsig_call_add(int priority, a_sig_handler_func func, void* arg)
@@ -68,15 +72,20 @@ void ut_onsig_call_del(void* void_p, a_sig_handler_func func)
         change(*slot, func, nullptr);
 }
 
-void ut_onsig_call_now(int sig, a_bool chained, a_bool chaining, a_bool cleanup, void* siginfo, void* context)
+void ut_onsig_call_range(int first, int last, const an_onsig_call& call, an_onsig_runner run)
 {
-    for (int priority = -1; (priority = next_priority(priority)) <= last_priority;)
+    for (int priority = first - 1; (priority = next_priority(priority)) <= last;)
         for (const a_sig_handler& slot : sig_handlers) {
             // Read afresh: an earlier callback may have removed this one.
             const a_sig_handler_func func = func_of(slot);
             if (func != nullptr && priority_of(slot) == priority)
-                func(sig, __atomic_load_n(&slot.arg, __ATOMIC_RELAXED), chained, chaining, cleanup, siginfo, context);
+                run(func, __atomic_load_n(&slot.arg, __ATOMIC_RELAXED), call);
         }
+}
+
+void ut_onsig_call_now(int sig, a_bool chained, a_bool chaining, a_bool cleanup, void* siginfo, void* context)
+{
+    ut_onsig_call_range(0, onsig_last_priority, {sig, chained, chaining, cleanup, siginfo, context}, run_plainly);
 }
 
 int ut_onsig_will_do_cleanup(void) { return __atomic_load_n(&will_do_cleanup, __ATOMIC_ACQUIRE); }
