@@ -14,6 +14,7 @@
 
 namespace {
 
+constexpr size_t max_build_id = 64;    // bytes
 constexpr uint32 max_own_frames = 64;  // of the handler, and of one that has passed the signal on
 
 _Unwind_Reason_Code add_frame(struct _Unwind_Context* frame, void* arg)
@@ -44,7 +45,7 @@ void search_notes(a_place& place, const unsigned char* at, size_t size)
         if (next > size)
             return;
         if (note.n_type == NT_GNU_BUILD_ID && note.n_namesz == 4 && memcmp(at + name, "GNU", 4) == 0) {
-            place.build_id_size = note.n_descsz;
+            place.build_id_size = note.n_descsz < max_build_id ? note.n_descsz : max_build_id;
             place.build_id = at + text;
         }
         at += next;

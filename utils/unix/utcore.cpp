@@ -19,6 +19,7 @@
 #include "utils/unix/unixfork.h"
 #include "utils/unix/unixsigs.h"
 #include "utils/unix/utcrash.h"
+#include "utils/unix/utcrashguard.h"
 #include "utils/unix/utending.h"
 
 namespace {
