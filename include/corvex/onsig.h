@@ -11,16 +11,30 @@
  * Callbacks run in signal context and must be async-signal-safe. A callback returns, or ends the process; then
  * those of higher priority do not run, among them the one of priority 1000 that removes the library's kernel
  * semaphores. While one thread's signal ends the process, signals of other threads wait for its end, up to ten
- * seconds; then they run the callbacks too, since the first may be stuck (or in a longer delay). To have the event
- * history written, unblock SIGUSR1 and raise it in one (when it has a handler: its default action ends the process).
- * A dump that another thread is writing at that moment is not waited for and is cut off by the abort.
+ * seconds, and longer than a limit (below); then they run the callbacks too, since the first may be stuck (or in a
+ * longer delay). To have the event history written, unblock SIGUSR1 and raise it in one (when it has a handler: its
+ * default action ends the process). A dump that another thread is writing at that moment is not waited for and is cut
+ * off by the abort.
+ *
+ * Crash reports. With ZT_CRASH_REPORT the handler first writes what ends the process and who called that, once a
+ * process (crash.h keeps as much for debuggers, always). With reports or a limit, callbacks are guarded: one that
+ * faults, or aborts, on the crashing thread is skipped, and a line says where; the others run. It is left by a jump:
+ * its locks stay as they are. Other handled signals do nothing on that thread meanwhile; a child that a callback has
+ * forked has their default action.
+ *
+ * Limit. When report and callbacks have not ended within ZT_CRASH_TIMEOUT seconds, the callbacks of priority 1000 run
+ * that are not running, a line says which one was, and the process ends by SIGABRT. For that the crashing thread gets
+ * signal SIGRTMAX - 1, whose handler the library replaces at the crash. A callback that keeps it out is ended by
+ * SIGKILL five seconds later, and the kernel semaphores stay.
  *
  * In a child between fork and its fork handlers, and in one of vfork or _Fork, nothing of this happens: an earlier
  * handler gets the signal, or its default action ends the child.
  *
  * Environment, read when handlers are installed or run: ZT_INSTALL_SIG_HANDLERS (n...: none, c... or s...: the five
  * crash signals only; capitals too), ZT_ALWAYS_GEN_CORE (set: the core limit is left alone), ZT_LINUX_COREDUMP_DELAY
- * (seconds to sleep before the abort: leading decimal digits, 0 to 3600, 2 when empty). In a set-uid or set-gid
+ * (seconds to sleep before the abort: leading decimal digits, 0 to 3600, 2 when empty), ZT_CRASH_REPORT (stderr, or a
+ * file's name in which %p is the process id, %e the program, %t the time in seconds; unset, empty or off: none),
+ * ZT_CRASH_TIMEOUT (0 to 3600, 0 for ever; unset: 30 with crash reports, else for ever). In a set-uid or set-gid
  * program, or one with capabilities, none of them counts. */
 #pragma once
 
@@ -59,7 +73,7 @@ CORVEX_API int ut_onsig_will_do_cleanup(void);
  * was ignored before counts as having no handler, and ends the process from now on.
  *
  * Handlers run on the alternate signal stack of a thread which has one (SA_ONSTACK): a thread which is to survive a
- * stack overflow needs one of its own. Not thread-safe, not signal-safe. */
+ * stack overflow needs one of its own, 32 KB large with crash reports. Not thread-safe, not signal-safe. */
 CORVEX_API void ut_onsig_install_signal_handlers(a_bool called_during_lib_init);
 
 /* Sets the soft limit of core files to 0, unless ZT_ALWAYS_GEN_CORE is set. Thread-safe and signal-safe. */
