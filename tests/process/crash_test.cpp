@@ -34,9 +34,9 @@ void expect(const a_run& ran, const std::string& text)
 TEST(CrashReport, TellsCauseCallersAndSender)
 {
     expect(run("crash", {on}, {"fault"}), fault);
-    expect(run("crash", {on}, {"kill"}), replaced(head, "worker \\.3", "(crash|worker .3)") +
-                                             cause("15 SIGTERM code 0 \\(kill\\)") + line +
-                                             "sent by pid \\d+ uid \\d+\n" + pc("\\S+") + callers + symbols + end);
+    expect(run("crash", {on}, {"terminate"}), replaced(head, "worker \\.3", "(crash|worker .3)") +
+                                                  cause("15 SIGTERM code 0 \\(kill\\)") + line +
+                                                  "sent by pid \\d+ uid \\d+\n" + pc("\\S+") + callers + symbols + end);
     expect(run("crash", {on}, {"nowhere"}), head + cause("11 SIGSEGV code 1 \\(address not mapped\\) address 0x0") +
                                                 line + "pc 0x0\n" + callers + symbols + end);
 }
@@ -103,7 +103,7 @@ TEST(Callbacks, ThatHangAreCutOff)
 {
     const std::string cut = line + "callback crash\\+0x\\w+ has not ended within 1 s: the process ends\n";
     expect(run("crash", {on, "ZT_CRASH_TIMEOUT=1"}, {"fault", "loop"}), fault + cut);
-    expect(run("crash", {"ZT_CRASH_TIMEOUT=1"}, {"kill", "loop"}), cut);
+    expect(run("crash", {"ZT_CRASH_TIMEOUT=1"}, {"terminate", "loop"}), cut);
     const a_run blocked = run("crash", {on, "ZT_CRASH_TIMEOUT=1"}, {"fault", "block"});
     EXPECT_TRUE(blocked.died_of(SIGKILL)) << blocked.status;
     semctl(atoi(blocked.out.c_str()), 0, IPC_RMID);

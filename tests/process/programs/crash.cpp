@@ -1,5 +1,4 @@
-// crash.cpp: crashes as its first argument says, with callbacks as the further ones say (`callbacks`).
-#include <dlfcn.h>
+// crash.cpp: crashes as its first argument says; the further ones are callbacks. Both have their names from `steps`.
 #include <link.h>
 #include <pthread.h>
 #include <signal.h>
@@ -19,14 +18,21 @@
 namespace {
 
 volatile int* volatile null = nullptr;
-void (*volatile nowhere)() = nullptr;
+void (*volatile no_function)() = nullptr;
 a_sysv_semaphore semaphore;
 constexpr size_t stack_size = 64 * 1024;
 unsigned char* stack;
 
-void note(const char* text) { (void)!write(STDERR_FILENO, text, strlen(text)); }
-
 __attribute__((noinline)) void fault() { null[4] = 1; }
+void nowhere() { no_function(); }
+void loader()
+{
+    dl_iterate_phdr([](dl_phdr_info*, size_t, void*) { return fault(), 0; }, nullptr);
+}
+void unwinder()
+{
+    _Unwind_Backtrace([](_Unwind_Context*, void*) { return fault(), _URC_NO_REASON; }, nullptr);
+}
 
 // The heap's list of free blocks leads nowhere: the allocator ends with its lock held.
 void heap()
@@ -41,16 +47,6 @@ void heap()
     block = malloc(6000);
 }
 
-void loader()
-{
-    dl_iterate_phdr([](dl_phdr_info*, size_t, void*) { return fault(), 0; }, nullptr);
-}
-
-void unwinder()
-{
-    _Unwind_Backtrace([](_Unwind_Context*, void*) { return fault(), _URC_NO_REASON; }, nullptr);
-}
-
 // A frame whose caller the unwinder looks for at address 24.
 __attribute__((noinline)) void frame()
 {
@@ -59,77 +55,71 @@ __attribute__((noinline)) void frame()
             : "rax", "memory");
 }
 
-void kill_all() { kill(getpid(), SIGTERM), pause(); }
-
 void both()
 {
     std::thread other(fault);
     fault();
 }
+void terminate() { kill(getpid(), SIGTERM), pause(); }
+void loop()
+{
+    for (;;)
+        pause();
+}
+void block()
+{
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, nullptr);
+    loop();
+}
+void fork_and_fault() { fork() == 0 ? fault() : void(wait(nullptr)); }
+void say_record()
+{
+    const a_ut_crash_record& r = ut_crash_record;
+    dprintf(STDERR_FILENO, "record %d %u %d %d %#lx %d %d\n", r.magic == UT_CRASH_MAGIC, r.state, r.sig, r.code,
+            r.address, r.pid == getpid() && r.tid == gettid(), r.pc == r.registers[16]);
+}
+void say_sets() { dprintf(STDERR_FILENO, "sets %s\n", semctl(semaphore.ident, 0, GETVAL) < 0 ? "removed" : "left"); }
+void say_stack()
+{
+    size_t untouched = 0;
+    while (stack[untouched] == 0x5C)
+        untouched++;
+    dprintf(STDERR_FILENO, "stack %zu\n", stack_size - untouched);
+}
 
-struct {
+struct a_step {
     const char* name;
-    void (*crash)();
-} const ways[] = {{"fault", fault},       {"nowhere", [] { nowhere(); }},
-                  {"heap", heap},         {"loader", loader},
-                  {"unwinder", unwinder}, {"frame", frame},
-                  {"kill", kill_all},     {"both", both}};
+    int priority;  // as a callback
+    void (*run)();
+} const steps[] = {{"fault", 1, fault},         {"abort", 2, abort},
+                   {"fork", 3, fork_and_fault}, {"record", 4, say_record},
+                   {"loop", 5, loop},           {"block", 6, block},
+                   {"sets", 1001, say_sets},    {"stack", 32000, say_stack},
+                   {"nowhere", 7, nowhere},     {"heap", 8, heap},
+                   {"loader", 9, loader},       {"unwinder", 10, unwinder},
+                   {"frame", 11, frame},        {"terminate", 12, terminate},
+                   {"both", 13, both}};
 
-#define CALLBACK [](int, void*, a_bool, a_bool, a_bool, void*, void*)
+const a_step* step(const char* name)
+{
+    for (const a_step& row : steps)
+        if (strcmp(row.name, name) == 0)
+            return &row;
+    abort();
+}
 
-struct {
-    const char* name;
-    int priority;
-    a_sig_handler_func run;
-} const callbacks[] = {{"fault", 1, CALLBACK{fault();
-}  // namespace
-}
-, {"abort", 2, CALLBACK{abort();
-}
-}
-, {"fork", 3, CALLBACK{fork() == 0 ? fault() : void(wait(nullptr));
-}
-}
-, {"record", 4, CALLBACK{char text[200];
-const a_ut_crash_record& r = ut_crash_record;
-snprintf(text, sizeof text, "record %d %d %d %d %#lx %d %d\n", int(r.magic == UT_CRASH_MAGIC), r.state, r.sig, r.code,
-         r.address, int(r.pid == getpid() && r.tid == gettid()), int(r.pc == r.registers[16]));
-note(text);
-}
-}
-, {"loop", 5, CALLBACK{for (;;) pause();
-}
-}
-, {"block", 6, CALLBACK{sigset_t all;
-sigfillset(&all);
-sigprocmask(SIG_BLOCK, &all, nullptr);
-for (;;)
-    pause();
-}
-}
-, {"sets", 1001, CALLBACK{note(semctl(semaphore.ident, 0, GETVAL) < 0 ? "sets removed\n" : "sets left\n");
-}
-}
-, {"stack", 32000, CALLBACK{size_t untouched = 0;
-while (stack[untouched] == 0x5C)
-    untouched++;
-char text[40];
-snprintf(text, sizeof text, "stack %zu\n", stack_size - untouched);
-note(text);
-}
-}
-,
-}
-;
+void callback(int, void* row, a_bool, a_bool, a_bool, void*, void*) { static_cast<const a_step*>(row)->run(); }
 
-void work(void (*crash)())
+void crash(const a_step* how)
 {
     pthread_setname_np(pthread_self(), "worker \t3");
     stack = static_cast<unsigned char*>(malloc(stack_size));
     memset(stack, 0x5C, stack_size);
     const stack_t alternate = {stack, 0, stack_size};
     sigaltstack(&alternate, nullptr);
-    crash();
+    how->run();
 }
 
 }  // namespace
@@ -142,15 +132,10 @@ int main(int argc, char** argv)
     for (const int sig : {SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV})
         signal(sig, SIG_DFL);  // the sanitizers have their own
     sysv_open_semaphore(&semaphore, 1);
-    printf("%d\n", semaphore.ident);
-    fflush(stdout);
-    for (const auto& row : callbacks)
-        for (int i = 2; i < argc; i++)
-            if (strcmp(argv[i], row.name) == 0)
-                ut_onsig_call_add(row.priority, row.run, nullptr);
+    dprintf(STDOUT_FILENO, "%d\n", semaphore.ident);
+    for (int i = 2; i < argc; i++)
+        ut_onsig_call_add(step(argv[i])->priority, callback, const_cast<a_step*>(step(argv[i])));
     ut_onsig_install_signal_handlers(FALSE);
-    for (const auto& row : ways)
-        if (strcmp(argv[1], row.name) == 0)
-            std::thread(work, row.crash).join();
+    std::thread(crash, step(argv[1])).join();
     return 1;
 }
