@@ -14,6 +14,7 @@
 #include "utils/etc/utclock.h"
 #include "utils/etc/utenv.h"
 #include "utils/etc/utline.h"
+#include "utils/unix/unixaltstack.h"
 
 constinit a_ut_crash_record ut_crash_record = {
     UT_CRASH_MAGIC, UT_CRASH_VERSION, sizeof(a_ut_crash_record), UT_CRASH_NONE, 0, 0, 0, 0, -1, 0, 0, 0, 0, 0, {}};
@@ -348,7 +349,9 @@ a_destination read_destination(const char* value)
 void ut_report_configure()
 {
     destination = read_destination(ut_getenv2("ZT_CRASH_REPORT"));
-    if (!ut_reports(unix_get_crash_hooks()))
+    const bool wanted = ut_reports(unix_get_crash_hooks());
+    unix_want_signal_stacks(wanted);
+    if (!wanted)
         return;
     ut_zone_refresh();
     ut_prepare_callers();
