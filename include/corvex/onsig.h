@@ -73,7 +73,8 @@ CORVEX_API int ut_onsig_will_do_cleanup(void);
  * was ignored before counts as having no handler, and ends the process from now on.
  *
  * Handlers run on the alternate signal stack of a thread which has one (SA_ONSTACK): a thread which is to survive a
- * stack overflow needs one of its own, 32 KB large with crash reports. Not thread-safe, not signal-safe. */
+ * stack overflow needs one. With crash reports the calling thread, and each which the thread layer starts from then on,
+ * is given one of 256 KiB where it has none; others bring their own, of 32 KB. Not thread-safe, not signal-safe. */
 CORVEX_API void ut_onsig_install_signal_handlers(a_bool called_during_lib_init);
 
 /* Sets the soft limit of core files to 0, unless ZT_ALWAYS_GEN_CORE is set. Thread-safe and signal-safe. */
