@@ -61,7 +61,6 @@ void leave_layer(void*)
 void run_thread_body(an_os_thread_start_address func, void* parm)
 {
     pthread_cleanup_push(leave_layer, nullptr);
-    unix_give_signal_stack();
     Perform_Version_Check(interface_version, line_before_body);
     func(parm);
     Perform_Version_Check(interface_version, line_after_body);
@@ -80,6 +79,7 @@ void* begin_helper(void* _parms)
     os_helper_parms* block = static_cast<os_helper_parms*>(_parms);
     if (block->name[0] != '\0')
         pthread_setname_np(pthread_self(), block->name);
+    unix_give_signal_stack();  // before the starter knows the thread
     p_os_thread me = enter_layer(block->attachable);
     const an_os_thread_start_address func = block->func;
     void* const parm = block->parm;
@@ -87,6 +87,8 @@ void* begin_helper(void* _parms)
     ut_pthread_signal_semaphore(&block->child_started);
     if (me != nullptr)
         run_thread_body(func, parm);
+    else
+        unix_take_signal_stack();
     return nullptr;
 }
 
