@@ -5,7 +5,7 @@
 
 #include "corvex/onsig.h"
 #include "tests/child.h"
-#include "utils/unix/sysvsemo.h"
+#include "utils/unix/unixcrash.h"
 #include "utils/unix/unixsigs.h"
 #include "utils/unix/utcore.h"
 
@@ -185,9 +185,42 @@ TEST(SignalHandlers, EndTheProcessOfATerminationSignalWithoutACore)
 // As another process may: it is pending until the handler's own.
 void abort_again(int sig, void*, a_bool, a_bool, a_bool, void*, void*) { sig == SIGABRT ? raise(sig) : 0; }
 
-void fork_and_abort(int, void*, a_bool, a_bool, a_bool, void*, void*) { fork() == 0 ? abort() : void(wait(nullptr)); }
+volatile int* volatile unmapped = reinterpret_cast<int*>(0x10);
 
-TEST(SignalHandlers, EndByAbortOnceAlsoAfterCrashOnlyInstallationsAndWithForkingCallbacks)
+constexpr a_crash_hooks hooks = {
+    [](int sig, int code, const void* address) { say("began %d %d %d, ", sig, code, address == unmapped); },
+    [] {
+        say("dump, ");
+        raise(SIGSEGV);  // sent, not a fault: nothing
+        *unmapped = 0;
+    },
+    [] { return int32(7); }};
+
+void say_number(int, void* number, a_bool, a_bool, a_bool, void*, void*) { say("%ld, ", long(a_ptrint(number))); }
+
+// Once, also where the abort comes back to the handler.
+TEST(CrashHooks, RunBehindTheReportAndBeforeTheLibrarysCleanup)
+{
+    const a_child child = in_fresh_child("ZT_INSTALL_SIG_HANDLERS", "crash", [] {
+        dup2(child_pipe[1], STDERR_FILENO);
+        for (const a_ptrint priority : {1, 999, 1000})
+            ut_onsig_call_add(int(priority), say_number, reinterpret_cast<void*>(priority));
+        unix_set_crash_hooks(&hooks);
+        ut_onsig_install_signal_handlers(FALSE);
+        *unmapped = 0;
+    });
+    const std::string& said = child.said;
+    EXPECT_NE(said.find(" slot=7\n"), std::string::npos) << said;
+    const size_t end = said.find("CRASH END\n");
+    ASSERT_NE(end, std::string::npos) << said;
+    EXPECT_EQ(
+        said.find("began 11 1 1, chain 11 cleanup will 1\n1, 999, dump, ********** the history's dump is skipped"),
+        end + 10)
+        << said;
+    EXPECT_NE(said.find("address 0x10\n1000, chain 6 cleanup will 1\n1, 999, 1000, "), std::string::npos) << said;
+}
+
+TEST(Ending, WaitsForStreamsShareTwoSeconds)
 {
     const std::string aborted = "chain 6 cleanup will 1\n";
     for (int sig : {SIGFPE, SIGABRT})

@@ -2,6 +2,7 @@
 #include <link.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -22,6 +23,15 @@ void (*volatile no_function)() = nullptr;
 a_sysv_semaphore semaphore;
 constexpr size_t stack_size = 64 * 1024;
 unsigned char* stack;
+
+__attribute__((format(printf, 1, 2))) void say(const char* format, ...)
+{
+    char text[100];
+    va_list args;
+    va_start(args, format);
+    (void)!write(STDERR_FILENO, text, size_t(vsnprintf(text, sizeof text, format, args)));
+    va_end(args);
+}
 
 __attribute__((noinline)) void fault() { null[4] = 1; }
 void nowhere() { no_function(); }
@@ -77,16 +87,16 @@ void fork_and_fault() { fork() == 0 ? fault() : void(wait(nullptr)); }
 void say_record()
 {
     const a_ut_crash_record& r = ut_crash_record;
-    dprintf(STDERR_FILENO, "record %d %u %d %d %#lx %d %d\n", r.magic == UT_CRASH_MAGIC, r.state, r.sig, r.code,
-            r.address, r.pid == getpid() && r.tid == gettid(), r.pc == r.registers[16]);
+    say("record %d %u %d %d %#lx %d %d\n", r.magic == UT_CRASH_MAGIC, r.state, r.sig, r.code, r.address,
+        r.pid == getpid() && r.tid == gettid(), r.pc == r.registers[16]);
 }
-void say_sets() { dprintf(STDERR_FILENO, "sets %s\n", semctl(semaphore.ident, 0, GETVAL) < 0 ? "removed" : "left"); }
+void say_sets() { say("sets %s\n", semctl(semaphore.ident, 0, GETVAL) < 0 ? "removed" : "left"); }
 void say_stack()
 {
     size_t untouched = 0;
     while (stack[untouched] == 0x5C)
         untouched++;
-    dprintf(STDERR_FILENO, "stack %zu\n", stack_size - untouched);
+    say("stack %zu\n", stack_size - untouched);
 }
 
 struct a_step {
