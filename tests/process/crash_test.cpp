@@ -62,7 +62,8 @@ TEST(CrashReport, ComesFromWhereLocksAreHeldAndFramesAreWrong)
     expect(wrong, head + cause(null.substr(0, null.size() - 2) + "8") + pc("crash") + line +
                       "backtrace ends here: fault at libgcc_s.so.1\\+0x[0-9a-f]+: signal 11 .* address 0x18\n" +
                       symbols + end + "stack \\d+\n");
-    EXPECT_LT(std::stoi(wrong.err.substr(wrong.err.find("\nstack ") + 7)), 12 * 1024) << "bytes of an alternate stack";
+    EXPECT_LT(std::stoi(wrong.err.substr(wrong.err.find("\nstack ") + 7)), 8 * 1024 + 2 * sysconf(_SC_MINSIGSTKSZ))
+        << "bytes";
 }
 
 TEST(CrashReport, IsTheOneOfItsProcess)
