@@ -44,7 +44,7 @@ void copy_name(char (&dst)[name_size], const char* name)
     size_t len = strnlen(name, name_size);
     if (len == name_size)
         len = ut_whole_utf8(name, name_size - 1);
-    memcpy(dst, name != nullptr ? name : "", len);
+    memcpy(dst, name, len);
     dst[len] = '\0';
 }
 

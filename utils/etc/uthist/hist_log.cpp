@@ -314,8 +314,8 @@ void crash_began(int sig, int code, const void* address)
     UT_HIST_EV(UT_HIST_ID_SIGHANDLER, "ending on signal", long(sig), long(code), address);
 }
 
-// Unless a callback had it dumped. The dump stays claimed: nobody else's is cut off by the end. One that does not end in
-// time waits for what this thread held when it was interrupted, or its thread has crashed too: it gives way.
+// Unless a callback had it dumped. The dump stays claimed: nobody else's is cut off by the end. Another's that does not
+// end in time gives way: it waits for what this thread held when it was interrupted, or its thread has crashed too.
 void crash_dump()
 {
     if (!running() || __atomic_load_n(&dumped_at_end, __ATOMIC_RELAXED))
