@@ -143,15 +143,15 @@ CORVEX_API void ut_hist_dump_to_log(void);
  * in other threads see the old or the new value. Thread-safe and signal-safe. */
 CORVEX_API void ut_hist_setting(a_ut_hist_setting s);
 
-/* Start-up and shut-down; the library calls both as it is loaded and unloaded. Start-up reads UT_HIST and
- * UT_HIST_THREAD_SLOT, maps the store and installs the SIGUSR1 handler; it does not guard against a second call without
- * a shut-down between, which loses the first store. A store that cannot be had leaves the history off, with a note;
- * SIGUSR1 is then answered by that note. Shut-down dumps (option f), removes the handler and frees the store (option
- * x); it does nothing unless the history is running. It waits up to a second for other threads that are inside an event
- * or a dump, never for what its own thread was doing. After a shut-down a new start-up reads the environment again:
- * options that it does not name keep their values, but for e, ye, ys and the slot rule, which begin anew. A shut-down
- * that had to leave the store to a thread, say one whose dump does not end, was the last: a start-up then leaves the
- * history off. Neither is thread-safe or signal-safe: no other thread may use the history meanwhile. */
+/* Start-up and shut-down; the library calls both as it is loaded and unloaded. Start-up reads UT_HIST,
+ * UT_HIST_THREAD_SLOT and UT_HIST_EXT, maps the store and installs the SIGUSR1 handler; it does not guard against a
+ * second call without a shut-down between, which loses the first store. A store that cannot be had leaves the history
+ * off, with a note; SIGUSR1 is then answered by that note. Shut-down dumps (option f), removes the handler and frees
+ * the store (option x); it does nothing unless the history is running. It waits up to a second for other threads that
+ * are inside an event or a dump, never for what its own thread was doing. After a shut-down a new start-up reads the
+ * environment again: options that it does not name keep their values, but for e, ye, ys and the slot rule, which begin
+ * anew. A shut-down that had to leave the store to a thread, say one whose dump does not end, was the last: a start-up
+ * then leaves the history off. Neither is thread-safe or signal-safe: no other thread may use the history meanwhile. */
 CORVEX_API void ut_hist_init(void);
 CORVEX_API void ut_hist_fini(void);
 

@@ -13,7 +13,7 @@
 namespace {
 
 constexpr size_t guard_size = 4096;
-constexpr size_t usable_size = 256 * 1024;
+constexpr size_t usable_size = size_t(256) * 1024;
 
 char* kept[64] = {};  // mappings of ended threads, from their guard pages on; beyond that many they are unmapped
 bool stacks_wanted = false;
