@@ -5,6 +5,24 @@ namespace {
 
 constexpr int busy_wait_ms = 5000;
 
+struct a_price {
+    int cents;
+};
+
+/* stall(ms) hangs for a while. */
+void stall(sqlite3_context* context, int, sqlite3_value** arguments)
+{
+    sqlite3_sleep(sqlite3_value_int(arguments[0]));
+    sqlite3_result_null(context);
+}
+
+/* price(name) looks a price up and forgets that there may be none. */
+void price(sqlite3_context* context, int, sqlite3_value**)
+{
+    const a_price* volatile found = nullptr;
+    sqlite3_result_int(context, found->cents);
+}
+
 }  // namespace
 
 c_connection::c_connection(const std::string& file, long number, bool traced) : trace{number}
@@ -15,6 +33,8 @@ c_connection::c_connection(const std::string& file, long number, bool traced) : 
     if (!opened)
         return;
     sqlite3_busy_timeout(handle, busy_wait_ms);
+    sqlite3_create_function(handle, "stall", 1, SQLITE_UTF8, nullptr, stall, nullptr, nullptr);
+    sqlite3_create_function(handle, "price", 1, SQLITE_UTF8, nullptr, price, nullptr, nullptr);
     if (traced)
         trace_statements(handle, trace);
     /* Write-ahead logging lets readers go on beside the writer; it needs no sync at each commit. */

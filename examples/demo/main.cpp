@@ -7,8 +7,8 @@
  * The workers are threads of the library, parked and woken by it, and SQLite locks by the library's mutexes. A second
  * process, the auditor, writes to the same database; both take turns by a System V semaphore of the library.
  *
- * The history reaches the disk in three ways: on SIGUSR1 while the server runs, at exit by the library
- * itself, and from save_history when a signal is about to end the process. */
+ * The history reaches the disk on SIGUSR1 while the server runs, at exit, and, with UT_HIST_EXT=all, when a signal is
+ * about to end the process: all by the library, without a line here. */
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -34,7 +34,6 @@ using a_clock = std::chrono::steady_clock;
 
 constexpr size_t lines_per_request = 500;
 constexpr double progress_interval = 1.0;  // seconds
-constexpr int first_priority = 1;          // ahead of everything that tears the process down
 
 a_ut_hist_id phase = UT_HIST_ID_NONE;
 
@@ -45,32 +44,6 @@ bool dumps_on_sigusr1()
 {
     struct sigaction now;
     return sigaction(SIGUSR1, nullptr, &now) == 0 && now.sa_handler != SIG_DFL && now.sa_handler != SIG_IGN;
-}
-
-/* A thread that has SIGUSR1 blocked would only take note of it, and end before it dumped. Signal-safe. */
-void unblock_sigusr1()
-{
-    sigset_t only;
-    sigemptyset(&only);
-    sigaddset(&only, SIGUSR1);
-    pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
-}
-
-/* On-signal callback: the process is about to end, so the history goes to the disk now. A dump by SIGUSR1 is
- * made for this place: it takes no lock and allocates nothing. Signal-safe. */
-void save_history(int sig, void*, a_bool, a_bool, a_bool, void*, void*)
-{
-    UT_HIST_EV(UT_HIST_ID_SIGHANDLER, "ending on signal", long{sig});
-    if (!dumps_on_sigusr1())
-        return;
-    unblock_sigusr1();
-    raise(SIGUSR1);
-}
-
-void handle_signals()
-{
-    ut_onsig_call_add(first_priority, save_history, nullptr);
-    ut_onsig_install_signal_handlers(FALSE);
 }
 
 /* While it lives, threads started here leave the signals that end the process to the main thread. */
@@ -201,13 +174,19 @@ void serve(a_server& server, const a_options& options, c_progress& progress)
     progress.tell_now("serving");
     std::minstd_rand dice;
     double begin = progress.seconds();
-    bool dump_due = options.dump_midway;
+    bool dump_due = options.dump_midway, crash_due = options.crash_after > 0;
+    if (options.hang > 0)
+        server.queue.push({.action = a_action::hang, .code = static_cast<long>(options.hang * 1000)});
     while (progress.seconds() - begin < options.seconds) {
         server.queue.push(next_request(dice));
         progress.tell("serving");
         if (dump_due && progress.seconds() - begin >= options.seconds / 2) {
             dump_by_signal(progress);
             dump_due = false;
+        }
+        if (crash_due && progress.seconds() - begin >= options.crash_after) {
+            server.queue.push({.action = a_action::crash});
+            crash_due = false;
         }
     }
     server.queue.wait_until_idle();
@@ -316,7 +295,7 @@ int main(int argc, char** argv)
     std::optional<a_options> options = read_options(argc, argv);
     if (!options)
         return 2;
-    handle_signals();
+    ut_onsig_install_signal_handlers(FALSE);
     register_statement_kinds();
     phase = ut_hist_id_alloc(__FILE__, __LINE__, "phase");
     c_thread_layer threads;

@@ -12,6 +12,7 @@ constexpr option long_options[] = {
     {"workers", required_argument, nullptr, 'w'}, {"seconds", required_argument, nullptr, 's'},
     {"lines", required_argument, nullptr, 'n'},   {"load-only", optional_argument, nullptr, 'l'},
     {"dump-midway", no_argument, nullptr, 'm'},   {"no-trace", no_argument, nullptr, 't'},
+    {"hang", required_argument, nullptr, 'g'},    {"crash-after", required_argument, nullptr, 'c'},
     {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0},
 };
 
@@ -23,6 +24,8 @@ constexpr char usage[] = "usage: demo_server [options]\n"
                          "  --lines N      load at most N lines of each file (default all)\n"
                          "  --load-only[=N]  only load, N times (default 1), and print the shortest time in seconds\n"
                          "  --dump-midway  send SIGUSR1 to itself once while it serves\n"
+                         "  --hang S       one statement takes S seconds, from the first second of serving on\n"
+                         "  --crash-after S  after S seconds of serving a statement follows a null pointer\n"
                          "  --no-trace     do not install the trace hook\n"
                          "Set UT_HIST to switch the event history on.\n";
 
@@ -63,6 +66,12 @@ std::optional<a_options> read_options(int argc, char** argv)
             break;
         case 'm':
             options.dump_midway = true;
+            break;
+        case 'g':
+            options.hang = std::strtod(optarg, nullptr);
+            break;
+        case 'c':
+            options.crash_after = std::strtod(optarg, nullptr);
             break;
         case 't':
             options.traced = false;

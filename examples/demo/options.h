@@ -12,6 +12,8 @@ struct a_options {
     double seconds = 3;        // length of the serving phase
     long lines = 0;            // lines to load from each file, 0 = all
     long loads = 0;            // only load, so many times, and print the shortest time
+    double hang = 0;           // a statement that takes so many seconds, at the start of the serving phase
+    double crash_after = 0;    // seconds into the serving phase: a statement that follows a null pointer
     bool dump_midway = false;  // send SIGUSR1 to ourselves halfway through the serving phase
     bool traced = true;
 };

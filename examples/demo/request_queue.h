@@ -26,14 +26,16 @@ enum class a_action {
     report,     // characters per script
     visit,      // count a visit of one character
     add_again,  // a mistake: a code that is already there
-    misspell    // a mistake: a table that does not exist
+    misspell,   // a mistake: a table that does not exist
+    hang,       // a statement that takes its time
+    crash       // a statement whose function follows a null pointer
 };
 
 struct a_request {
     a_action action;
     const a_source* source = nullptr;     // load: where the lines come from
     std::vector<std::string> lines = {};  // load
-    long code = 0;                        // look_up, visit, add_again
+    long code = 0;                        // look_up, visit, add_again; hang: milliseconds
     const char* word = "";                // search
 };
 

@@ -100,6 +100,10 @@ bool answer(a_server& server, c_connection& connection, const a_request& request
         return add_again(server, connection, request);
     case a_action::misspell:
         return misspell(connection);
+    case a_action::hang:
+        return c_query(connection, "SELECT stall(?)").bind(request.code).run();
+    case a_action::crash:
+        return connection.run("SELECT price(name) FROM character WHERE code = 65");
     }
     return false;
 }
