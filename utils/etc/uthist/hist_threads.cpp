@@ -148,11 +148,12 @@ bool find_thread(a_hist_view& v)
     text.direct(nullptr, nullptr);
     text.put("/proc/self/task/", v.tid, "/comm", '\0');
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    const ssize_t len = fd >= 0 ? read(fd, v.name, sizeof v.name) : -1;
+    if (fd >= 0)
+        close(fd);
+    if (len <= 0)  // no such file, or its thread has ended since
         return tgkill(getpid(), pid_t(v.tid), 0) == 0 || errno != ESRCH;
-    const ssize_t len = read(fd, v.name, sizeof v.name);
-    close(fd);
-    const size_t named = len > 0 ? size_t(len) - 1 : 0;  // without its line end
+    const size_t named = size_t(len) - 1;  // without its line end
     v.name[named < sizeof v.name ? named : sizeof v.name - 1] = '\0';
     return true;
 }
