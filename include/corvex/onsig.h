@@ -33,7 +33,8 @@
  * Environment, read when handlers are installed or run: ZT_INSTALL_SIG_HANDLERS (n...: none, c... or s...: the five
  * crash signals only; capitals too), ZT_ALWAYS_GEN_CORE (set: the core limit is left alone), ZT_LINUX_COREDUMP_DELAY
  * (seconds to sleep before the abort: leading decimal digits, 0 to 3600, 2 when empty), ZT_CRASH_REPORT (stderr, or a
- * file's name in which %p is the process id, %e the program, %t the time in seconds; unset, empty or off: none),
+ * file's name in which %p is the process id, %e the program, %t the time in seconds; empty or off: none; unset: stderr
+ * with UT_HIST_EXT=crash, else none),
  * ZT_CRASH_TIMEOUT (0 to 3600, 0 for ever; unset: 30 with crash reports, else for ever). In a set-uid or set-gid
  * program, or one with capabilities, none of them counts. */
 #pragma once

@@ -222,7 +222,7 @@ void ut_put_begin(a_text& out, const char* what)
     out.eol();
 }
 
-void ut_put_seconds(a_text& out, uint32 microseconds, size_t width)
+void ut_put_seconds(a_text& out, uint64 microseconds, size_t width)
 {
     out.dec(microseconds / 1000000, width);
     out.chr('.');

@@ -21,4 +21,4 @@ void ut_hist_cur_timestamp_str(a_text& out);
 void ut_hist_timestamp_str(a_text& out, const struct timeval& time_of_day);
 void ut_put_stamp(a_text& out, const struct timeval& time_of_day);    // date, time with microseconds, zone
 void ut_put_begin(a_text& out, const char* what);                     // the begin banner of a table
-void ut_put_seconds(a_text& out, uint32 microseconds, size_t width);  // and all six decimals
+void ut_put_seconds(a_text& out, uint64 microseconds, size_t width);  // and all six decimals

@@ -16,3 +16,11 @@ char* ut_getenv(const char* name, char* buf, size_t bufsize)
 }
 
 char* ut_getenv2(const char* name) { return secure_getenv(name); }
+
+unsigned ut_seconds_of(const char* text, unsigned max)
+{
+    unsigned seconds = 0;
+    for (; *text >= '0' && *text <= '9' && seconds < max; text++)
+        seconds = seconds * 10 + unsigned(*text - '0');
+    return seconds < max ? seconds : max;
+}

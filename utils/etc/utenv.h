@@ -11,3 +11,6 @@ char* ut_getenv(const char* name, char* buf, size_t bufsize);
 
 // The environment's own text, not to be changed or released; null when the variable is not set.
 char* ut_getenv2(const char* name);
+
+// A number of seconds, at most max: leading decimal digits; anything else, a minus sign included, reads as 0.
+unsigned ut_seconds_of(const char* text, unsigned max);

@@ -13,6 +13,14 @@ void change_mask(int how, int signal_number)
     pthread_sigmask(how, &set, nullptr);
 }
 
+const an_ending_signal* find_ending(int signal_number)
+{
+    for (const an_ending_signal& row : unix_ending_signals)
+        if (row.signal == signal_number)
+            return &row;
+    return nullptr;
+}
+
 }  // namespace
 
 a_bool unix_handle_signal_keeping(int signal_number, a_signal_handler_func_with_context handler,
@@ -50,12 +58,12 @@ a_signal_handler_func_with_context unix_current_handler(int signal_number)
     return sigaction(signal_number, nullptr, &current) == 0 ? unix_saved_handler(&current) : nullptr;
 }
 
-bool unix_is_ending_signal(int signal_number)
+bool unix_is_ending_signal(int signal_number) { return find_ending(signal_number) != nullptr; }
+
+bool unix_is_crash_signal(int signal_number)
 {
-    for (const an_ending_signal& row : unix_ending_signals)
-        if (row.signal == signal_number)
-            return true;
-    return false;
+    const an_ending_signal* const row = find_ending(signal_number);
+    return row != nullptr && row->crash;
 }
 
 void unix_hold_signal(int signal_number) { change_mask(SIG_BLOCK, signal_number); }

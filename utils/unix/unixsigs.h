@@ -32,6 +32,7 @@ inline constexpr an_ending_signal unix_ending_signals[] = {
     {SIGHUP, false}, {SIGINT, false}, {SIGQUIT, false}, {SIGTERM, false},
 };
 bool unix_is_ending_signal(int signal_number);
+bool unix_is_crash_signal(int signal_number);
 
 void unix_hold_signal(int signal_number);     // adds to the calling thread's blocked set
 void unix_release_signal(int signal_number);  // removes from it

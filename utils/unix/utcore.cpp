@@ -27,20 +27,27 @@ namespace {
 constexpr unsigned default_delay = 2;  // seconds before the abort
 constexpr unsigned max_delay = 3600;   // a process that is to die does so within the hour
 
-// A handled signal: whether it is a crash signal (its core dump is allowed), and the disposition in force before the
-// library's, all zero (the default action) for none.
+// A handled signal, and the disposition in force before the library's, all zero (the default action) for none.
 struct a_handled_signal {
-    int signal;
-    bool crash;
+    int signal = 0;
+    bool crash = false;
     struct sigaction oldhandler = {};
     bool installed = false;   // and not removed since
     bool left_alone = false;  // the last installation found another handler on top of the library's
 };
-// In the order in which they are installed and removed, the crash signals first.
-a_handled_signal handled[] = {
-    {SIGILL, true},  {SIGABRT, true}, {SIGBUS, true},   {SIGFPE, true},   {SIGSEGV, true},
-    {SIGHUP, false}, {SIGINT, false}, {SIGQUIT, false}, {SIGTERM, false},
+// In the order in which they are installed and removed.
+struct a_handled_table {
+    constexpr a_handled_table()
+    {
+        a_handled_signal* row = rows;
+        for (const an_ending_signal& ending : unix_ending_signals) {
+            row->signal = ending.signal;
+            row++->crash = ending.crash;
+        }
+    }
+    a_handled_signal rows[sizeof unix_ending_signals / sizeof(an_ending_signal)];
 };
+constinit a_handled_table handled;
 
 a_bool sig_handlers_installed = FALSE;
 a_bool install_sig_handlers_at_lib_init = FALSE;
@@ -54,7 +61,7 @@ void ut_onsig_sig_handler(int sig, siginfo_t* siginfo, void* context);
 
 a_handled_signal* find_handled(int sig)
 {
-    for (a_handled_signal& row : handled)
+    for (a_handled_signal& row : handled.rows)
         if (row.signal == sig)
             return &row;
     return nullptr;
@@ -108,22 +115,13 @@ a_bool reached_through_another(int sig)
     return sigaction(sig, nullptr, &in_force) == 0 && in_force.sa_sigaction != ut_onsig_sig_handler;
 }
 
-// Leading decimal digits; anything else, a minus sign included, reads as 0.
-unsigned read_delay(const char* text)
-{
-    unsigned seconds = 0;
-    for (; *text >= '0' && *text <= '9' && seconds < max_delay; text++)
-        seconds = seconds * 10 + unsigned(*text - '0');
-    return seconds < max_delay ? seconds : max_delay;
-}
-
 void delay_abort()
 {
     const char* value = ut_getenv2("ZT_LINUX_COREDUMP_DELAY");
     if (value == nullptr && !linux_kill_other_threads)
         return;
     // Another signal may cut a sleep short.
-    unsigned left = value != nullptr && *value != '\0' ? read_delay(value) : default_delay;
+    unsigned left = value != nullptr && *value != '\0' ? ut_seconds_of(value, max_delay) : default_delay;
     do
         left = sleep(left);
     while (left > 0);
@@ -224,7 +222,7 @@ void ut_onsig_install_signal_handlers(a_bool called_during_lib_init)
     ut_crash_configure();
     const bool crash_only = mode == 'C' || mode == 'c' || mode == 'S' || mode == 's';
     sig_handlers_installed = !crash_only;
-    for (a_handled_signal& row : handled)
+    for (a_handled_signal& row : handled.rows)
         if (row.crash || !crash_only)
             install(row);
     unix_give_signal_stack();
@@ -235,13 +233,13 @@ void ut_onsig_remove_signal_handlers()
     // Exchanged: of two threads which are hit by signals at once only one takes the handlers away.
     if (!__atomic_exchange_n(&sig_handlers_installed, FALSE, __ATOMIC_ACQ_REL))
         return;
-    for (a_handled_signal& row : handled)
+    for (a_handled_signal& row : handled.rows)
         remove(row);
 }
 
 void ut_onsig_unload()
 {
-    for (a_handled_signal& row : handled)
+    for (a_handled_signal& row : handled.rows)
         if (unix_current_handler(row.signal) == ut_onsig_sig_handler)
             remove(row);
 }

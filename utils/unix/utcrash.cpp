@@ -23,10 +23,7 @@ constexpr int usual_patience = 10000;  // milliseconds
 bool limited = false;  // ZT_CRASH_TIMEOUT is set,
 unsigned limit = 0;    // to so many seconds; 0: for ever
 
-unsigned limit_for(const a_crash_hooks* hooks)
-{
-    return limited ? limit : hooks != nullptr || ut_reports(hooks) ? default_limit : 0;
-}
+unsigned limit_for(const a_crash_hooks* hooks) { return limited ? limit : ut_reports(hooks) ? default_limit : 0; }
 
 void call_began(a_crash& crash)
 {
@@ -100,7 +97,7 @@ ENDS_THE_PROCESS void limit_is_over(int, siginfo_t*, void*)
     ut_onsig_call_range(onsig_cleanup_priority, onsig_cleanup_priority, crash.call, run_another);
     ut_note_limit(crash);
     stop_timers(crash);
-    if (!ut_is_crash_signal(crash.call.sig))
+    if (!unix_is_crash_signal(crash.call.sig))
         ut_want_no_core();
     unix_abort_by_default();
 }
@@ -111,8 +108,9 @@ void enter(a_crash& crash, sigset_t& kept)
     const int limit_signal = SIGRTMAX - 1;
     sigset_t through;
     sigemptyset(&through);
-    for (const int sig : ut_crash_signals)
-        sigaddset(&through, sig);
+    for (const an_ending_signal& row : unix_ending_signals)
+        if (row.crash)
+            sigaddset(&through, row.signal);
     sigaddset(&through, limit_signal);
     crash_now = &crash;
     if (crash.limit > 0 && unix_handle_signal_keeping(limit_signal, limit_is_over, nullptr)) {
@@ -129,21 +127,13 @@ void leave(const a_crash& crash, const sigset_t& kept)
     pthread_sigmask(SIG_SETMASK, &kept, nullptr);
 }
 
-unsigned seconds_of(const char* text)
-{
-    unsigned seconds = 0;
-    for (; *text >= '0' && *text <= '9' && seconds < max_limit; text++)
-        seconds = seconds * 10 + unsigned(*text - '0');
-    return seconds < max_limit ? seconds : max_limit;
-}
-
 }  // namespace
 
 void ut_crash_configure()
 {
     const char* const value = ut_getenv2("ZT_CRASH_TIMEOUT");
     limited = value != nullptr && *value >= '0' && *value <= '9';
-    limit = limited ? seconds_of(value) : 0;
+    limit = limited ? ut_seconds_of(value, max_limit) : 0;
     ut_report_configure();
 }
 

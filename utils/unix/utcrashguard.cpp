@@ -4,21 +4,14 @@
 // locks. Signal-safe: all of it.
 #include "utils/unix/utcrashguard.h"
 
+#include "utils/unix/unixsigs.h"
 #include "utils/unix/utending.h"
 
 constinit __attribute__((tls_model("initial-exec"))) thread_local a_crash* crash_now = nullptr;
 
-bool ut_is_crash_signal(int sig)
-{
-    bool crash = false;
-    for (const int row : ut_crash_signals)
-        crash = crash || row == sig;
-    return crash;
-}
-
 bool ut_has_address(int sig, int code)
 {
-    return ut_is_crash_signal(sig) && sig != SIGABRT && code > 0 && code != SI_KERNEL;
+    return unix_is_crash_signal(sig) && sig != SIGABRT && code > 0 && code != SI_KERNEL;
 }
 
 uint64 ut_pc_of(const void* context)
@@ -51,7 +44,7 @@ ENDS_THE_PROCESS bool ut_crash_interrupted(int sig, const siginfo_t* info, const
         return true;
     }
     const bool aborts = sig == SIGABRT && info->si_code == SI_TKILL && info->si_pid == crash->process;
-    if (!aborts && !(ut_is_crash_signal(sig) && info->si_code > 0))
+    if (!aborts && !(unix_is_crash_signal(sig) && info->si_code > 0))
         return true;
     if (crash->guard == nullptr)
         unix_abort_by_default();

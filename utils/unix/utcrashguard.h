@@ -18,8 +18,6 @@ struct a_cause {
     uint64 address;
 };
 
-constexpr int ut_crash_signals[] = {SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV};
-bool ut_is_crash_signal(int sig);
 bool ut_has_address(int sig, int code);  // the system's record of the signal does
 uint64 ut_pc_of(const void* context);
 

@@ -78,7 +78,7 @@ bool apply_signal(const char* value)
 constexpr a_word words[] = {
     {"all", '\0', "all", true, apply_all},
     {"crash", '\0', "crash", true, apply_crash},
-    {"dense", ':', "dense[:<max>]", true, apply_dense},
+    {"dense", ':', "dense[:<max>]", false, apply_dense},  // by itself
     {"signal", '=', "signal=<name>", false, apply_signal},
     {"tables", '\0', "tables", true, apply_tables},
 };
@@ -87,8 +87,10 @@ constexpr a_word words[] = {
 bool is_word(const char* at, const a_word& word, const char*& value)
 {
     const size_t len = strlen(word.name);
+    if (strncmp(at, word.name, len) != 0)
+        return false;
     value = word.before_value != '\0' && at[len] == word.before_value ? at + len + 1 : nullptr;
-    return strncmp(at, word.name, len) == 0 && (at[len] == '\0' || value != nullptr);
+    return at[len] == '\0' || value != nullptr;
 }
 
 bool apply(const char* at)

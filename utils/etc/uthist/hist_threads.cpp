@@ -176,10 +176,7 @@ size_t put_id(a_text& out, const char* text)
 void put_age(a_text& out, const struct timeval& then, const struct timeval& now, size_t width)
 {
     const int64_t us = (now.tv_sec - then.tv_sec) * int64_t(1000000) + now.tv_usec - then.tv_usec;
-    const uint64 age = us > 0 ? uint64(us) : 0;
-    out.dec(age / 1000000, width);
-    out.chr('.');
-    out.dec(age % 1000000, 6, '0');
+    ut_put_seconds(out, us > 0 ? uint64(us) : 0, width);
 }
 
 void put_last(a_text& out, const a_hist_row_texts& texts)
