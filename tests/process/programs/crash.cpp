@@ -122,6 +122,14 @@ const a_step* step(const char* name)
 
 void callback(int, void* row, a_bool, a_bool, a_bool, void*, void*) { static_cast<const a_step*>(row)->run(); }
 
+void set_blocked(int sig, int how)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, sig);
+    pthread_sigmask(how, &set, nullptr);
+}
+
 void crash(const a_step* how)
 {
     pthread_setname_np(pthread_self(), "worker \t3");
@@ -129,6 +137,7 @@ void crash(const a_step* how)
     memset(stack, 0x5C, stack_size);
     const stack_t alternate = {stack, 0, stack_size};
     sigaltstack(&alternate, nullptr);
+    set_blocked(SIGTERM, SIG_UNBLOCK);
     how->run();
 }
 
@@ -146,6 +155,7 @@ int main(int argc, char** argv)
     for (int i = 2; i < argc; i++)
         ut_onsig_call_add(step(argv[i])->priority, callback, const_cast<a_step*>(step(argv[i])));
     ut_onsig_install_signal_handlers(FALSE);
+    set_blocked(SIGTERM, SIG_BLOCK);  // in a join the thread sanitizer would keep it back for ever
     std::thread(crash, step(argv[1])).join();
     return 1;
 }
