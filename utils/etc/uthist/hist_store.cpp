@@ -283,8 +283,7 @@ void hist_reset_view(uint32 t)
     __atomic_store_n(&v.newest, nullptr, __ATOMIC_RELEASE);
     __atomic_store_n(&v.tid, uint32(gettid()), __ATOMIC_RELEASE);
     __atomic_store_n(&v.events, uint64(0), __ATOMIC_RELEASE);
-    __atomic_store_n(&v.depth, 0u, __ATOMIC_RELEASE);
-    __atomic_store_n(&v.deeper, 0u, __ATOMIC_RELEASE);
+    hist_set_open(v, 0);
     char name[sizeof v.name] = "";
     prctl(PR_GET_NAME, name);
     for (size_t i = 0; i < sizeof name; i++)

@@ -133,10 +133,9 @@ struct alignas(cache_line) a_hist_view {
     uint32 kept_seq, kept_num;
     struct timeval kept_time;
     const char *kept_id, *kept_ev;
-    // Changed by begins and ends.
-    alignas(cache_line) uint32 seq;
-    uint32 depth;   // open spans
-    uint32 deeper;  // for which there was no room
+    // Changed by begins and ends: the low half counts the open spans, also those for which there is no room; the high
+    // half steps whenever one is closed.
+    alignas(cache_line) uint64 open;
     char name[16];  // when the thread claimed the slot
     a_hist_span spans[hist_max_spans];
 };
@@ -191,6 +190,16 @@ extern a_ut_hist_store hist;
 inline a_hist_view& hist_view_of(uint32 t)
 {
     return *reinterpret_cast<a_hist_view*>(hist.views + t * hist.view_stride);
+}
+
+// Relaxed: only the slot's thread changes it. Signal-safe.
+inline uint32 hist_open_spans(const a_hist_view& v) { return uint32(__atomic_load_n(&v.open, __ATOMIC_RELAXED)); }
+
+// Closes all spans but so many. Release: before what fills their places again. Signal-safe.
+inline void hist_set_open(a_hist_view& v, uint32 open)
+{
+    const uint64 steps = __atomic_load_n(&v.open, __ATOMIC_RELAXED) >> 32;
+    __atomic_store_n(&v.open, (steps + 1) << 32 | open, __ATOMIC_RELEASE);
 }
 
 // The statistics of a registered id as the earlier event: the list of the key of that event's class. Signal-safe.

@@ -64,15 +64,15 @@ bool has_id(a_hist_view& v, uint32 i, a_ut_hist_id id)
     return strncmp(text, static_cast<const char*>(id), size_t(hist_cfg.hist_max_id_len)) == 0;
 }
 
-// The innermost open span of the location, where one is given, and of the id, where that counts; the depth if there is
-// none.
+// The innermost open span of the location, where one is given, and of the id, where that counts; their number if there
+// is none.
 uint32 find_span(a_hist_view& v, const a_ut_hist_loc* loc, const a_ut_hist_id* id)
 {
-    const uint32 depth = own(v.depth);
-    for (uint32 i = depth < hist_max_spans ? depth : hist_max_spans; i-- > 0;)
+    const uint32 open = hist_open_spans(v);
+    for (uint32 i = open < hist_max_spans ? open : hist_max_spans; i-- > 0;)
         if ((loc == nullptr || own(v.spans[i].loc) == loc) && (id == nullptr || has_id(v, i, *id)))
             return i;
-    return depth;
+    return open;
 }
 
 // ---- the table ----
@@ -125,17 +125,16 @@ bool load_view(uint32 t, a_shown_thread& shown)
     const a_hist_view& v = hist_view_of(t);
     bool whole = false, found = false;
     for (int i = 0; i < looks && !(whole && found); i++) {
-        const uint32 seq = __atomic_load_n(&v.seq, __ATOMIC_ACQUIRE);
+        const uint64 open = __atomic_load_n(&v.open, __ATOMIC_ACQUIRE);
         const uint32 kept = __atomic_load_n(&v.kept_seq, __ATOMIC_ACQUIRE);
         hist_load_words(reinterpret_cast<char*>(&shown.view), reinterpret_cast<const char*>(&v), hist.view_stride);
         // Relaxed: the acquire loads above keep these behind them.
-        whole = __atomic_load_n(&v.seq, __ATOMIC_RELAXED) == seq;
+        whole = __atomic_load_n(&v.open, __ATOMIC_RELAXED) == open;
         const bool is_kept = kept % 2 == 0 && __atomic_load_n(&v.kept_seq, __ATOMIC_RELAXED) == kept;
         if (shown.view.newest == nullptr)
             return false;
         found = (is_kept && load_kept(shown)) || load_from_ring(t, shown);
     }
-    shown.view.depth = shown.view.depth < hist_max_spans ? shown.view.depth : hist_max_spans;
     return true;
 }
 
@@ -189,16 +188,17 @@ void put_last(a_text& out, const a_hist_row_texts& texts)
 
 void put_spans(a_text& out, a_hist_view& v, const struct timeval& now)
 {
-    if (v.depth == 0)
+    const uint32 open = hist_open_spans(v);
+    if (open == 0)
         out.chr('-');
-    for (uint32 i = 0; i < v.depth; i++) {
+    for (uint32 i = 0; i < open && i < hist_max_spans; i++) {
         out.str(i > 0 ? " > " : "");
         put_id(out, copies(*hist.cfg) ? span_place(v, i, *hist.cfg) : v.spans[i].text);
         out.chr(' ');
         put_age(out, v.spans[i].begun, now, 1);
     }
-    if (v.deeper != 0)
-        out.put(" +", v.deeper);
+    if (open > hist_max_spans)
+        out.put(" +", open - hist_max_spans);
 }
 
 void put_row(a_text& out, uint32 t, a_shown_thread& shown, const struct timeval& now)
@@ -272,33 +272,31 @@ void hist_take_slot(uint32 t)
 // A location that is open already begins again: its span goes, as its END would have closed it.
 void hist_open_span(a_hist_view& v, a_ut_hist_loc* loc, a_ut_hist_id id, const char* text, const struct timeval& now)
 {
-    const uint32 open = own(v.depth), depth = loc != nullptr ? find_span(v, loc, nullptr) : open;
-    if (depth < open) {
-        put(v.depth, depth);
-        put(v.deeper, 0u);
+    uint32 open = hist_open_spans(v);
+    if (loc != nullptr && open > 0) {
+        const uint32 kept = find_span(v, loc, nullptr);
+        if (kept < open)
+            hist_set_open(v, kept);
+        open = kept;
     }
-    if (depth >= hist_max_spans) {
-        put(v.deeper, own(v.deeper) + 1);
-        return;
+    if (open < hist_max_spans) {
+        a_hist_span& span = v.spans[open];
+        put(span.loc, loc);
+        put(span.id, id);
+        put_time(span.begun, now);
+        if (copies(hist_cfg))
+            hist_store_id(span_place(v, open, hist_cfg), text);
+        else
+            put(span.text, text);
     }
-    a_hist_span& span = v.spans[depth];
-    __atomic_store_n(&v.seq, own(v.seq) + 1, __ATOMIC_RELAXED);
-    put(span.loc, loc);
-    put(span.id, id);
-    put_time(span.begun, now);
-    if (copies(hist_cfg))
-        hist_store_id(span_place(v, depth, hist_cfg), text);
-    else
-        put(span.text, text);
-    put(v.depth, depth + 1);
+    put(v.open, own(v.open) + 1);
 }
 
 void hist_close_span(a_hist_view& v, const a_ut_hist_loc* loc, a_ut_hist_id id)
 {
-    if (own(v.deeper) != 0)
-        put(v.deeper, own(v.deeper) - 1);
-    else
-        put(v.depth, find_span(v, loc, &id));
+    const uint32 open = hist_open_spans(v), kept = open > hist_max_spans ? open - 1 : find_span(v, loc, &id);
+    if (kept < open)
+        hist_set_open(v, kept);
 }
 
 // Its spans go on in the child.

@@ -6,9 +6,10 @@
 //
 // Of its newest event a view knows the record. Who overwrites a record which is still its thread's newest one keeps
 // that event in the thread's view first, under a sequence word; that a thread has a later event in the same queue it
-// notes in the earlier record. A begin fills the span behind the open ones and then counts it, after a step of another
-// sequence word: a reader that finds the same word before and after its copy has whole spans. All fields are stored
-// with release and loaded with acquire order between the two looks, as in the rings. Signal-safe: all of it.
+// notes in the earlier record. A begin fills the span behind the open ones and then counts it; before it can be filled
+// again an end has changed the word that counts, and that word never comes back: a reader that finds it the same before
+// and after its copy has whole spans. All fields are stored with release and loaded with acquire order between the two
+// looks, as in the rings. Signal-safe: all of it.
 #pragma once
 
 #include "utils/etc/uthist/hist_ring.h"
@@ -53,11 +54,10 @@ inline void hist_span_event(uint32 t, int32 cl, a_ut_hist_loc* loc, a_ut_hist_id
     a_hist_view& v = hist_view_of(t);
     if (cl == UT_HIST_CL_BEG)
         return hist_open_span(v, loc, id, text, now);
-    const uint32 depth = __atomic_load_n(&v.depth, __ATOMIC_RELAXED);
-    if (depth - 1 < hist_max_spans && __atomic_load_n(&v.deeper, __ATOMIC_RELAXED) == 0 &&
-        __atomic_load_n(&v.spans[depth - 1].id, __ATOMIC_RELAXED) == id &&
-        (loc == nullptr || __atomic_load_n(&v.spans[depth - 1].loc, __ATOMIC_RELAXED) == loc))
-        __atomic_store_n(&v.depth, depth - 1, __ATOMIC_RELEASE);
+    const uint32 open = hist_open_spans(v);
+    if (open - 1 < hist_max_spans && __atomic_load_n(&v.spans[open - 1].id, __ATOMIC_RELAXED) == id &&
+        (loc == nullptr || __atomic_load_n(&v.spans[open - 1].loc, __ATOMIC_RELAXED) == loc))
+        hist_set_open(v, open - 1);
     else
         hist_close_span(v, loc, id);
 }
