@@ -93,6 +93,8 @@ ROWS = [
     ("thread, start and join", "pthread_create and a handshake by hand", "start/two/layer", "start/two/hand",
      (AT_MOST, 1.1)),
     *peer_rows("thread, start and join", "start/two", THREAD),
+    ("thread, start and join, with signal stacks", "without them", "alone/start/two/stacks",
+     "alone/start/two/layer", (AT_MOST, 1.1)),
     ("SysV semaphore, open and close, 1 other open", "semctl(SETVAL)", "sysv/open_close/1", "sysv/setval",
      (AT_MOST, 1.3)),
     ("SysV semaphore, open and close, 31999 others open", "semctl(SETVAL)", "sysv/open_close/31999", "sysv/setval",
@@ -117,10 +119,12 @@ ROWS = [
     ("fprintf, a row", "dump, a row", "dump/fprintf", "dump/history", (AT_LEAST, 3.0)),
 ]
 
-# Further runs with other sizes of the kernel sets: what stands before their names above, the size, their benchmarks.
-SET_SIZES = [
-    ("ones/", "1", "^sysv/(open_close|semget)"),
-    ("sixteen/", "16", "^sysv/(open_close/1$|first_use|setval|semop)"),
+# Further runs: what stands before their names above, their settings, their benchmarks. Other sizes of the kernel sets;
+# and threads without the benchmarks of semaphores, whose full set of handlers keeps the crash settings as they are.
+FURTHER_RUNS = [
+    ("ones/", {"TBX_MAX_NSEMS": "1"}, "^sysv/(open_close|semget)"),
+    ("sixteen/", {"TBX_MAX_NSEMS": "16"}, "^sysv/(open_close/1$|first_use|setval|semop)"),
+    ("alone/", {}, "^start/two/(layer|stacks)/"),
 ]
 
 # Name, UT_HIST (none: off), further arguments of the demo. Each is compared with the history off.
@@ -281,9 +285,9 @@ def main():
     if not session.recorded:
         values.pop("event/lttng", None)
 
-    for prefix, size, which in SET_SIZES:
-        sized = run_benchmarks(build / "bench" / "bench_corvex", dict(clean_environment(), TBX_MAX_NSEMS=size), which)
-        values.update((prefix + name, of) for name, of in sized.items())
+    for prefix, settings, which in FURTHER_RUNS:
+        further = run_benchmarks(build / "bench" / "bench_corvex", dict(clean_environment(), **settings), which)
+        values.update((prefix + name, of) for name, of in further.items())
 
     rows = [*ratio_rows(values), scaling_row(values)]
     demo = build / "examples" / "demo_server"

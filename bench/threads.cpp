@@ -1,10 +1,13 @@
 // threads.cpp: the thread layer beside what it stands on: its recursive mutex, its semaphore, two threads that wake
-// each other, and starting and joining one.
+// each other, and starting and joining one, with a signal stack too.
 #include "bench/threads.h"
 
 #include <benchmark/benchmark.h>
 #include <pthread.h>
+#include <signal.h>
+#include <stdlib.h>
 
+#include "corvex/onsig.h"
 #include "corvex/ptsem.h"
 #include "corvex/thread.h"
 
@@ -146,5 +149,48 @@ void start_and_join_layer(benchmark::State& state)
     }
 }
 BENCHMARK(start_and_join_layer)->Name("start/two/layer")->Apply(woken_threads)->Setup(start_layer)->Teardown(end_layer);
+
+// Each installation reads the settings anew while only the crash signals are installed: so reports, and with them the
+// signal stacks of threads, can be switched off again for the other benchmarks. The five handlers stay.
+void report_crashes(const char* destination)
+{
+    setenv("ZT_INSTALL_SIG_HANDLERS", "crash", 1);
+    setenv("ZT_CRASH_REPORT", destination, 1);
+    ut_onsig_install_signal_handlers(FALSE);
+}
+
+bool threads_have_stacks()
+{
+    stack_t has = {nullptr, SS_DISABLE, 0};
+    const auto look = [](void* found) { sigaltstack(nullptr, static_cast<stack_t*>(found)); };
+    OS_WaitOnThreadTermination(OS_Begin_Thread_Attachable(look, nullptr, 0, &has, nullptr, TRUE));
+    return (has.ss_flags & SS_DISABLE) == 0;
+}
+
+void start_and_join_with_stack(benchmark::State& state)
+{
+    if (threads_have_stacks())
+        start_and_join_layer(state);
+    else
+        state.SkipWithError("no signal stack: run it without sysv/");
+}
+
+void start_reporting_layer(const benchmark::State& state)
+{
+    start_layer(state);
+    report_crashes("stderr");
+}
+
+void end_reporting_layer(const benchmark::State& state)
+{
+    report_crashes("off");
+    end_layer(state);
+}
+
+BENCHMARK(start_and_join_with_stack)
+    ->Name("start/two/stacks")
+    ->Apply(woken_threads)
+    ->Setup(start_reporting_layer)
+    ->Teardown(end_reporting_layer);
 
 }  // namespace
