@@ -99,6 +99,14 @@ TEST(Callbacks, ThatCrashAreSkipped)
            fault + line + "callback crash\\+0x\\w+ is skipped, fault at crash\\+0x\\w+: signal " + null + "\n" + line +
                "callback crash\\+0x\\w+ is skipped, fault at libc.so.6\\+0x\\w+: signal 6 SIGABRT code -6 "
                "\\(tgkill\\)\nsets removed\n");
+    if (sanitized)
+        return;  // with stacks of their own
+    for (const char* how : {"fault", "overflow"}) {
+        const a_run deep = run("crash", {on}, {how, "overflow", "abort", "sets"});
+        EXPECT_TRUE(deep.died_of(SIGABRT)) << deep.status;
+        EXPECT_TRUE(std::regex_search(deep.err, std::regex(end + "(.* is skipped, .*\n){2}sets removed\n$")))
+            << deep.err;
+    }
 }
 
 TEST(Callbacks, ThatHangAreCutOff)
@@ -106,9 +114,26 @@ TEST(Callbacks, ThatHangAreCutOff)
     const std::string cut = line + "callback crash\\+0x\\w+ has not ended within 1 s: the process ends\n";
     expect(run("crash", {on, "ZT_CRASH_TIMEOUT=1"}, {"fault", "loop"}), fault + cut);
     expect(run("crash", {"ZT_CRASH_TIMEOUT=1"}, {"terminate", "loop"}), cut);
+    expect(run("crash", {on, "ZT_CRASH_TIMEOUT=1"}, {"fault", "timers"}), fault + cut);
+    expect(run("crash", {on}, {"fault", "limit", "sets"}), fault + "sets removed\n");
     const a_run blocked = run("crash", {on, "ZT_CRASH_TIMEOUT=1"}, {"fault", "block"});
     EXPECT_TRUE(blocked.died_of(SIGKILL)) << blocked.status;
     semctl(atoi(blocked.out.c_str()), 0, IPC_RMID);
+}
+
+TEST(CrashDump, IsOneWhateverACallbackDoes)
+{
+    const std::vector<std::string> history = {"UT_HIST=f-l=x.log,r-", "UT_HIST_EXT=crash"};
+    for (const char* mode : {"ZT_INSTALL_SIG_HANDLERS=c", "ZT_INSTALL_SIG_HANDLERS="})
+        for (const char* callback : {"record", "dump", "exit"}) {
+            const a_scratch_dir dir;
+            run("crash", {history[0], history[1], mode}, {"fault", callback, "dump"}, dir.path);
+            const std::string log = read_file(dir.path + "/x.log");
+            EXPECT_EQ(count(log, "HISTORY DUMP END"), 1u) << mode << callback;
+            EXPECT_EQ(count(log, "ending on signal"), 1u) << mode << callback;
+        }
+    const a_run late = run("crash", {}, {"late"});
+    EXPECT_TRUE(sanitized || (late.died_of(SIGABRT) && count(late.err, "CRASH END") == 1)) << late.err;
 }
 
 }  // namespace

@@ -6,9 +6,11 @@
 // lock and no link inside a stack, and a process forked at any moment has a sound table. Signal-safe: all of it.
 #include "utils/unix/unixaltstack.h"
 
+#include <pthread.h>
 #include <signal.h>
 #include <stddef.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 
 namespace {
 
@@ -17,6 +19,9 @@ constexpr size_t usable_size = size_t(256) * 1024;
 
 char* kept[64] = {};  // mappings of ended threads, from their guard pages on; beyond that many they are unmapped
 bool stacks_wanted = false;
+
+alignas(16) char nested_stack[64 * 1024];  // room for a handler's frame with all registers, and for what it calls
+bool nested_taken = false;
 
 // The mapping which the thread was given. initial-exec: no first touch allocates.
 constinit __attribute__((tls_model("initial-exec"))) thread_local char* own = nullptr;
@@ -92,6 +97,26 @@ void unix_take_signal_stack()
         return;
     keep(own);
     own = nullptr;
+}
+
+// The kernel refuses to change a stack that the stack pointer is on: for the call it points elsewhere. No handler may
+// run meanwhile, or it would find the stack free and begin over this thread's frames. Once for a process.
+void unix_use_nested_signal_stack()
+{
+    stack_t now;
+    sigset_t all, kept;
+    if (sigaltstack(nullptr, &now) != 0 || (now.ss_flags & SS_ONSTACK) == 0 ||
+        __atomic_exchange_n(&nested_taken, true, __ATOMIC_RELAXED))
+        return;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &kept);
+    const stack_t nested = {nested_stack, 0, sizeof nested_stack};
+    long result = SYS_sigaltstack;
+    __asm__ volatile("mov %%rsp, %%rbx\n\tmov %[elsewhere], %%rsp\n\tsyscall\n\tmov %%rbx, %%rsp"
+                     : "+a"(result)
+                     : "D"(&nested), "S"(nullptr), [elsewhere] "r"(nested_stack + sizeof nested_stack)
+                     : "rbx", "rcx", "r11", "memory");
+    pthread_sigmask(SIG_SETMASK, &kept, nullptr);
 }
 
 void unix_release_signal_stacks()

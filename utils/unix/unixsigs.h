@@ -32,6 +32,9 @@ inline constexpr an_ending_signal unix_ending_signals[] = {
     {SIGHUP, false}, {SIGINT, false}, {SIGQUIT, false}, {SIGTERM, false},
 };
 bool unix_is_ending_signal(int signal_number);
+
+// Ends the parts of a crash that take too long; nobody else's.
+inline int unix_limit_signal() { return SIGRTMAX - 1; }
 bool unix_is_crash_signal(int signal_number);
 
 void unix_hold_signal(int signal_number);     // adds to the calling thread's blocked set

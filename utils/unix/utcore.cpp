@@ -15,7 +15,6 @@
 #include <unistd.h>
 
 #include "utils/etc/utenv.h"
-#include "utils/unix/unixaltstack.h"
 #include "utils/unix/unixfork.h"
 #include "utils/unix/unixsigs.h"
 #include "utils/unix/utcrash.h"
@@ -225,7 +224,6 @@ void ut_onsig_install_signal_handlers(a_bool called_during_lib_init)
     for (a_handled_signal& row : handled.rows)
         if (row.crash || !crash_only)
             install(row);
-    unix_give_signal_stack();
 }
 
 void ut_onsig_remove_signal_handlers()

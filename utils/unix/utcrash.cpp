@@ -6,9 +6,11 @@
 #include "utils/unix/utcrash.h"
 
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <time.h>
 
 #include "utils/etc/utenv.h"
+#include "utils/unix/unixaltstack.h"
 #include "utils/unix/unixsigs.h"
 #include "utils/unix/utcrashreport.h"
 #include "utils/unix/utending.h"
@@ -22,6 +24,8 @@ constexpr int usual_patience = 10000;  // milliseconds
 
 bool limited = false;  // ZT_CRASH_TIMEOUT is set,
 unsigned limit = 0;    // to so many seconds; 0: for ever
+
+pid_t limited_thread = 0;  // whose parts the limit ends; 0: nobody's
 
 unsigned limit_for(const a_crash_hooks* hooks) { return limited ? limit : ut_reports(hooks) ? default_limit : 0; }
 
@@ -66,6 +70,13 @@ void run_another(a_sig_handler_func func, void* arg, const an_onsig_call& call)
         run_callback(func, arg, call);
 }
 
+int64_t milliseconds_now()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * int64_t(1000) + now.tv_nsec / 1000000;
+}
+
 // By plain system calls: the C library's timers may make a thread.
 int start_timer(int notify, int sig, unsigned seconds)
 {
@@ -83,15 +94,20 @@ int start_timer(int notify, int sig, unsigned seconds)
 
 void stop_timers(const a_crash& crash)
 {
+    __atomic_store_n(&limited_thread, 0, __ATOMIC_RELAXED);
     for (const int timer : crash.timers)
         if (timer >= 0)
             syscall(SYS_timer_delete, timer);
 }
 
-// The part that was running never goes on. Without the timers: writing a core may take its time.
-ENDS_THE_PROCESS void limit_is_over(int, siginfo_t*, void*)
+// The part that was running never goes on. Without the timers: writing a core may take its time. An alarm may have come
+// to another thread; the same signals from others say nothing.
+ENDS_THE_PROCESS void limit_is_over(int sig, siginfo_t*, void*)
 {
-    if (crash_now == nullptr)
+    const pid_t crashing = __atomic_load_n(&limited_thread, __ATOMIC_RELAXED);
+    if (crash_now == nullptr && crashing != 0)
+        tgkill(getpid(), crashing, sig);
+    if (crash_now == nullptr || milliseconds_now() < crash_now->end)
         return;
     a_crash& crash = *crash_now;
     ut_onsig_call_range(onsig_cleanup_priority, onsig_cleanup_priority, crash.call, run_another);
@@ -102,21 +118,35 @@ ENDS_THE_PROCESS void limit_is_over(int, siginfo_t*, void*)
     unix_abort_by_default();
 }
 
+// The alarm stands for timers that cannot be had: each needs one of the user's pending signals.
+void start_limit(a_crash& crash, sigset_t& through)
+{
+    crash.end = milliseconds_now() + int64_t(crash.limit) * 1000;
+    __atomic_store_n(&limited_thread, gettid(), __ATOMIC_RELAXED);
+    unix_handle_signal_keeping(unix_limit_signal(), limit_is_over, nullptr);
+    sigaddset(&through, unix_limit_signal());
+    crash.timers[0] = start_timer(SIGEV_THREAD_ID, unix_limit_signal(), crash.limit);
+    crash.timers[1] = start_timer(SIGEV_SIGNAL, SIGKILL, crash.limit + last_resort);
+    if (crash.timers[0] >= 0)
+        return;
+    unix_handle_signal_keeping(SIGALRM, limit_is_over, nullptr);
+    sigaddset(&through, SIGALRM);
+    const struct itimerval limit_passed = {{1, 0}, {time_t(crash.limit), 1000}};
+    setitimer(ITIMER_REAL, &limit_passed, nullptr);
+}
+
 // Lets faults, and the end of the limit, through.
 void enter(a_crash& crash, sigset_t& kept)
 {
-    const int limit_signal = SIGRTMAX - 1;
     sigset_t through;
     sigemptyset(&through);
     for (const an_ending_signal& row : unix_ending_signals)
         if (row.crash)
             sigaddset(&through, row.signal);
-    sigaddset(&through, limit_signal);
     crash_now = &crash;
-    if (crash.limit > 0 && unix_handle_signal_keeping(limit_signal, limit_is_over, nullptr)) {
-        crash.timers[0] = start_timer(SIGEV_THREAD_ID, limit_signal, crash.limit);
-        crash.timers[1] = start_timer(SIGEV_SIGNAL, SIGKILL, crash.limit + last_resort);
-    }
+    if (crash.limit > 0)
+        start_limit(crash, through);
+    unix_use_nested_signal_stack();
     pthread_sigmask(SIG_UNBLOCK, &through, &kept);
 }
 

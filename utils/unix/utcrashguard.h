@@ -34,7 +34,8 @@ struct a_crash {
     a_cause fault = {};                     // the last one,
     uint64 fault_pc = 0;                    // and where it was
     a_place place = {};                     // what was looked up last
-    int timers[2] = {-1, -1};               // the kernel's: the limit, the last resort
+    int64_t end = 0;                        // of the limit, in milliseconds of the monotonic clock
+    int timers[2] = {-1, -1};               // the kernel's: the limit, the last resort; -1 for none
 };
 
 // initial-exec: no first touch allocates.

@@ -171,6 +171,7 @@ void append(void* to, const char* text, size_t len)
 {
     a_file_name& name = *static_cast<a_file_name*>(to);
     const size_t room = sizeof name.text - 1 - name.size;
+    report.open_error = len > room ? ENAMETOOLONG : report.open_error;
     memcpy(name.text + name.size, text, len < room ? len : room);
     name.size += len < room ? len : room;
 }
@@ -203,6 +204,8 @@ void open_report()
     if (destination != to_file)
         return;
     make_file_name();
+    if (report.open_error != 0)
+        return;
     const int fd = unix_open_output(report.file.text, O_APPEND, 0600);
     if (fd >= 0)
         report.fd = fd;
@@ -344,17 +347,25 @@ a_destination read_destination(const char* value)
     return to_file;
 }
 
-}  // namespace
-
-void ut_report_configure()
+// The history's start and end may be what switches reports on and off. Not signal-safe: the zone is looked up.
+void prepare_reports()
 {
-    destination = read_destination(ut_getenv2("ZT_CRASH_REPORT"));
     const bool wanted = ut_reports(unix_get_crash_hooks());
     unix_want_signal_stacks(wanted);
     if (!wanted)
         return;
     ut_zone_refresh();
     ut_prepare_callers();
+    unix_give_signal_stack();
+}
+
+}  // namespace
+
+void ut_report_configure()
+{
+    destination = read_destination(ut_getenv2("ZT_CRASH_REPORT"));
+    prepare_reports();
+    unix_prepare_reports = prepare_reports;
 }
 
 bool ut_reports(const a_crash_hooks* hooks)
@@ -398,6 +409,11 @@ void ut_report_program()
         return;
     const ssize_t len = readlink("/proc/thread-self/exe", report.program, sizeof report.program - 1);
     report.program[len > 0 ? len : 0] = '\0';
+    // The kernel's words for a file that has been replaced.
+    constexpr char gone[] = " (deleted)";
+    constexpr ssize_t gone_size = sizeof gone - 1;
+    if (len > gone_size && strcmp(report.program + len - gone_size, gone) == 0)
+        report.program[len - gone_size] = '\0';
 }
 
 // What tells the cause is written before the unwinder begins.

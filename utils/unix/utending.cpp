@@ -11,6 +11,7 @@
 
 int will_do_cleanup = 0;
 const a_crash_hooks* unix_crash_hooks = nullptr;
+void (*unix_prepare_reports)() = nullptr;
 constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_ends_process = false;
 constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_shuts_down = false;
 

@@ -76,6 +76,28 @@ void loop()
     for (;;)
         pause();
 }
+// More frames than any stack has room for.
+__attribute__((noinline)) int overflow_frames(int depth)
+{
+    volatile char frame[1000] = {char(depth)};
+    return depth == 0 ? 0 : overflow_frames(depth - 1) + frame[0];
+}
+void overflow() { overflow_frames(1 << 30); }
+void limit_signal() { raise(SIGRTMAX - 1); }
+void no_timers()
+{
+    const rlimit none = {};
+    setrlimit(RLIMIT_SIGPENDING, &none);
+    loop();
+}
+void start_history()
+{
+    setenv("UT_HIST", "f-l=late.log", 1);
+    setenv("UT_HIST_EXT", "crash", 1);
+    ut_hist_init();
+    overflow();
+}
+void dump() { raise(SIGUSR1); }
 void block()
 {
     sigset_t all;
@@ -103,14 +125,27 @@ struct a_step {
     const char* name;
     int priority;  // as a callback
     void (*run)();
-} const steps[] = {{"fault", 1, fault},         {"abort", 2, abort},
-                   {"fork", 3, fork_and_fault}, {"record", 4, say_record},
-                   {"loop", 5, loop},           {"block", 6, block},
-                   {"sets", 1001, say_sets},    {"stack", 32000, say_stack},
-                   {"nowhere", 7, nowhere},     {"heap", 8, heap},
-                   {"loader", 9, loader},       {"unwinder", 10, unwinder},
-                   {"frame", 11, frame},        {"terminate", 12, terminate},
-                   {"both", 13, both}};
+} const steps[] = {{"fault", 1, fault},
+                   {"abort", 2, abort},
+                   {"fork", 3, fork_and_fault},
+                   {"record", 4, say_record},
+                   {"loop", 5, loop},
+                   {"block", 6, block},
+                   {"sets", 1001, say_sets},
+                   {"stack", 32000, say_stack},
+                   {"nowhere", 7, nowhere},
+                   {"heap", 8, heap},
+                   {"loader", 9, loader},
+                   {"unwinder", 10, unwinder},
+                   {"frame", 11, frame},
+                   {"terminate", 12, terminate},
+                   {"both", 13, both},
+                   {"overflow", 14, overflow},
+                   {"limit", 15, limit_signal},
+                   {"timers", 16, no_timers},
+                   {"late", 17, start_history},
+                   {"dump", 18, dump},
+                   {"exit", 19, [] { exit(3); }}};
 
 const a_step* step(const char* name)
 {

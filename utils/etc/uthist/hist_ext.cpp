@@ -64,7 +64,7 @@ bool may_dump(int sig)
         if (sig == other)
             return false;
     const bool the_c_librarys = sig >= 32 && sig < SIGRTMIN;
-    return sig > 0 && !the_c_librarys && !unix_is_ending_signal(sig);
+    return sig > 0 && !the_c_librarys && !unix_is_ending_signal(sig) && sig != unix_limit_signal();
 }
 
 bool apply_signal(const char* value)

@@ -308,9 +308,19 @@ void dump_at_end()
     __atomic_store_n(&dumped_at_end, true, __ATOMIC_RELAXED);  // relaxed: one thread ends the process
 }
 
-// The thread's last row.
+// Whether a callback, or the crash itself, has had it dumped: then it is not dumped again. Relaxed: one thread ends the
+// process.
+bool dumped_in_crash()
+{
+    return unix_get_crash_hooks() != nullptr && unix_ends_process && __atomic_load_n(&dumped_at_end, __ATOMIC_RELAXED);
+}
+
+// The thread's last row. An event of a handler that the signal has interrupted will not go on: its mark would hide this
+// one.
 void crash_began(int sig, int code, const void* address)
 {
+    if (hist_slot_number() < hist.num_threads)
+        __atomic_store_n(&hist.threads[hist_slot_number()].recursing[1], uint8_t(0), __ATOMIC_RELAXED);
     UT_HIST_EV(UT_HIST_ID_SIGHANDLER, "ending on signal", long(sig), long(code), address);
 }
 
@@ -318,7 +328,7 @@ void crash_began(int sig, int code, const void* address)
 // end in time gives way: it waits for what this thread held when it was interrupted, or its thread has crashed too.
 void crash_dump()
 {
-    if (!running() || __atomic_load_n(&dumped_at_end, __ATOMIC_RELAXED))
+    if (!running() || dumped_in_crash())
         return;
     if (!hist_dump_claim_in_time())
         __atomic_store_n(&hist.dump_state, pack_dump(DUMP_RUNNING, this_thread()), __ATOMIC_RELEASE);
@@ -331,6 +341,14 @@ constexpr a_crash_hooks crash_hooks = {crash_began, crash_dump, crash_slot};
 
 }  // namespace
 
+// A callback may exit: shut-down dumps then, whatever option f says.
+void hist_dump_in_crash()
+{
+    if (unix_get_crash_hooks() != nullptr && unix_ends_process && hist_cfg.ut_hist_dump_on_fini == 0)
+        crash_dump();
+}
+
+// Not signal-safe: it prepares reports.
 void hist_set_crash_hooks(bool wanted)
 {
     dumped_at_end = false;
@@ -350,7 +368,7 @@ void ut_hist_signal_handler(int)
     const uint64 me = this_thread();
     if (__atomic_load_n(&hist.no_memory, __ATOMIC_RELAXED))
         hist_note_no_memory();
-    while (running()) {
+    while (running() && !dumped_in_crash()) {
         // Signals faster than the looks of one that waits would keep it waiting for ever.
         const bool leaves = hist.waiting.now() > 0 && !unix_ends_process;
         if (leaves && move_dump(pack_dump(DUMP_IDLE), pack_dump(DUMP_WANTED)))

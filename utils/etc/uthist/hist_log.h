@@ -10,6 +10,7 @@ void hist_dump_at_exit();
 void ut_hist_dump_to_log_i(a_ut_hist_dump& f);
 void hist_log_fork_child();
 void hist_set_crash_hooks(bool wanted);  // UT_HIST_EXT=crash
+void hist_dump_in_crash();
 
 // A diagnostic message, with option Z: one that begins a group, or goes on with it.
 template <class... a_part>

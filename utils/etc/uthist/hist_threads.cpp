@@ -123,13 +123,15 @@ bool load_kept(a_shown_thread& shown)
 bool load_view(uint32 t, a_shown_thread& shown)
 {
     const a_hist_view& v = hist_view_of(t);
-    bool whole = false, found = false;
+    bool whole = false, found = false;  // a slot that changes hands has another tid before or after
     for (int i = 0; i < looks && !(whole && found); i++) {
         const uint64 open = __atomic_load_n(&v.open, __ATOMIC_ACQUIRE);
+        const uint32 tid = __atomic_load_n(&v.tid, __ATOMIC_ACQUIRE);
         const uint32 kept = __atomic_load_n(&v.kept_seq, __ATOMIC_ACQUIRE);
         hist_load_words(reinterpret_cast<char*>(&shown.view), reinterpret_cast<const char*>(&v), hist.view_stride);
         // Relaxed: the acquire loads above keep these behind them.
-        whole = __atomic_load_n(&v.open, __ATOMIC_RELAXED) == open;
+        whole = __atomic_load_n(&v.open, __ATOMIC_RELAXED) == open && shown.view.tid == tid &&
+                __atomic_load_n(&v.tid, __ATOMIC_RELAXED) == tid;
         const bool is_kept = kept % 2 == 0 && __atomic_load_n(&v.kept_seq, __ATOMIC_RELAXED) == kept;
         if (shown.view.newest == nullptr)
             return false;

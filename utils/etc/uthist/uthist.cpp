@@ -129,6 +129,7 @@ void ut_hist_fini(void)
     if (!hist.hist_initialized)
         return;
     const an_uncancelled_scope uncancelled;
+    hist_dump_in_crash();
     hist_set_crash_hooks(false);
     __atomic_store_n(&hist.hist_initialized, false, __ATOMIC_RELEASE);
     hist_say(true, "fini ...");
