@@ -4,6 +4,7 @@
 #include "corvex/crash.h"
 #include "corvex/forkprotection.h"
 #include "corvex/hist.h"
+#include "corvex/hist_image.h"
 #include "corvex/identity.h"
 #include "corvex/onsig.h"
 #include "corvex/print.h"

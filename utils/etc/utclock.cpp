@@ -18,17 +18,12 @@ constexpr int64_t table_past = 400 * day;     // a clock that is set back a year
 constexpr int64_t table_future = 3660 * day;  // a server that never dumps outside a handler for ten years
 constexpr int64_t table_renewal = 366 * day;  // renewed when less than this is left
 constexpr int64_t probe_step = 14 * day;      // no zone changes and changes back within two weeks
-constexpr uint32 max_changes = 64;
-
-struct a_change {
-    int64_t from;
-    int64_t offset;  // seconds east of UTC from then on
-};
+constexpr uint32 max_changes = ut_zone_changes;
 
 struct a_zone_table {
     uint32 count;
     int64_t until;
-    a_change changes[max_changes];
+    a_zone_change changes[max_changes];
 };
 
 a_zone_table zones[2];
@@ -161,6 +156,31 @@ void ut_zone_refresh(bool exits)
         return;
     refresh(exits);
     __atomic_store_n(&refreshing, 0u, __ATOMIC_RELEASE);
+}
+
+uint32 ut_zone_get(a_zone_change (&changes)[ut_zone_changes])
+{
+    for (;;) {
+        const uint32 before = __atomic_load_n(&published, __ATOMIC_ACQUIRE);
+        const a_zone_table& zone = zones[before % 2];
+        const uint32 count = __atomic_load_n(&zone.count, __ATOMIC_ACQUIRE);
+        for (uint32 i = 0; i < count; i++)
+            changes[i] = {__atomic_load_n(&zone.changes[i].from, __ATOMIC_ACQUIRE),
+                          __atomic_load_n(&zone.changes[i].offset, __ATOMIC_ACQUIRE)};
+        // Relaxed: the acquire loads of the table keep this one behind them.
+        if (__atomic_load_n(&published, __ATOMIC_RELAXED) == before)
+            return count;
+    }
+}
+
+void ut_zone_set(const a_zone_change* changes, uint32 count)
+{
+    const uint32 current = __atomic_load_n(&published, __ATOMIC_RELAXED);
+    a_zone_table& zone = zones[(current + 1) % 2];
+    for (uint32 i = 0; i < count && i < max_changes; i++)
+        put_change(zone, i, changes[i].from, changes[i].offset);
+    __atomic_store_n(&zone.count, count < max_changes ? count : max_changes, __ATOMIC_RELEASE);
+    __atomic_store_n(&published, current + 1, __ATOMIC_RELEASE);
 }
 
 // Local date and time, as localtime_r gives them.

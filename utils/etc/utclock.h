@@ -15,7 +15,16 @@ struct a_civil_time {
     int32 yr, mo, da, hr, mi, se;  // month and day from 1
 };
 
+// Local time is ahead of UTC by `offset` seconds from the second `from` on.
+struct a_zone_change {
+    int64_t from;
+    int64_t offset;
+};
+inline constexpr uint32 ut_zone_changes = 64;
+
 void ut_zone_refresh(bool exits = false);
+uint32 ut_zone_get(a_zone_change (&changes)[ut_zone_changes]);  // the table in force; gives how many it has
+void ut_zone_set(const a_zone_change* changes, uint32 count);   // a table that is another process's
 a_civil_time ut_local_time(time_t seconds);
 void ut_hist_cur_timestamp_str(a_text& out);
 void ut_hist_timestamp_str(a_text& out, const struct timeval& time_of_day);

@@ -3,7 +3,7 @@
 // says otherwise.
 #pragma once
 
-#include "corvex/types.h"
+#include "corvex/crash.h"
 
 struct a_crash_hooks {
     void (*began)(int sig, int code, const void* address);  // the report is written, callbacks have not run yet
@@ -25,3 +25,8 @@ inline void unix_set_crash_hooks(const a_crash_hooks* hooks)
         unix_prepare_reports();
 }
 inline const a_crash_hooks* unix_get_crash_hooks() { return __atomic_load_n(&unix_crash_hooks, __ATOMIC_ACQUIRE); }
+
+// Where the record of the crash is copied to, or null. Release and acquire, as above.
+extern a_ut_crash_record* unix_crash_copy;
+inline void unix_set_crash_copy(a_ut_crash_record* copy) { __atomic_store_n(&unix_crash_copy, copy, __ATOMIC_RELEASE); }
+inline a_ut_crash_record* unix_get_crash_copy() { return __atomic_load_n(&unix_crash_copy, __ATOMIC_ACQUIRE); }

@@ -399,6 +399,8 @@ bool ut_keep_record(const an_onsig_call& call)
     r.pc = ut_pc_of(call.context);
     memcpy(r.registers, registers, sizeof r.registers);
     __atomic_store_n(&r.state, UT_CRASH_WHOLE, __ATOMIC_RELEASE);
+    if (a_ut_crash_record* const copy = unix_get_crash_copy(); copy != nullptr)
+        *copy = r;
     return true;
 }
 

@@ -12,6 +12,7 @@
 int will_do_cleanup = 0;
 const a_crash_hooks* unix_crash_hooks = nullptr;
 void (*unix_prepare_reports)() = nullptr;
+a_ut_crash_record* unix_crash_copy = nullptr;
 constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_ends_process = false;
 constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_shuts_down = false;
 

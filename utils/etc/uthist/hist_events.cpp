@@ -313,7 +313,7 @@ void ut_hist_dump_to_file_tail(a_ut_hist_dump& f)
     f.out.str("********** HISTORY DUMP END @ ");
     ut_hist_cur_timestamp_str(f.out);
     // Relaxed: the counts are only shown.
-    f.out.put(" (", __atomic_load_n(&hist.events_missed, __ATOMIC_RELAXED),
-              " missed, thr=", __atomic_load_n(&hist.last_missed_thread, __ATOMIC_RELAXED), ") **********");
+    f.out.put(" (", __atomic_load_n(&hist.live->events_missed, __ATOMIC_RELAXED),
+              " missed, thr=", __atomic_load_n(&hist.live->last_missed_thread, __ATOMIC_RELAXED), ") **********");
     f.out.eol();
 }

@@ -8,17 +8,27 @@
 
 namespace {
 
-// Copies the text into its place, or outside when it is longer: the place then holds its beginning. False when memory
+// Room for a text that is longer than its place: in the store, where readers from outside find it, while there is any.
+char* long_text_room(size_t bytes)
+{
+    if (bytes > size_t(hist.id_texts_end - hist.id_texts))
+        return static_cast<char*>(ut_calloc(bytes));
+    char* const room = hist.id_texts;
+    hist.id_texts += bytes;
+    return room;
+}
+
+// Copies the text into its place, or elsewhere when it is longer: the place then holds its beginning. False when memory
 // is short, with no text kept.
-template <size_t size>
-bool keep_text(a_hist_kept_text<size>& kept, const char* text)
+bool keep_text(char*& kept, char* place, size_t size, const char* text)
 {
     const size_t len = strlen(text);
-    kept.text = len < size ? kept.place : static_cast<char*>(ut_calloc(len + 1));
-    memcpy(kept.place, text, len < size ? len + 1 : size);
-    if (kept.text != nullptr && kept.text != kept.place)
-        memcpy(kept.text, text, len);
-    return kept.text != nullptr;
+    char* const room = len < size ? place : long_text_room(len + 1);
+    memcpy(place, text, len < size ? len + 1 : size);
+    if (room != nullptr)
+        memcpy(room, text, len + 1);
+    kept = room;
+    return room != nullptr;
 }
 
 // Gives back what a half-filled entry got.
@@ -26,8 +36,7 @@ bool drop_entry(a_ut_hist_id_data& entry, int32 index)
 {
     for (int32 key = 0; key < K_LAST; key++)
         ut_safe_pthread_mutex_destroy(&hist_by_key(index, key).mutex);
-    entry.file.release();
-    entry.desc.release();
+    hist_release_id_texts(entry);
     return false;
 }
 
@@ -35,11 +44,11 @@ bool drop_entry(a_ut_hist_id_data& entry, int32 index)
 bool fill_entry(int32 index, const char* file, uint32 line, const char* desc)
 {
     a_ut_hist_id_data& entry = hist.hist_ids[index];
-    if (!keep_text(entry.desc, desc))
+    if (!keep_text(entry.desc, entry.desc_place, sizeof entry.desc_place, desc))
         return false;
-    entry.file.text = nullptr;
+    entry.file = nullptr;
     if (file != nullptr)
-        keep_text(entry.file, file);
+        keep_text(entry.file, entry.file_place, sizeof entry.file_place, file);
     entry.line = line;
     for (int32 key = 0; key < K_LAST; key++)
         if (ut_safe_pthread_mutex_init(&hist_by_key(index, key).mutex, nullptr) != 0)
@@ -61,6 +70,7 @@ a_ut_hist_id ut_hist_id_alloc(const char* file, uint32 line, const char* desc)
         id = a_ut_hist_id(a_ptrint(index));
         // Release: who sees the new count sees the entry.
         __atomic_store_n(&hist.hist_num_ids, index + 1, __ATOMIC_RELEASE);
+        __atomic_store_n(&hist.live->ids, uint32(index + 1), __ATOMIC_RELEASE);
     }
     return id;
 }

@@ -20,6 +20,7 @@
 #include "utils/etc/utcancel.h"
 #include "utils/etc/utclock.h"
 #include "utils/etc/uthist/hist_errout.h"
+#include "utils/etc/uthist/hist_header.h"
 #include "utils/etc/uthist/hist_slots.h"
 #include "utils/etc/uthist/hist_stats.h"
 #include "utils/unix/unixcrash.h"
@@ -184,7 +185,7 @@ void dump_to_log(a_ut_hist_dump& f, an_all_queues_lock* locks)
 // Events that were dropped for want of a thread slot are told once. The stream is asked for then: that may open it.
 void note_lost_events(int (*stream)())
 {
-    const uint32 lost = __atomic_load_n(&hist.events_missed, __ATOMIC_RELAXED);
+    const uint32 lost = __atomic_load_n(&hist.live->events_missed, __ATOMIC_RELAXED);
     if (lost == 0 || __atomic_exchange_n(&lost_events_told, true, __ATOMIC_RELAXED))
         return;
     an_output out;
@@ -208,6 +209,7 @@ void dump_on_request(FILE* f)
         UT_HIST_EV(UT_HIST_ID_NONE, "PROGRAM DUMP");
     claim_when_free();
     ut_zone_refresh();
+    hist_header_zone();
     {
         an_all_queues_lock locks;
         hist.dump->out.direct(
@@ -292,6 +294,7 @@ void hist_dump_at_exit()
 {
     if (hist_cfg.ut_hist_dump_on_fini != 0 && hist_dump_claim_in_time()) {
         ut_zone_refresh(true);
+        hist_header_zone();
         ut_hist_dump_to_log_i(*hist.dump);
         hist_dump_release();
     }

@@ -60,7 +60,7 @@ inline a_named_id name_of(a_ut_hist_id id)
         return {-1, id == UT_HIST_ID_SIGHANDLER ? "SigHandler" : id == UT_HIST_ID_Q2 ? "Q2" : nullptr};
     // Acquire: an entry below the count is complete.
     if (a_ptrint(id) < uint32(__atomic_load_n(&hist.hist_num_ids, __ATOMIC_ACQUIRE)))
-        return {int32(a_ptrint(id)), hist.hist_ids[a_ptrint(id)].desc.text};
+        return {int32(a_ptrint(id)), hist.hist_ids[a_ptrint(id)].desc};
     return {-1, static_cast<const char*>(id)};
 }
 
@@ -71,9 +71,9 @@ __attribute__((noinline)) void store_sigmask(a_ut_hist_event& r)
     sigset_t mask;
     sigemptyset(&mask);
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-    unsigned long word;
+    uint64 word;
     memcpy(&word, &mask, sizeof word);
-    __atomic_store_n(reinterpret_cast<unsigned long*>(&r.sigset), word, __ATOMIC_RELEASE);
+    __atomic_store_n(&r.sigset[0], word, __ATOMIC_RELEASE);
     __atomic_store_n(&r.got_sigs, 1, __ATOMIC_RELEASE);
 }
 
@@ -208,8 +208,8 @@ __attribute__((noinline, cold)) void say(a_part... parts)
 // Counts an event of a thread without a slot. Relaxed: the counts are only shown.
 void miss(uint32 t)
 {
-    __atomic_add_fetch(&hist.events_missed, 1u, __ATOMIC_RELAXED);
-    __atomic_store_n(&hist.last_missed_thread, t, __ATOMIC_RELAXED);
+    __atomic_add_fetch(&hist.live->events_missed, 1u, __ATOMIC_RELAXED);
+    __atomic_store_n(&hist.live->last_missed_thread, t, __ATOMIC_RELAXED);
 }
 
 }  // namespace

@@ -78,7 +78,7 @@ void hist_load_row(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, 
     row.thread = __atomic_load_n(&r.thread, __ATOMIC_ACQUIRE);
     row.got_sigs = __atomic_load_n(&r.got_sigs, __ATOMIC_ACQUIRE);
     if (row.got_sigs != 0)
-        row.sigset = __atomic_load_n(reinterpret_cast<const unsigned long*>(&r.sigset), __ATOMIC_ACQUIRE);
+        row.sigset = __atomic_load_n(&r.sigset[0], __ATOMIC_ACQUIRE);
     row.prio = __atomic_load_n(&r.prio, __ATOMIC_ACQUIRE);
     row.dur = __atomic_load_n(&r.dur, __ATOMIC_ACQUIRE);
     row.cl = __atomic_load_n(&r.cl, __ATOMIC_ACQUIRE);

@@ -25,7 +25,6 @@ pthread_key_t end_key;
 bool ends_are_told = false;  // end_key is there, and setting it allocates nothing
 uint32 freed = 1;            // slots freed since the library was loaded
 uint32 next_look = 0;        // the slot whose owner is asked for next
-uint32 end = 0;              // one behind the highest slot claimed since start-up
 
 constexpr uint32 tid_of(uint64 owner) { return uint32(owner); }
 constexpr uint64 successor(uint64 owner, uint32 tid) { return ((owner >> 32) + 1) << 32 | tid; }
@@ -89,7 +88,8 @@ void look_for_a_dead_owner()
 void note_end(uint32 t)
 {
     uint32 seen = hist_slots_end();
-    while (seen <= t && !__atomic_compare_exchange_n(&end, &seen, t + 1, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED))
+    while (seen <= t &&
+           !__atomic_compare_exchange_n(&hist.live->slots_end, &seen, t + 1, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED))
         continue;
 }
 
@@ -134,7 +134,7 @@ void end_thread(void*)
 // Not signal-safe: it makes a key.
 void hist_slots_start()
 {
-    end = hist_cfg.dense_slots == 0 ? hist.num_threads : 0;
+    hist.live->slots_end = hist_cfg.dense_slots == 0 ? hist.num_threads : 0;
     freed++;  // a thread that found no slot in an earlier store looks again
     if (hist_cfg.dense_slots == 0)
         return;
@@ -159,7 +159,7 @@ bool hist_slot_is_taken(uint32 t)
            (__atomic_load_n(&hist.taken_slots[t / 64], __ATOMIC_ACQUIRE) >> t % 64 & 1) != 0;
 }
 
-uint32 hist_slots_end() { return __atomic_load_n(&end, __ATOMIC_RELAXED); }
+uint32 hist_slots_end() { return __atomic_load_n(&hist.live->slots_end, __ATOMIC_RELAXED); }
 
 // The calling thread's new slot, the first number beyond the last while all are taken, and in a vfork child: the slots
 // are its parent's, whose threads the kernel does not know under the child's id. Keeps errno.

@@ -56,8 +56,8 @@ size_t description_width(int32 num_ids)
         return min_desc_width + timer_text_fixed;
     size_t longest = min_desc_width;
     for (int32 i = 0; i < num_ids; i++)
-        if (strlen(hist.hist_ids[i].desc.text) > longest)
-            longest = strlen(hist.hist_ids[i].desc.text);
+        if (strlen(hist.hist_ids[i].desc) > longest)
+            longest = strlen(hist.hist_ids[i].desc);
     return longest + timer_text_fixed;
 }
 
@@ -79,19 +79,19 @@ void put_id_line(a_text& out, int32 i, size_t width)
     const a_ut_hist_id_data& id = hist.hist_ids[i];
     out.dec(uint32(i), 2);
     out.chr(' ');
-    out.left(id.desc.text, width);
+    out.left(id.desc, width);
     out.str(" ----- -----.------ -----.------ -----.------");
     if (hist.cfg->include['l' - 'a'] != 0)
         out.dec(id.line, 5);
-    if (hist.cfg->include['s' - 'a'] != 0 && id.file.text != nullptr)
-        out.put(' ', id.file.text);
+    if (hist.cfg->include['s' - 'a'] != 0 && id.file != nullptr)
+        out.put(' ', id.file);
     out.eol();
 }
 
 void put_timer(a_text& out, int32 key, const a_ut_hist_timer& timer, size_t width)
 {
     const int32 to = __atomic_load_n(&timer.id, __ATOMIC_RELAXED);
-    const char* desc = hist.hist_ids[to].desc.text;
+    const char* desc = hist.hist_ids[to].desc;
     out.put("   > ", key_names[key], " -");
     out.dec(uint32(to), 3);
     out.put(' ', key_names[__atomic_load_n(&timer.id_key, __ATOMIC_RELAXED)], ' ');

@@ -9,9 +9,14 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include "utils/etc/utclock.h"
+#include "utils/unix/unixcrash.h"
 #include "utils/unix/utptmutex.h"
 
 constinit a_ut_hist_store hist{};
+
+// In a section of data that has values: debuggers without symbols do not look at the others.
+__attribute__((section(".data"))) a_ut_hist_image* ut_hist_image_now = nullptr;
 constinit __attribute__((tls_model("initial-exec"))) thread_local uint32 hist_my_uses = 0;
 
 namespace {
@@ -39,71 +44,74 @@ size_t data_ring_bytes()
     return (size_t(hist_cfg.ut_hist_debug_data_size) + 8 + cache_line - 1) / cache_line * cache_line;
 }
 
-// In the order of the mapping; each begins on a cache line. The thread slots come last: the first of them are written
-// when the store is made, the others' pages are taken when they are claimed.
-enum a_section : uint32 {
-    QUEUES,
-    RINGS,
-    TEXTS,
-    DATA,
-    REGISTRY,
-    TIMERS,
-    SETTINGS,
-    DUMP,
-    TAKEN,
-    THREADS,
-    VIEWS,
-    SECTIONS
-};
-// The thread slots of the store that was freed last.
+constexpr size_t id_text_bytes = 256;  // of the registry's texts that are longer than their places, for each id
+
+// What stays of the store that was freed last.
 void* left_slots = nullptr;
 size_t left_bytes = 0;
 
+// Offsets from the header; the last is the end.
 struct a_layout {
-    size_t at[SECTIONS + 1];  // offsets; the last is the end
+    a_ut_hist_image_section sections[UT_HIST_SECTIONS];
+    size_t end;
 };
 
+// In the order of the mapping; each begins on a cache line. What stays when the store is freed comes last; of the
+// thread slots the first are written when the store is made, the others' pages are taken when they are claimed.
 a_layout lay_out(size_t dump_bytes)
 {
-    const size_t text_stride = hist_cfg.ut_hist_dump_on_fini != 0 ? hist_cfg.text_stride : 0;
-    const size_t bytes[SECTIONS] = {
-        /* QUEUES */ times(queues(), sizeof(a_ut_hist_event_list)),
-        /* RINGS */ times(records(), sizeof(a_ut_hist_event)),
-        /* TEXTS */ times(records(), text_stride),
-        /* DATA */ times(queues(), data_ring_bytes()),
-        /* REGISTRY */ times(ids(), sizeof(a_ut_hist_id_data)),
-        /* TIMERS */ times(ids(), K_LAST * sizeof(a_ut_hist_timer_list)),
-        /* SETTINGS */ sizeof(a_ut_hist_settings),
-        /* DUMP */ dump_bytes,
-        /* TAKEN */ (slots() + 63) / 64 * sizeof(uint64),
-        /* THREADS */ times(slots(), sizeof(a_ut_hist_thread)),
-        /* VIEWS */ times(slots(), hist_view_bytes()),
+    const bool copies = hist_cfg.ut_hist_dump_on_fini != 0;
+    struct {
+        size_t entry, entries;
+    } const wanted[UT_HIST_SECTIONS] = {
+        /* UT_HIST_QUEUES */ {sizeof(a_ut_hist_event_list), queues()},
+        /* UT_HIST_RINGS */ {sizeof(a_ut_hist_event), records()},
+        /* UT_HIST_TEXTS */ {hist_cfg.text_stride, copies ? records() : 0},
+        /* UT_HIST_DATA */ {1, times(queues(), data_ring_bytes())},
+        /* UT_HIST_REGISTRY */ {sizeof(a_ut_hist_id_data), ids()},
+        /* UT_HIST_ID_TEXTS */ {1, times(ids(), id_text_bytes)},
+        /* UT_HIST_TIMERS */ {sizeof(a_ut_hist_timer_list), times(ids(), K_LAST)},
+        /* UT_HIST_ZONE */ {sizeof(a_ut_hist_zone_change), ut_zone_changes},
+        /* UT_HIST_SETTINGS */ {sizeof(a_ut_hist_settings), 1},
+        /* UT_HIST_DUMP */ {dump_bytes, 1},
+        /* UT_HIST_LIVE */ {sizeof(a_ut_hist_live), 1},
+        /* UT_HIST_TAKEN */ {sizeof(uint64), (slots() + 63) / 64},
+        /* UT_HIST_THREADS */ {sizeof(a_ut_hist_thread), slots()},
+        /* UT_HIST_VIEWS */ {hist_view_bytes(), hist_cfg.tables ? slots() : 0},
     };
     a_layout layout = {};
-    for (uint32 i = 0; i < SECTIONS; i++) {
-        const size_t whole_lines =
-            bytes[i] < too_many ? (bytes[i] + cache_line - 1) / cache_line * cache_line : too_many;
-        layout.at[i + 1] = layout.at[i] + whole_lines < too_many ? layout.at[i] + whole_lines : too_many;
+    layout.end = UT_HIST_IMAGE_HEADER;
+    for (uint32 i = 0; i < UT_HIST_SECTIONS; i++) {
+        const size_t bytes = times(wanted[i].entry, wanted[i].entries);
+        layout.sections[i] = {layout.end, bytes, wanted[i].entry, wanted[i].entries};
+        const size_t end = layout.end + (bytes + cache_line - 1) / cache_line * cache_line;
+        layout.end = end < too_many ? end : too_many;
     }
     return layout;
 }
 
+template <typename T>
+T* at(char* base, const a_layout& layout, uint32 section)
+{
+    return reinterpret_cast<T*>(base + layout.sections[section].at);
+}
+
 void touch(void* mapping, size_t from, size_t to)
 {
-    for (size_t at = from; at < to; at += page)
-        static_cast<volatile char*>(mapping)[at] = 0;
+    for (size_t byte = from; byte < to; byte += page)
+        static_cast<volatile char*>(mapping)[byte] = 0;
 }
 
 // What an event needs is written once, so that none pays for a first touch; other slots' pages come with their claim.
 void* map_pages(const a_layout& layout)
 {
-    void* const mapping =
-        mmap(nullptr, layout.at[SECTIONS], PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* const mapping = mmap(nullptr, layout.end, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mapping == MAP_FAILED)
         return nullptr;
     const size_t first_slots = slots() < hist_handle_slots ? slots() : size_t(hist_handle_slots);
-    touch(mapping, 0, layout.at[THREADS] + first_slots * sizeof(a_ut_hist_thread));
-    touch(mapping, layout.at[VIEWS], layout.at[VIEWS] + first_slots * hist_view_bytes());
+    const size_t threads = layout.sections[UT_HIST_THREADS].at, views = layout.sections[UT_HIST_VIEWS].at;
+    touch(mapping, 0, threads + first_slots * sizeof(a_ut_hist_thread));
+    touch(mapping, views, views + first_slots * hist_view_bytes());
     return mapping;
 }
 
@@ -111,14 +119,15 @@ void* map_pages(const a_layout& layout)
 bool fill_queues(char* base, const a_layout& layout)
 {
     const size_t num = size_t(hist_cfg.ut_hist_debug_num), data_bytes = data_ring_bytes();
-    hist.hist_evs = reinterpret_cast<a_ut_hist_event_list*>(base + layout.at[QUEUES]);
+    hist.hist_evs = at<a_ut_hist_event_list>(base, layout, UT_HIST_QUEUES);
     for (size_t q = 0; q < queues(); q++) {
         a_ut_hist_event_list& queue = hist.hist_evs[q];
-        queue.evs = reinterpret_cast<a_ut_hist_event*>(base + layout.at[RINGS]) + q * num;
+        queue.evs = at<a_ut_hist_event>(base, layout, UT_HIST_RINGS) + q * num;
         queue.data_pos = uint64(1) << 32;  // generation 1, nothing stored
-        queue.data_buf = data_bytes != 0 ? base + layout.at[DATA] + q * data_bytes : nullptr;
-        queue.texts =
-            hist_cfg.ut_hist_dump_on_fini != 0 ? base + layout.at[TEXTS] + q * num * hist_cfg.text_stride : nullptr;
+        queue.data_buf = data_bytes != 0 ? at<char>(base, layout, UT_HIST_DATA) + q * data_bytes : nullptr;
+        queue.texts = hist_cfg.ut_hist_dump_on_fini != 0
+                          ? at<char>(base, layout, UT_HIST_TEXTS) + q * num * hist_cfg.text_stride
+                          : nullptr;
         if (ut_safe_pthread_mutex_init(&queue.mutex, nullptr) != 0)
             return false;
     }
@@ -128,11 +137,11 @@ bool fill_queues(char* base, const a_layout& layout)
 // Those beyond are reset when they are claimed.
 void fill_threads(char* base, const a_layout& layout)
 {
-    hist.taken_slots = reinterpret_cast<uint64*>(base + layout.at[TAKEN]);
-    hist.threads = reinterpret_cast<a_ut_hist_thread*>(base + layout.at[THREADS]);
+    hist.taken_slots = at<uint64>(base, layout, UT_HIST_TAKEN);
+    hist.threads = at<a_ut_hist_thread>(base, layout, UT_HIST_THREADS);
     hist.num_threads = uint32(slots());
     hist.view_stride = hist_view_bytes();
-    hist.views = hist.view_stride != 0 ? base + layout.at[VIEWS] : nullptr;
+    hist.views = hist.view_stride != 0 ? at<char>(base, layout, UT_HIST_VIEWS) : nullptr;
     for (uint32 t = 0; t < hist.num_threads && t < hist_handle_slots; t++) {
         hist.threads[t].own_q =
             hist_cfg.ut_hist_debug_q_by_thr != 0 && t + 1 < uint32(hist_cfg.hist_num_q) ? int32(t + 1) : 0;
@@ -140,13 +149,26 @@ void fill_threads(char* base, const a_layout& layout)
     }
 }
 
+// What was lost before stays counted.
+void fill_live(a_ut_hist_live& live)
+{
+    live.state = UT_HIST_IMAGE_RUNS;
+    if (hist.live != nullptr) {
+        live.events_missed = hist.live->events_missed;
+        live.last_missed_thread = hist.live->last_missed_thread;
+    }
+    hist.live = &live;
+}
+
 // A registry that cannot be had is off: ids are then texts.
 void fill_ids(char* base, const a_layout& layout)
 {
     if (ids() == 0 || ut_safe_pthread_mutex_init(&hist.hist_ids_mutex, nullptr) != 0)
         return;
-    hist.hist_ids = reinterpret_cast<a_ut_hist_id_data*>(base + layout.at[REGISTRY]);
-    hist.timers = reinterpret_cast<a_ut_hist_timer_list*>(base + layout.at[TIMERS]);
+    hist.hist_ids = at<a_ut_hist_id_data>(base, layout, UT_HIST_REGISTRY);
+    hist.timers = at<a_ut_hist_timer_list>(base, layout, UT_HIST_TIMERS);
+    hist.id_texts = at<char>(base, layout, UT_HIST_ID_TEXTS);
+    hist.id_texts_end = hist.id_texts + layout.sections[UT_HIST_ID_TEXTS].bytes;
 }
 
 // A thread that is ended in the middle of its event, or leaves it by a jump, leaves its lock locked; nobody holds it
@@ -160,6 +182,14 @@ void give_back(a_critical_sect& section)
     ut_safe_pthread_mutex_destroy(&section);
 }
 
+// Signal-safe.
+void forget_image()
+{
+    unix_set_crash_copy(nullptr);
+    __atomic_store_n(&ut_hist_image_now, nullptr, __ATOMIC_RELEASE);
+    hist.image = nullptr;
+}
+
 void free_ids()
 {
     a_ut_hist_id_data* const registry = hist.hist_ids;
@@ -171,8 +201,7 @@ void free_ids()
     for (int32 i = 0; i < num_ids; i++) {
         for (int32 key = 0; key < K_LAST; key++)
             give_back(hist_by_key(i, key).mutex);
-        registry[i].file.release();
-        registry[i].desc.release();
+        hist_release_id_texts(registry[i]);
     }
     give_back(hist.hist_ids_mutex);
 }
@@ -189,6 +218,7 @@ void hist_store_forget()
     hist.hist_ids = nullptr;
     hist.hist_num_ids = 0;
     hist.mapping = nullptr;
+    forget_image();
 }
 
 // Maps the store that the settings describe; false when memory is short, with nothing kept.
@@ -196,7 +226,7 @@ bool hist_store_alloc(size_t (*dump_bytes)())
 {
     const int32 knum = hist_cfg.ut_hist_debug_knum, data = hist_cfg.ut_hist_debug_data;
     a_layout layout = lay_out(dump_bytes());
-    hist.wanted_bytes = layout.at[SECTIONS];
+    hist.wanted_bytes = layout.end;
     while ((hist.mapping = map_pages(layout)) == nullptr && (ids() != 0 || data_ring_bytes() != 0)) {
         const size_t registry = times(ids(), sizeof(a_ut_hist_id_data) + K_LAST * sizeof(a_ut_hist_timer_list));
         const bool data_is_larger = times(queues(), data_ring_bytes()) > registry;
@@ -206,9 +236,10 @@ bool hist_store_alloc(size_t (*dump_bytes)())
     hist.no_memory = hist.mapping == nullptr;
     if (hist.no_memory)
         return false;
-    hist.mapped_bytes = layout.at[SECTIONS];
-    hist.slots_at = layout.at[TAKEN] / page * page;
+    hist.mapped_bytes = layout.end;
+    hist.slots_at = layout.sections[UT_HIST_LIVE].at / page * page;
     char* const base = static_cast<char*>(hist.mapping);
+    fill_live(*at<a_ut_hist_live>(base, layout, UT_HIST_LIVE));
     if (!fill_queues(base, layout)) {
         hist_store_free(true);
         hist.no_memory = true;
@@ -216,18 +247,22 @@ bool hist_store_alloc(size_t (*dump_bytes)())
     }
     fill_threads(base, layout);
     fill_ids(base, layout);
-    hist.dump = reinterpret_cast<a_ut_hist_dump*>(base + layout.at[DUMP]);
-    hist.cfg = static_cast<a_ut_hist_settings*>(memcpy(base + layout.at[SETTINGS], &hist_cfg, sizeof hist_cfg));
+    hist.dump = at<a_ut_hist_dump>(base, layout, UT_HIST_DUMP);
+    void* const settings = at<void>(base, layout, UT_HIST_SETTINGS);
+    hist.cfg = static_cast<a_ut_hist_settings*>(memcpy(settings, &hist_cfg, sizeof hist_cfg));
+    hist.image = reinterpret_cast<a_ut_hist_image*>(base);
+    hist.image->image_bytes = layout.end;
+    memcpy(hist.image->sections, layout.sections, sizeof layout.sections);
     hist.start++;
     hist_cfg.ut_hist_debug_knum = knum;  // the next start-up tries again
     hist_cfg.ut_hist_debug_data = data;
     return true;
 }
 
-// Gives the store back, but for its thread slots: a thread that saw the history running may be about to claim one, or
-// to set its mark there, and it cannot be waited for. They stay until the next store goes. The queue locks stay in
-// their pool's hands when destroy_queue_locks is false. What names the store goes first: a process that another thread
-// forks meanwhile must not find it there.
+// Gives the store back, but for its live words and thread slots: a thread that saw the history running may be about to
+// claim one, to set its mark there or to count a loss, and it cannot be waited for. They stay until the next store
+// goes. The queue locks stay in their pool's hands when destroy_queue_locks is false. What names the store goes first:
+// a process that another thread forks meanwhile must not find it there.
 void hist_store_free(bool destroy_queue_locks)
 {
     free_ids();
@@ -237,10 +272,23 @@ void hist_store_free(bool destroy_queue_locks)
         give_back(evs[q].mutex);
     char* const mapping = static_cast<char*>(hist.mapping);
     hist.mapping = nullptr;
+    forget_image();
     munmap(mapping, hist.slots_at);
     hist_store_unload();
     left_slots = mapping + hist.slots_at;
     left_bytes = hist.mapped_bytes - hist.slots_at;
+}
+
+// Texts outside the store are the only ones to be freed.
+void hist_release_id_texts(a_ut_hist_id_data& entry)
+{
+    const char* const store = static_cast<const char*>(hist.mapping);
+    char** const texts[] = {&entry.file, &entry.desc};
+    for (char** const text : texts) {
+        if (*text < store || *text >= store + hist.mapped_bytes)
+            ut_free(*text);
+        *text = nullptr;
+    }
 }
 
 // What the last shut-down left. Nobody can be in the library any more when it goes.

@@ -2,7 +2,8 @@
 //
 // The store is one mapping, made by start-up and laid out from one table of sections (hist_store.cpp): queues, rings of
 // records, texts, data rings, registry, timers, the settings, a dump's buffers, thread slots. Nothing is allocated
-// after start-up but the texts of registered ids that are longer than their place. All its pages are present from the
+// after start-up but the texts of registered ids for which the store has no room. Before the sections stands a header
+// for readers from outside (hist_image.h), who find there all that a dump needs. All its pages are present from the
 // start, but for thread slots beyond the first 256, which become so when they are claimed. What stands in it points
 // only into it, into the pools of mutexes, or, in pointer mode, to texts of the program.
 //
@@ -14,6 +15,7 @@
 #include <signal.h>
 #include <sys/time.h>
 
+#include "corvex/hist_image.h"
 #include "utils/etc/uthist/hist_config.h"
 #include "utils/unix/unixfork.h"
 #include "utils/unix/utptmutex.h"
@@ -25,120 +27,13 @@ inline constexpr const char* key_names[K_LAST + 1] = {"EV ", "BEG", "END", "DAT"
 inline constexpr const char* hist_cl_strs[UT_HIST_CL_LAST] = {" N", " -", " +", " >", " <"};
 
 inline constexpr uint32 hist_max_parms = 8;
-inline constexpr uint32 hist_max_timers = 32;  // of one timer list
+inline constexpr uint32 hist_max_timers = UT_HIST_TIMERS_OF_LIST;
+inline constexpr uint32 hist_max_spans = UT_HIST_SPANS;
 inline constexpr uint32 hist_no_dur = 0xFFFFFFFF;
 
-// The 24 bytes in front make `sigset`, which is seldom used, fill two cache lines of its own: an event touches the
-// first line and the last two. hist_ring.h says what the sequence word means.
-struct alignas(cache_line) a_ut_hist_event {
-    uint32 seq;
-    uint32 newest;  // 1 while no later event of its thread is in the queue; kept with thread tables only
-    uint32 unused[4];
-    struct timeval time_of_day;
-    char* file;  // copy mode: this slot's piece of the queue's text block; else borrowed from the caller
-    uint32 line;
-    uint32 num;
-    uint32 thread;
-    int32 got_sigs;
-    sigset_t sigset;
-    int32 prio;  // always 0, as the ring was mapped
-    uint32 dur;
-    int32 cl;
-    a_ut_hist_id id;  // the id's text, held like `file`; pointer mode: or a number that is no address, see hist_texts.h
-    char* ev;         // held like `file`
-    int32 pn;
-    void* p[hist_max_parms];
-    uint32 data_gen;
-    uint32 data_idx;
-};
-static_assert(offsetof(a_ut_hist_event, sigset) == 1 * cache_line);
-static_assert(offsetof(a_ut_hist_event, prio) == 3 * cache_line);
-static_assert(sizeof(a_ut_hist_event) == 5 * cache_line);
-
-struct alignas(cache_line) a_ut_hist_event_list {
-    a_critical_sect mutex;
-    uint64 ring_pos;  // a_ring_pos, packed
-    a_ut_hist_event* evs;
-    uint64 data_pos;  // a_data_pos, packed
-    char* data_buf;   // null while data capture is off
-    char* texts;      // copy mode: the texts of all slots, one after the other, else null
-};
-static_assert(sizeof(a_ut_hist_event_list) == cache_line);
-
-struct a_ut_hist_timer {
-    int32 id;
-    int32 id_key;
-    uint32 count;
-    uint32 min;
-    uint32 max;
-    uint64 total;
-};
-
-struct a_ut_hist_timer_list {
-    a_critical_sect mutex;
-    int32 missed;
-    int32 num;
-    a_ut_hist_timer ids[hist_max_timers];
-};
-
-// A text of a registered id: in its place, or outside when it is longer; the place then holds its beginning.
-template <size_t size>
-struct a_hist_kept_text {
-    char* text;  // null for none; owned where it lies outside
-    char place[size];
-
-    // Not signal-safe: it frees.
-    void release()
-    {
-        if (text != place)
-            ut_free(text);
-        text = nullptr;
-    }
-};
-
-struct a_ut_hist_id_data {
-    a_hist_kept_text<56> desc;
-    a_hist_kept_text<44> file;
-    uint32 line;  // the statistics, by_key, stand in a section of their own: hist_by_key
-};
-
-// What the history keeps of one thread slot. Touched only by the slot's thread, or by several when their slots collide,
-// so all accesses but those of `own_q` are atomic. Of `owner` see hist_slots.h.
-struct alignas(cache_line) a_ut_hist_thread {
-    uint64 owner;
-    int32 own_q;  // the queue that only this thread writes, 0 when it has none; set at start-up
-    int32 last_marker_ii;
-    a_ut_hist_loc last_marker_loc;
-    uint8_t recursing[hist_max_queues];  // 1 while the thread is inside ut_hist_add for that queue
-};
-static_assert(sizeof(a_ut_hist_thread) == cache_line);
-
-inline constexpr uint32 hist_max_spans = 16;
-
-// A BEG without its END, in the view of a thread (hist_threads.h).
-struct a_hist_span {
-    a_ut_hist_loc* loc;  // null where none was given; only compared
-    a_ut_hist_id id;     // as the caller gave it; only compared
-    const char* text;    // of the id, in pointer mode
-    struct timeval begun;
-};
-
-struct alignas(cache_line) a_hist_view {
-    // Changed by every event of the thread.
-    uint64 events;
-    a_ut_hist_event* newest;  // its record; null before the first
-    uint32 newest_num;        // found there, while the record stands
-    uint32 tid;               // kernel thread id; 0 before the slot is claimed
-    // The newest event when its record has been overwritten, kept by the thread that did. In pointer mode the texts.
-    uint32 kept_seq, kept_num;
-    struct timeval kept_time;
-    const char *kept_id, *kept_ev;
-    // Changed by begins and ends: the low half counts the open spans, also those for which there is no room; the high
-    // half steps whenever one is closed.
-    alignas(cache_line) uint64 open;
-    char name[16];  // when the thread claimed the slot
-    a_hist_span spans[hist_max_spans];
-};
+// The 24 bytes in front of a record's time make `sigset`, which is seldom used, fill two cache lines of its own: an
+// event touches the first line and the last two. hist_ring.h says what the sequence word means.
+static_assert(alignof(a_ut_hist_event) == cache_line && alignof(a_ut_hist_event_list) == cache_line);
 
 // A dump runs from `running` to `idle`. A SIGUSR1 that finds one running leaves `wanted`, and the dump that runs writes
 // another when it is done; one that finds none running, but a thread that waits for its turn, leaves it to that.
@@ -170,19 +65,20 @@ struct alignas(cache_line) a_ut_hist_store {
     alignas(cache_line) a_thread_count users;  // inside a dump or a registration, see a_hist_user
     a_thread_count waiting;                    // for their turn to dump
     a_ut_hist_dump* dump;                      // the buffers of the one dump that may run
+    a_ut_hist_image* image;                    // the store's header
+    a_ut_hist_live* live;                      // stays, as the thread slots do, when the store is freed
     const a_ut_hist_settings* cfg;             // what dumps need of the settings, as they were at start-up
     uint64* taken_slots;                       // a bit for each thread slot
+    char *id_texts, *id_texts_end;             // what is left for the registry's long texts
     size_t wanted_bytes;                       // of the store that the last start-up asked for
     bool no_memory;                            // and did not get
     void* mapping;
     size_t mapped_bytes;
     size_t view_stride;
-    size_t slots_at;  // in it, the first page that thread slots stand in
+    size_t slots_at;  // in it, the first page of what stays: `live` and the thread slots
 
     // Written by every event of every thread: a line of its own.
     alignas(cache_line) uint32 hist_count;
-    alignas(cache_line) uint32 events_missed;
-    uint32 last_missed_thread;
 };
 extern a_ut_hist_store hist;
 
@@ -215,7 +111,8 @@ inline uint32 hist_elapsed(const struct timeval& from, const struct timeval& to)
 void hist_reset_thread(a_ut_hist_thread& thread);  // Signal-safe.
 size_t hist_view_bytes();                          // of one view with its texts; 0 without tables
 void hist_reset_view(uint32 t);                    // begins the calling thread's view. Signal-safe.
-void hist_store_forget();                          // Signal-safe.
+void hist_release_id_texts(a_ut_hist_id_data& entry);
+void hist_store_forget();  // Signal-safe.
 bool hist_store_alloc(size_t (*dump_bytes)());
 void hist_store_free(bool destroy_queue_locks);
 void hist_store_unload();

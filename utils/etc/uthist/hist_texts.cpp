@@ -1,5 +1,5 @@
 // hist_texts.cpp: the layout of texts, and those copies of texts and data blocks that are not inlined into the recorder
-// (hist_texts.h draws the layout). Signal-safe: all of it, but hist_lay_out_texts and hist_bind_texts run in start-up.
+// (hist_texts.h draws the layout). Signal-safe: all of it, but hist_lay_out_texts runs in start-up.
 #include "utils/etc/uthist/hist_texts.h"
 
 #include <string.h>
@@ -64,19 +64,6 @@ void hist_lay_out_texts()
     hist_cfg.text_stride = file + id + text_bytes(hist_cfg.hist_max_ev_len);
 }
 
-void hist_bind_texts()
-{
-    for (int32 q = 0; q < hist_cfg.hist_num_q; q++) {
-        char* text = hist.hist_evs[q].texts;
-        for (int32 n = 0; text != nullptr && n < hist_cfg.ut_hist_debug_num; n++, text += hist_cfg.text_stride) {
-            a_ut_hist_event& r = hist.hist_evs[q].evs[n];
-            r.file = text;
-            r.id = text + hist_cfg.id_text_at;
-            r.ev = text + hist_cfg.ev_text_at;
-        }
-    }
-}
-
 size_t hist_row_texts_bytes() { return hist_cfg.ut_hist_dump_on_fini != 0 ? hist_cfg.text_stride : 0; }
 
 __attribute__((noinline, cold)) const char* hist_id_text(const char* id, char (&buf)[2 * text_block])
@@ -127,7 +114,7 @@ a_hist_row_texts hist_load_texts(const a_ut_hist_event_list& queue, const a_ut_h
                 static_cast<const char*>(__atomic_load_n(&r.id, __ATOMIC_ACQUIRE)),
                 __atomic_load_n(&r.ev, __ATOMIC_ACQUIRE)};
     const a_ut_hist_settings& cfg = *hist.cfg;
-    hist_load_words(copy, r.file, cfg.text_stride);
+    hist_load_words(copy, queue.texts + size_t(&r - queue.evs) * cfg.text_stride, cfg.text_stride);
     char *const id = copy + cfg.id_text_at, *const ev = copy + cfg.ev_text_at;
     copy[cfg.hist_max_file_len] = id[cfg.hist_max_id_len] = ev[cfg.hist_max_ev_len] = '\0';
     return {copy, id, ev};

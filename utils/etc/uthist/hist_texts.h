@@ -30,7 +30,6 @@ inline constexpr uint64 pack_data(a_data_pos at) { return uint64(at.data_gen) <<
 inline constexpr a_data_pos unpack_data(uint64 word) { return {uint32(word >> 32), uint32(word)}; }
 
 void hist_lay_out_texts();      // into the settings, before the store is mapped
-void hist_bind_texts();         // every slot of every queue to its piece, once it is
 size_t hist_row_texts_bytes();  // of the texts of one row
 void hist_load_words(char* dst, const char* src, size_t bytes);
 

@@ -6,7 +6,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
 #include "utils/etc/utclock.h"
@@ -45,10 +44,17 @@ T own(const T& field)
     return __atomic_load_n(&field, __ATOMIC_RELAXED);
 }
 
-void put_time(struct timeval& field, const struct timeval& now)
+void put_time(a_ut_hist_time& field, const struct timeval& now)
 {
     put(field.tv_sec, now.tv_sec);
     put(field.tv_usec, now.tv_usec);
+}
+
+// Copy mode: the id's and the event's.
+void keep_texts(a_hist_view& v, const char* texts)
+{
+    for (size_t i = 0; i < event_bytes(hist_cfg); i += 8)
+        put(reinterpret_cast<uint64*>(id_place(v) + i)[0], own(reinterpret_cast<const uint64*>(texts + i)[0]));
 }
 
 // A text is itself wherever it stands.
@@ -81,7 +87,7 @@ uint32 find_span(a_hist_view& v, const a_ut_hist_loc* loc, const a_ut_hist_id* i
 struct a_shown_thread {
     a_hist_view& view;
     a_hist_row_texts texts;
-    struct timeval time;
+    a_ut_hist_time time;
 };
 
 // Copies the newest event out of its ring; false when it does not stand there whole.
@@ -174,7 +180,7 @@ size_t put_id(a_text& out, const char* text)
 }
 
 // Microseconds from then to now; 0 for a clock that was set back.
-void put_age(a_text& out, const struct timeval& then, const struct timeval& now, size_t width)
+void put_age(a_text& out, const a_ut_hist_time& then, const struct timeval& now, size_t width)
 {
     const int64_t us = (now.tv_sec - then.tv_sec) * int64_t(1000000) + now.tv_usec - then.tv_usec;
     ut_put_seconds(out, us > 0 ? uint64(us) : 0, width);
@@ -231,13 +237,11 @@ uint32 slots_in_use()
 
 void put_head(a_text& out, const struct timeval& now)
 {
-    struct utsname host;
     out.str("********** HISTORY THREADS BEGIN @ ");
     ut_put_stamp(out, now);
-    out.put(" pid=", int32(getpid()), " prog=");
-    out.printable(program_invocation_short_name, strlen(program_invocation_short_name));
-    out.put(" host=", uname(&host) == 0 ? host.nodename : "?", " slots=", slots_in_use(), '/', hist.num_threads,
-            " **********");
+    out.put(" pid=", hist.image->pid, " prog=");
+    out.printable(hist.image->program, strlen(hist.image->program));
+    out.put(" host=", hist.image->host, " slots=", slots_in_use(), '/', hist.num_threads, " **********");
     out.eol();
     out.str("Thr     Tid Name            Events  Last event                           before  Open");
     out.eol();
@@ -260,8 +264,8 @@ void hist_keep_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r
     put_time(v.kept_time, {own(r.time_of_day.tv_sec), own(r.time_of_day.tv_usec)});
     put(v.kept_id, static_cast<const char*>(own(r.id)));
     put(v.kept_ev, static_cast<const char*>(own(r.ev)));
-    for (size_t i = 0; queue.texts != nullptr && i < event_bytes(hist_cfg); i += 8)
-        put(reinterpret_cast<uint64*>(id_place(v))[i / 8], own(static_cast<const uint64*>(own(r.id))[i / 8]));
+    if (queue.texts != nullptr)
+        keep_texts(v, queue.texts + size_t(&r - queue.evs) * hist_cfg.text_stride + hist_cfg.id_text_at);
     put(v.kept_seq, seq + 1);
 }
 

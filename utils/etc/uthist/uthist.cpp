@@ -14,6 +14,7 @@
 #include "utils/etc/utclock.h"
 #include "utils/etc/uthist/hist_errout.h"
 #include "utils/etc/uthist/hist_ext.h"
+#include "utils/etc/uthist/hist_header.h"
 #include "utils/etc/uthist/hist_log.h"
 #include "utils/etc/uthist/hist_slots.h"
 #include "utils/etc/uthist/hist_threads.h"
@@ -75,10 +76,11 @@ bool make_store()
     hist_lay_out_texts();
     if (!hist_store_alloc(hist_dump_bytes))
         return false;
-    hist_bind_texts();
     hist_dump_lay_out(hist_streams.ut_hist_eol);
+    hist_header_fill();
     hist_slots_start();
     hist.closing = false;
+    hist_header_publish();
     __atomic_store_n(&hist.dump_state, pack_dump(DUMP_IDLE), __ATOMIC_RELEASE);
     return true;
 }
@@ -132,6 +134,7 @@ void ut_hist_fini(void)
     hist_dump_in_crash();
     hist_set_crash_hooks(false);
     __atomic_store_n(&hist.hist_initialized, false, __ATOMIC_RELEASE);
+    __atomic_store_n(&hist.live->state, UT_HIST_IMAGE_ENDED, __ATOMIC_RELEASE);
     hist_say(true, "fini ...");
     if (hist_cfg.ut_hist_dump_on_sig == 1 && __atomic_load_n(&hist.sig_handler_installed, __ATOMIC_RELAXED) != 0) {
         __atomic_store_n(&hist.sig_handler_installed, 0, __ATOMIC_RELAXED);
@@ -159,6 +162,7 @@ void ut_hist_fork_child()
     hist_my_uses = 0;
     hist_slots_fork_child();
     hist_views_fork_child();
+    hist_header_fork_child();
     hist_errout_fork_child();
     if (hist.hist_evs == nullptr)
         return;
