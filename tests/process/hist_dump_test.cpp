@@ -146,6 +146,18 @@ TEST(HistDump, ReadsNoTextBeyondItsEnd)
     EXPECT_EQ(rows(played("ia-id-in-it-ic-il-", script).err), expected);
 }
 
+TEST(HistDump, PutsLongTextsTogetherFromTheirPagesHoweverManyTheyAre)
+{
+    a_text_list script;
+    std::string expected = gap, text;
+    for (size_t i = 0; i < 9000; i++)
+        text += char('a' + i % 26);
+    for (size_t i = 0; i < 50; i++, expected += " " + text + "\n")
+        script.push_back("pages keep 100 9000");
+    script.push_back("usr1");
+    EXPECT_EQ(rows(played("f-ia-id-in-it-ic-il-ii-ie-", script).err), expected);
+}
+
 TEST(HistDump, EndsEveryLineAsConfigured)
 {
     const a_text_list script = {"id Q 1 - q", "beg L Q a", "end L Q b", "data - - c 0x100000 3", "repeat 9 ev - - e"};

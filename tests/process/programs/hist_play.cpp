@@ -13,6 +13,7 @@
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,6 +56,7 @@ sigjmp_buf before_event;
 std::atomic<bool> storming{true};
 std::atomic<unsigned> pace{0};  // of a slow reader: microseconds a page
 constexpr size_t page = 4096;
+bool refuses = false;  // to read memory, as a sandbox may
 
 void play(const std::string& line);
 
@@ -103,6 +105,32 @@ void add_at_page_end(args_of args)
         at[i] = char('a' + i % 26);
     ut_hist_add(at, 1, nullptr, UT_HIST_CL_EV, UT_HIST_ID_TEXT(at), at, 0, nullptr, nullptr, nullptr, nullptr, nullptr,
                 nullptr, nullptr, nullptr);
+}
+
+// A begin whose texts all are so many letters from some place in a fresh mapping (more: in the last one). The page that
+// their NUL stands in is then unmapped (unmap), closed (none), cut off its file (cut) or kept.
+void add_in_pages(args_of args)
+{
+    static char* base = reinterpret_cast<char*>(0x200000);
+    static int file = -1;
+    const std::string& how = args[1];
+    if (how != "more") {
+        base += 8 * page;
+        file = memfd_create("pages", MFD_CLOEXEC);
+        if (ftruncate(file, 4 * page) != 0 ||
+            mmap(base, 4 * page, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED_NOREPLACE, file, 0) != base)
+            printf("no pages\n");
+    }
+    char* const at = base + args.number(2);
+    for (long i = 0; i < args.number(3); i++)
+        at[i] = char('a' + i % 26);
+    ut_hist_add(at, 1, nullptr, UT_HIST_CL_BEG, UT_HIST_ID_TEXT(at), at, 0, nullptr, nullptr, nullptr, nullptr, nullptr,
+                nullptr, nullptr, nullptr);
+    const size_t last = size_t(args.number(2) + args.number(3)) / page * page;
+    if ((how == "unmap" && munmap(base + last, page) != 0) ||
+        (how == "none" && mprotect(base + last, page, PROT_NONE) != 0) ||
+        (how == "cut" && ftruncate(file, off_t(last)) != 0))
+        printf("not %s\n", how.c_str());
 }
 
 // Name, line, file, description: prints the index.
@@ -291,6 +319,8 @@ const std::map<std::string, void (*)(args_of args)> commands = {
     {"end", add<UT_HIST_CL_END>},
     {"odd", add<9>},
     {"page-end", add_at_page_end},
+    {"pages", add_in_pages},
+    {"refuse", [](args_of) { refuses = true; }},
     {"id", register_id},
     {"at", set_location},
     {"repeat", repeat},
@@ -378,6 +408,13 @@ extern "C" __attribute__((no_sanitize("thread"))) pthread_t pthread_self() noexc
     pthread_t self;
     __asm__("mov %%fs:16, %0" : "=r"(self));
     return shown && slot != 0 ? pthread_t(slot) : self;
+}
+
+extern "C" ssize_t process_vm_readv(pid_t pid, const struct iovec* to, unsigned long to_count, const struct iovec* from,
+                                    unsigned long from_count, unsigned long flags) noexcept
+{
+    errno = EPERM;
+    return refuses ? -1 : syscall(SYS_process_vm_readv, pid, to, to_count, from, from_count, flags);
 }
 
 // Unless option x is given, the queues' locks stay at exit. In a child the leak checker cannot look at the stacks of

@@ -9,11 +9,28 @@
 
 namespace {
 
+a_hist_text id_text(a_ut_hist_dump& f, const a_hist_row& row, char (&number)[2 * text_block])
+{
+    const char* const id = row.texts.id;
+    return hist_is_text(id) ? hist_find_text(f.pages, id) : hist_own_text(hist_id_text(id, number));
+}
+
+a_hist_text text_or(a_ut_hist_dump& f, const char* text, const char* absent)
+{
+    return text != nullptr ? hist_find_text(f.pages, text) : hist_own_text(absent);
+}
+
+void put_right(a_ut_hist_dump& f, const a_hist_text& text, size_t width)
+{
+    if (text.len < width)
+        f.out.fill(' ', width - text.len);
+    hist_put_text(f.out, f.pages, text);
+}
+
 void widen(a_ut_hist_dump& f, const a_hist_row& row)
 {
     char number[2 * text_block];
-    const size_t id_len = strlen(hist_id_text(row.texts.id, number)),
-                 ev_len = row.texts.ev != nullptr ? strlen(row.texts.ev) : 0;
+    const size_t id_len = id_text(f, row, number).len, ev_len = text_or(f, row.texts.ev, "").len;
     f.max_id_len = id_len > f.max_id_len ? id_len : f.max_id_len;
     f.max_ev_len = ev_len > f.max_ev_len ? ev_len : f.max_ev_len;
     f.max_pn = row.pn > f.max_pn ? row.pn : f.max_pn;
@@ -85,14 +102,12 @@ void put_sigmask(a_ut_hist_dump& f, const a_hist_row& row)
 void put_id(a_ut_hist_dump& f, const a_hist_row& row)
 {
     char number[2 * text_block];
-    const char* const id = hist_id_text(row.texts.id, number);
-    f.out.right(id, strlen(id), f.max_id_len + 1);
+    put_right(f, id_text(f, row, number), f.max_id_len + 1);
 }
 
 void put_event(a_ut_hist_dump& f, const a_hist_row& row)
 {
-    const char* const ev = row.texts.ev == nullptr ? hist_no_ev : row.texts.ev;
-    f.out.right(ev, strlen(ev), f.max_ev_len + 1);
+    put_right(f, text_or(f, row.texts.ev, hist_no_ev), f.max_ev_len + 1);
 }
 
 void put_parms_header(a_ut_hist_dump& f)
@@ -119,7 +134,7 @@ void put_class(a_ut_hist_dump& f, const a_hist_row& row)
 void put_file(a_ut_hist_dump& f, const a_hist_row& row)
 {
     f.out.chr(' ');
-    f.out.str(row.texts.file == nullptr ? hist_no_file : row.texts.file);
+    hist_put_text(f.out, f.pages, text_or(f, row.texts.file, hist_no_file));
 }
 
 void put_queue(a_ut_hist_dump& f, const a_hist_row& row) { f.out.dec(row.q, 3); }
@@ -226,6 +241,8 @@ void put_rows(a_ut_hist_dump& f)
     }
 }
 
+bool copies_texts() { return hist_row_texts_bytes() != 0; }
+
 }  // namespace
 
 // The buffers of a dump with the present settings.
@@ -233,7 +250,8 @@ size_t hist_dump_bytes()
 {
     const bool captures = hist_cfg.ut_hist_debug_data != 0 && hist_cfg.ut_hist_debug_data_size > 0;
     const size_t data = captures ? size_t(hist_cfg.ut_hist_debug_data_size) + 8 : 0;
-    return sizeof(a_ut_hist_dump) + hist_shown_bytes() + hist_row_texts_bytes() * size_t(hist_cfg.hist_num_q) + data;
+    const size_t texts = copies_texts() ? hist_row_texts_bytes() * size_t(hist_cfg.hist_num_q) : sizeof(a_hist_pages);
+    return sizeof(a_ut_hist_dump) + hist_shown_bytes() + texts + data;
 }
 
 // In the store that has just been mapped.
@@ -243,6 +261,8 @@ void hist_dump_lay_out(const char* eol)
     f.out.use(f.buf, sizeof f.buf, eol);
     f.view = f.buf + sizeof f.buf;
     char* at = f.view + hist_shown_bytes();
+    f.pages = copies_texts() ? nullptr : reinterpret_cast<a_hist_pages*>(at);
+    at += f.pages != nullptr ? sizeof *f.pages : 0;
     for (uint32 q = 0; q < num_queues(); q++, at += hist_row_texts_bytes())
         f.cursors[q].texts = at;
     f.data = at;
@@ -286,6 +306,8 @@ void ut_hist_dump_to_file_head(a_ut_hist_dump& f)
 // A row with its data suffix and hex lines.
 void ut_hist_dump_to_file_q_n(a_ut_hist_dump& f, const a_hist_row& row)
 {
+    if (f.pages != nullptr)
+        hist_cover_event(*f.pages, row.num);
     for (const a_hist_column* const* column = f.shown; *column != nullptr; column++)
         (*column)->put_cell(f, row);
     if (row.cl == UT_HIST_CL_DATA && hist.hist_evs[row.q].data_buf != nullptr)

@@ -4,6 +4,7 @@
 // Signal-safe: all of it, as far as the text's sink is.
 #pragma once
 
+#include "utils/etc/uthist/hist_pages.h"
 #include "utils/etc/uthist/hist_ring.h"
 #include "utils/etc/uthist/hist_threads.h"
 #include "utils/etc/uttext.h"
@@ -21,9 +22,11 @@ struct alignas(cache_line) a_ut_hist_dump {
     const a_hist_column* shown[32];  // the columns of this dump, up to a null
     a_hist_second tod;
     a_hist_cursor cursors[hist_max_queues];
-    char* view;                               // room for what the thread table shows
-    char* data;                               // room for one data block
-    alignas(cache_line) char buf[32 * 1024];  // of `out`; behind it that room, the rows' texts and the data block
+    char* view;           // room for what the thread table shows
+    a_hist_pages* pages;  // of the program's texts; null in copy mode
+    char* data;           // room for one data block
+    alignas(
+        cache_line) char buf[32 * 1024];  // of `out`; behind it that room, the pages or the rows' texts, a data block
 };
 
 size_t hist_dump_bytes();

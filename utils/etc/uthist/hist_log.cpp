@@ -100,10 +100,12 @@ void give_locks(void* locks) { static_cast<an_all_queues_lock*>(locks)->give(); 
 
 void put_tables(a_ut_hist_dump& f)
 {
+    if (f.pages != nullptr)
+        hist_empty_pages(*f.pages);
     ut_hist_dump_to_file_i_ev(f);
     ut_hist_dump_to_file_i_dur(f.out);
     ut_hist_dump_to_file_tail(f);
-    hist_put_threads(f.out, f.view);
+    hist_put_threads(f.out, f.view, f.pages);
     f.out.flush();
 }
 

@@ -33,6 +33,8 @@ void hist_lay_out_texts();      // into the settings, before the store is mapped
 size_t hist_row_texts_bytes();  // of the texts of one row
 void hist_load_words(char* dst, const char* src, size_t bytes);
 
+inline bool hist_is_text(const char* id) { return a_ptrint(id) >= hist_first_address && id != hist_absent_id; }
+
 // An id's text as it is shown: "-" for none, "#" and the number, put into buf, for one that is no address.
 const char* hist_id_text(const char* id, char (&buf)[2 * text_block]);
 

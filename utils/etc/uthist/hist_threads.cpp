@@ -88,7 +88,11 @@ struct a_shown_thread {
     a_hist_view& view;
     a_hist_row_texts texts;
     a_ut_hist_time time;
+    a_hist_pages* pages;  // null in copy mode
 };
+
+// Room for the texts of an event, behind the view.
+char* texts_place(a_hist_view& v) { return reinterpret_cast<char*>(&v) + hist.view_stride; }
 
 // Copies the newest event out of its ring; false when it does not stand there whole.
 bool load_from_ring(uint32 t, a_shown_thread& shown)
@@ -99,7 +103,7 @@ bool load_from_ring(uint32 t, a_shown_thread& shown)
         if (r < queue.evs || r >= queue.evs + hist.cfg->ut_hist_debug_num)
             continue;
         const uint32 seq = __atomic_load_n(&r->seq, __ATOMIC_ACQUIRE);
-        shown.texts = hist_load_texts(queue, *r, reinterpret_cast<char*>(&shown.view) + hist.view_stride);
+        shown.texts = hist_load_texts(queue, *r, texts_place(shown.view));
         shown.time.tv_sec = __atomic_load_n(&r->time_of_day.tv_sec, __ATOMIC_ACQUIRE);
         shown.time.tv_usec = __atomic_load_n(&r->time_of_day.tv_usec, __ATOMIC_ACQUIRE);
         const bool same = __atomic_load_n(&r->num, __ATOMIC_ACQUIRE) == shown.view.newest_num &&
@@ -165,18 +169,29 @@ bool find_thread(a_hist_view& v)
     return true;
 }
 
-// A text as the dump cuts it, but never in the middle of a character. Gives its length.
-size_t put_text(a_text& out, const char* text, int32 max)
+// A text as copy mode cuts it, but never in the middle of a character. Gives its length.
+size_t put_cut(a_text& out, const char* text, int32 max)
 {
     const size_t len = strnlen(text, size_t(max)), whole = len == size_t(max) ? ut_whole_utf8(text, len) : len;
     out.mem(text, whole);
     return whole;
 }
 
-size_t put_id(a_text& out, const char* text)
+// The same of a recorded text. In pointer mode its copy has the room for those of an event to itself.
+size_t put_text(a_text& out, const a_shown_thread& shown, const char* text, int32 max)
+{
+    if (shown.pages == nullptr)
+        return put_cut(out, text, max);
+    char* const copy = texts_place(shown.view);
+    hist_copy_text(*shown.pages, text, copy, size_t(max));
+    return put_cut(out, copy, max);
+}
+
+size_t put_id(a_text& out, const a_shown_thread& shown, const char* id)
 {
     char number[2 * text_block];
-    return put_text(out, hist_id_text(text, number), hist.cfg->hist_max_id_len);
+    const int32 max = hist.cfg->hist_max_id_len;
+    return hist_is_text(id) ? put_text(out, shown, id, max) : put_cut(out, hist_id_text(id, number), max);
 }
 
 // Microseconds from then to now; 0 for a clock that was set back.
@@ -186,22 +201,24 @@ void put_age(a_text& out, const a_ut_hist_time& then, const struct timeval& now,
     ut_put_seconds(out, us > 0 ? uint64(us) : 0, width);
 }
 
-void put_last(a_text& out, const a_hist_row_texts& texts)
+void put_last(a_text& out, const a_shown_thread& shown)
 {
-    size_t width = put_id(out, texts.id) + 1;
+    const int32 max = hist.cfg->hist_max_ev_len;
+    size_t width = put_id(out, shown, shown.texts.id) + 1;
     out.chr(' ');
-    width += put_text(out, texts.ev != nullptr ? texts.ev : hist_no_ev, hist.cfg->hist_max_ev_len);
+    width += shown.texts.ev != nullptr ? put_text(out, shown, shown.texts.ev, max) : put_cut(out, hist_no_ev, max);
     out.fill(' ', width < last_width ? last_width - width : 0);
 }
 
-void put_spans(a_text& out, a_hist_view& v, const struct timeval& now)
+void put_spans(a_text& out, const a_shown_thread& shown, const struct timeval& now)
 {
+    a_hist_view& v = shown.view;
     const uint32 open = hist_open_spans(v);
     if (open == 0)
         out.chr('-');
     for (uint32 i = 0; i < open && i < hist_max_spans; i++) {
         out.str(i > 0 ? " > " : "");
-        put_id(out, copies(*hist.cfg) ? span_place(v, i, *hist.cfg) : v.spans[i].text);
+        put_id(out, shown, copies(*hist.cfg) ? span_place(v, i, *hist.cfg) : v.spans[i].text);
         out.chr(' ');
         put_age(out, v.spans[i].begun, now, 1);
     }
@@ -209,9 +226,11 @@ void put_spans(a_text& out, a_hist_view& v, const struct timeval& now)
         out.put(" +", open - hist_max_spans);
 }
 
-void put_row(a_text& out, uint32 t, a_shown_thread& shown, const struct timeval& now)
+void put_row(a_text& out, uint32 t, const a_shown_thread& shown, const struct timeval& now)
 {
     a_hist_view& v = shown.view;
+    if (shown.pages != nullptr)
+        hist_cover_event(*shown.pages, v.newest_num);
     out.dec(t, 3);
     out.dec(v.tid, 8);
     out.chr(' ');
@@ -220,10 +239,10 @@ void put_row(a_text& out, uint32 t, a_shown_thread& shown, const struct timeval&
     out.chr(' ');
     out.dec(v.events, events_width);
     out.str("  ");
-    put_last(out, shown.texts);
+    put_last(out, shown);
     put_age(out, shown.time, now, 5);
     out.str("  ");
-    put_spans(out, v, now);
+    put_spans(out, shown, now);
     out.eol();
 }
 
@@ -320,14 +339,14 @@ size_t hist_shown_bytes()
 }
 
 // A row for each slot whose thread lives.
-void hist_put_threads(a_text& out, char* room)
+void hist_put_threads(a_text& out, char* room, a_hist_pages* pages)
 {
     if (hist.views == nullptr)
         return;
     struct timeval now;
     gettimeofday(&now, nullptr);
     put_head(out, now);
-    a_shown_thread shown = {*reinterpret_cast<a_hist_view*>(room), {}, {}};
+    a_shown_thread shown = {*reinterpret_cast<a_hist_view*>(room), {}, {}, pages};
     for (uint32 t = 0; t < hist_slots_end(); t++)
         if (hist_slot_is_taken(t) && load_view(t, shown) && find_thread(shown.view))
             put_row(out, t, shown, now);

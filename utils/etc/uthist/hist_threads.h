@@ -12,6 +12,7 @@
 // looks, as in the rings. Signal-safe: all of it.
 #pragma once
 
+#include "utils/etc/uthist/hist_pages.h"
 #include "utils/etc/uthist/hist_ring.h"
 #include "utils/etc/uttext.h"
 
@@ -65,4 +66,4 @@ inline void hist_span_event(uint32 t, int32 cl, a_ut_hist_loc* loc, a_ut_hist_id
 void hist_views_fork_child();
 
 size_t hist_shown_bytes();  // of the room that the table needs
-void hist_put_threads(a_text& out, char* room);
+void hist_put_threads(a_text& out, char* room, a_hist_pages* pages);
