@@ -68,6 +68,22 @@ void history(benchmark::State& state)
 }
 BENCHMARK(history)->Name("dump/history")->Setup(fill_history);
 
+// In pointer mode, with event texts on so many pages in turn, four on each.
+void fill_pointers(const benchmark::State& state)
+{
+    constexpr size_t page = 4096;
+    static std::vector<char> texts(64 * page, '\0');
+    shared_queue_pointer(state);
+    for (uint32 n = 0; n < 2 * ring_size; n++) {
+        char* const text = &texts[n % size_t(state.range(0)) * page + n / 64 % 4 * 1000];
+        memcpy(text, payload::text, sizeof payload::text);
+        ut_hist_add(payload::file, payload::line, nullptr, UT_HIST_CL_EV, UT_HIST_ID_TEXT(payload::id), text, 4,
+                    payload::parms[0], payload::parms[1], payload::parms[2], payload::parms[3], nullptr, nullptr,
+                    nullptr, nullptr);
+    }
+}
+BENCHMARK(history)->Name("dump/pointer")->Arg(1)->Arg(60)->Setup(fill_pointers);
+
 void print_row(FILE* out, const a_ut_hist_event& r, a_local_time& local)
 {
     const struct tm& at = local.of(r.time_of_day.tv_sec);

@@ -116,6 +116,8 @@ ROWS = [
     ("event lost for want of a slot", "event", "event/lost/1000", "event/live/1000", None),
     ("first event of a thread, what it costs more", "event", "event/first/1000#beyond", "event/live/1000", None),
     ("dump, a row", "digits by hand", "dump/history", "dump/digits", (AT_MOST, 1.5)),
+    ("dump in pointer mode, a row, texts on one page", "dump, a row", "dump/pointer/1", "dump/history", None),
+    ("dump in pointer mode, a row, texts on 60 pages", "dump, a row", "dump/pointer/60", "dump/history", None),
     ("fprintf, a row", "dump, a row", "dump/fprintf", "dump/history", (AT_LEAST, 3.0)),
 ]
 
