@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "corvex/corvex.h"
+#include "corvex/hist_image.h"
 
 namespace {
 
@@ -311,6 +312,23 @@ void block_signal(args_of args)
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
+// A history file as it would be: the image's bytes.
+void write_image(args_of args)
+{
+    FILE* const file = fopen(args[1].c_str(), "w");
+    fwrite(ut_hist_image_now, 1, ut_hist_image_now->image_bytes, file);
+    fclose(file);
+}
+
+// With the process's id in PID.
+void run_shell(args_of args)
+{
+    setenv("PID", std::to_string(getpid()).c_str(), 1);
+    fflush(stdout);
+    if (system(args.rest(1).c_str()) != 0)
+        printf("failed: %s\n", args.rest(1).c_str());
+}
+
 const std::map<std::string, void (*)(args_of args)> commands = {
     {"null", add<UT_HIST_CL_NULL>},
     {"ev", add<UT_HIST_CL_EV>},
@@ -357,6 +375,8 @@ const std::map<std::string, void (*)(args_of args)> commands = {
     {"debug", [](args_of) { printf("debug %d\n", ut_hist_debug); }},
     {"dump", [](args_of) { ut_hist_dump_to_log(); }},
     {"file", [](args_of) { ut_hist_dump_to_file(stdout); }},
+    {"image", write_image},
+    {"shell", run_shell},
     {"usr1", raise_usr1},
     {"mine", [](args_of) { signal(SIGUSR1, mine); }},
     {"handler", show_handler},

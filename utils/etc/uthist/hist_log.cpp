@@ -100,11 +100,7 @@ void give_locks(void* locks) { static_cast<an_all_queues_lock*>(locks)->give(); 
 
 void put_tables(a_ut_hist_dump& f)
 {
-    if (f.pages != nullptr)
-        hist_empty_pages(*f.pages);
-    ut_hist_dump_to_file_i_ev(f);
-    ut_hist_dump_to_file_i_dur(f.out);
-    ut_hist_dump_to_file_tail(f);
+    hist_put_history(f);
     hist_put_threads(f.out, f.view, f.pages);
     f.out.flush();
 }
@@ -271,6 +267,16 @@ void hist_dump_release()
     move_dump(pack_dump(DUMP_WANTED, me), pack_dump(DUMP_IDLE));
     if (running() && unix_current_handler(hist_cfg.dump_signal) == signal_handler_with_context)
         kill(getpid(), hist_cfg.dump_signal);
+}
+
+// All but the thread table, into the buffer.
+void hist_put_history(a_ut_hist_dump& f)
+{
+    if (f.pages != nullptr)
+        hist_empty_pages(*f.pages);
+    ut_hist_dump_to_file_i_ev(f);
+    ut_hist_dump_to_file_i_dur(f.out);
+    ut_hist_dump_to_file_tail(f);
 }
 
 // The dump itself, without the queue locks. The caller has claimed the dump.

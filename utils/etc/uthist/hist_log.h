@@ -7,6 +7,7 @@
 bool hist_dump_claim_in_time();
 void hist_dump_release();
 void hist_dump_at_exit();
+void hist_put_history(a_ut_hist_dump& f);
 void ut_hist_dump_to_log_i(a_ut_hist_dump& f);
 void hist_log_fork_child();
 void hist_set_crash_hooks(bool wanted);  // UT_HIST_EXT=crash

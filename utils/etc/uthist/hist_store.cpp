@@ -50,12 +50,6 @@ constexpr size_t id_text_bytes = 256;  // of the registry's texts that are longe
 void* left_slots = nullptr;
 size_t left_bytes = 0;
 
-// Offsets from the header; the last is the end.
-struct a_layout {
-    a_ut_hist_image_section sections[UT_HIST_SECTIONS];
-    size_t end;
-};
-
 // In the order of the mapping; each begins on a cache line. What stays when the store is freed comes last; of the
 // thread slots the first are written when the store is made, the others' pages are taken when they are claimed.
 a_layout lay_out(size_t dump_bytes)
@@ -207,6 +201,8 @@ void free_ids()
 }
 
 }  // namespace
+
+a_layout hist_layout(size_t dump_bytes) { return lay_out(dump_bytes); }
 
 // Start-up begins with no store: one that option x- kept is let go of before the settings that tell its size change.
 // Signal-safe.

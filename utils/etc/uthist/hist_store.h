@@ -108,6 +108,13 @@ inline uint32 hist_elapsed(const struct timeval& from, const struct timeval& to)
     return uint32((uint64(to.tv_sec) - uint64(from.tv_sec)) * 1000000 + uint64(to.tv_usec) - uint64(from.tv_usec));
 }
 
+// The store's sections; `end`: the bytes of the whole.
+struct a_layout {
+    a_ut_hist_image_section sections[UT_HIST_SECTIONS];
+    size_t end;
+};
+
+a_layout hist_layout(size_t dump_bytes);           // that the present settings make
 void hist_reset_thread(a_ut_hist_thread& thread);  // Signal-safe.
 size_t hist_view_bytes();                          // of one view with its texts; 0 without tables
 void hist_reset_view(uint32 t);                    // begins the calling thread's view. Signal-safe.

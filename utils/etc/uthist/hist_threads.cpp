@@ -339,7 +339,7 @@ size_t hist_shown_bytes()
 }
 
 // A row for each slot whose thread lives.
-void hist_put_threads(a_text& out, char* room, a_hist_pages* pages)
+void hist_put_threads(a_text& out, char* room, a_hist_pages* pages, const struct timeval* from)
 {
     if (hist.views == nullptr)
         return;
@@ -348,8 +348,8 @@ void hist_put_threads(a_text& out, char* room, a_hist_pages* pages)
     put_head(out, now);
     a_shown_thread shown = {*reinterpret_cast<a_hist_view*>(room), {}, {}, pages};
     for (uint32 t = 0; t < hist_slots_end(); t++)
-        if (hist_slot_is_taken(t) && load_view(t, shown) && find_thread(shown.view))
-            put_row(out, t, shown, now);
+        if (hist_slot_is_taken(t) && load_view(t, shown) && (from != nullptr || find_thread(shown.view)))
+            put_row(out, t, shown, from != nullptr ? *from : now);
     out.str("********** HISTORY THREADS END **********");
     out.eol();
 }

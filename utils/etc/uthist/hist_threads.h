@@ -66,4 +66,6 @@ inline void hist_span_event(uint32 t, int32 cl, a_ut_hist_loc* loc, a_ut_hist_id
 void hist_views_fork_child();
 
 size_t hist_shown_bytes();  // of the room that the table needs
-void hist_put_threads(a_text& out, char* room, a_hist_pages* pages);
+
+// Of the views of another process, which say who lives, ages count from `from`.
+void hist_put_threads(a_text& out, char* room, a_hist_pages* pages, const struct timeval* from = nullptr);

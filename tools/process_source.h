@@ -1,0 +1,25 @@
+// process_source.h: what the system tells of a process whose history is read.
+#ifndef TOOLS_PROCESS_SOURCE_H
+#define TOOLS_PROCESS_SOURCE_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "corvex/hist_image.h"
+
+struct a_mapping {
+    uint64 begin, end, offset;
+    std::string access;  // as "rw-p"
+    std::string path;    // empty for none
+};
+bool is_library(const a_mapping& m);          // the first of its mappings
+std::vector<a_mapping> mappings_of(int pid);  // none when the process has gone or may not be looked at
+
+// The names of a process's threads by their ids as the process itself sees them.
+std::map<uint32, std::string> threads_of(int pid);
+
+enum a_life { ALIVE, GONE, ELSEWHERE };  // elsewhere: the header is of another boot or another pid namespace
+a_life life_of(const a_ut_hist_image& header);
+
+#endif
