@@ -67,15 +67,11 @@ public:
         return known->second = &kept.emplace_back(std::move(text));
     }
 
-    // For a field of the store: what is no text stays, and what cannot be read is "?".
-    template <typename T>
-    T* pointer(T* text)
+    // For a field of the store, "?" for what cannot be read.
+    char* pointer(const char* text)
     {
-        const char* const address = static_cast<const char*>(text);
-        if (a_ptrint(address) < hist_first_address || address == hist_absent_id)
-            return text;
-        const std::string* const found = find(a_ptrint(address));
-        return const_cast<char*>(found != nullptr ? found->c_str() : hist_no_ev);
+        const std::string* const found = text != nullptr ? find(a_ptrint(text)) : nullptr;
+        return text == nullptr ? nullptr : const_cast<char*>(found != nullptr ? found->c_str() : hist_no_ev);
     }
 
 private:
@@ -197,7 +193,8 @@ private:
     {
         const size_t bytes = text_bytes();
         rows.records.push_back(records[i]);
-        rows.texts.insert(rows.texts.end(), &texts[0] + i * bytes, &texts[0] + (i + 1) * bytes);
+        rows.texts.insert(rows.texts.end(), texts.begin() + ptrdiff_t(i * bytes),
+                          texts.begin() + ptrdiff_t((i + 1) * bytes));
         if (!has_texts && bytes != 0)
             for (const size_t place : {size_t(0), hist_cfg.id_text_at, hist_cfg.ev_text_at})
                 memcpy(&rows.texts[rows.texts.size() - bytes + place], hist_no_ev, text_block);
@@ -325,7 +322,7 @@ private:
             r = from.records[n];
             r.seq = seq_whole(0);
             r.file = text_of(r.file);
-            r.id = text_of(r.id);
+            r.id = id_of(r.id);
             r.ev = text_of(r.ev);
             if (lost_data)
                 r.data_gen = unpack_data(queue.data_pos).data_gen + 1;  // of no block
@@ -427,31 +424,24 @@ private:
                 return lost.push_back("threads from slot " + std::to_string(t) + " on cannot be read");
     }
 
-    bool read_view(uint32 t, std::vector<uint64>& to)
+    // The first of its bytes, without the texts behind.
+    bool look_at_view(uint32 t, a_hist_view& to)
     {
-        return image.read(UT_HIST_VIEWS, t * hist.view_stride, to.data(), hist.view_stride);
+        return image.read(UT_HIST_VIEWS, t * hist.view_stride, &to, sizeof to);
     }
 
     // A thread's view, with its newest event as if that had been kept. What does not stand still is taken as it is.
     bool put_view(uint32 t)
     {
-        std::vector<uint64> words[3];
-        for (std::vector<uint64>& look : words)
-            look.resize(hist.view_stride / sizeof(uint64));
-        const auto as_view = [&](int i) -> const a_hist_view& {
-            return *reinterpret_cast<a_hist_view*>(words[i].data());
-        };
-        a_hist_view& v = hist_view_of(t);
+        a_hist_view &v = hist_view_of(t), before, after;
         bool whole = false, found = false;
         for (int i = 0; i < (image.source->is_live() ? looks : 1) && !(whole && found); i++) {
-            for (std::vector<uint64>& look : words)
-                if (!read_view(t, look))
-                    return false;
-            memcpy(static_cast<void*>(&v), words[1].data(), hist.view_stride);
-            const uint32 kept = as_view(0).kept_seq;
-            whole = as_view(0).open == as_view(2).open;
-            found = v.newest == nullptr ||
-                    (kept % 2 == 0 && kept == as_view(2).kept_seq && v.kept_num == v.newest_num) || keep_newest(t, v);
+            if (!look_at_view(t, before) || !image.read(UT_HIST_VIEWS, t * hist.view_stride, &v, hist.view_stride) ||
+                !look_at_view(t, after))
+                return false;
+            whole = before.open == after.open;
+            const bool is_kept = before.kept_seq % 2 == 0 && before.kept_seq == after.kept_seq;
+            found = v.newest == nullptr || (is_kept && v.kept_num == v.newest_num) || keep_newest(t, v);
         }
         clean(v);
         return true;
@@ -484,19 +474,22 @@ private:
         v.kept_seq = 0;
         v.kept_num = v.newest_num;
         v.kept_time = is_time(v.kept_time) ? v.kept_time : a_ut_hist_time();
-        v.kept_id = text_of(v.kept_id);
+        v.kept_id = id_of(v.kept_id);
         v.kept_ev = text_of(v.kept_ev);
         for (a_hist_span& span : v.spans) {
             span.begun = is_time(span.begun) ? span.begun : a_ut_hist_time();
-            span.text = text_of(span.text);
+            span.text = id_of(span.text);
         }
     }
 
-    // Only where texts are not copied.
-    template <typename T>
-    T* text_of(T* text)
+    // Addresses count only where texts are not copied.
+    char* text_of(const char* text) { return hist_cfg.ut_hist_dump_on_fini != 0 ? nullptr : texts.pointer(text); }
+
+    // An id may also be none or a number.
+    char* id_of(const void* id)
     {
-        return hist_cfg.ut_hist_dump_on_fini != 0 ? nullptr : texts.pointer(text);
+        const char* const text = static_cast<const char*>(id);
+        return a_ptrint(id) < hist_first_address || id == hist_absent_id ? const_cast<char*>(text) : text_of(text);
     }
 
     const an_image& image;
