@@ -1,8 +1,8 @@
-// core_source.cpp: reads a core of Linux on x86-64, written by the kernel or by a debugger; compressed by zstd, or from a
-// pipe, it is first taken into a file without a name.
+// core_source.cpp: reads a core of Linux on x86-64, written by the kernel or by a debugger. What comes from a pipe or is
+// compressed by zstd first goes into a file without a name.
 //
-// A core holds memory by segments (PT_LOAD). Of memory that stands in files as well, such as code and constants, it holds
-// only the first page of each file; which files were mapped where says the note NT_FILE. What the core lacks comes from
+// A core holds memory by segments (PT_LOAD). Of memory that stands in files as well, such as code and constants, it has
+// only the first page of each file; the note NT_FILE says which files were mapped where. What the core lacks comes from
 // those files, if the build-id in the core's page says that they are still the same.
 //
 // Nothing in a core is trusted: numbers are checked where they are used, and what is wrong reads as absent.

@@ -10,7 +10,7 @@ gdb loads this file by itself beside the library when both are installed below g
     source /usr/local/share/gdb/auto-load/usr/local/lib/libcorvex16_r.so.16.0.0-gdb.py
 
 No symbols are needed. The memory goes to the program as a small core: the image, and the pages where its texts lie when
-it holds only their addresses. So gdb's own means of finding them count, among them `set sysroot` and a remote target."""
+it holds only their addresses. So gdb's own ways to them serve, among them `set sysroot` and a remote target."""
 
 import os
 import re
@@ -22,8 +22,7 @@ import tempfile
 import gdb
 
 PAGE = 4096
-# Written so that this file does not hold it.
-MAGIC = bytes(255 - b for b in (0x9C, 0x89, 0x87, 0x0E, 0x97, 0x96, 0x8C, 0x8B, 0x59, 0x96, 0x92, 0x9E, 0x98, 0x9A, 0xF2, 0xF5))
+MAGIC = b"cvx\xf1hist\xa6image\r\n"
 
 # What is read here of corvex/hist_image.h, version 1.
 VERSION, HEADER = 1, struct.Struct("<16sIIQQ")  # magic, version, bytes of the header, of the image, base
@@ -139,7 +138,7 @@ def image_core():
         raise gdb.GdbError("There is no process and no core.")
     base = image_by_symbol() or image_by_magic()
     if base is None:
-        raise gdb.GdbError("The process has no history here: it was not switched on (UT_HIST), or the core lacks its memory.")
+        raise gdb.GdbError("There is no history: it was not switched on (UT_HIST), or the core lacks its memory.")
     _, version, _, size, _ = HEADER.unpack(read(base, HEADER.size))
     held = list(pieces(base, base + size, 1 << 20))
     segments = [(READ | WRITE, at, data) for at, data in held]
@@ -193,7 +192,7 @@ class Command(gdb.Command):
             try:
                 ran = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, check=False)
             except OSError as error:
-                raise gdb.GdbError(f"{command[0]}: {error.strerror}: say where it is by `set corvex-hist-tool FILE`.") from error
+                raise gdb.GdbError(f"{command[0]}: {error.strerror}: try `set corvex-hist-tool FILE`.") from error
             for stream, text in ((gdb.STDOUT, self.select(ran.stdout)), (gdb.STDERR, ran.stderr)):
                 gdb.write(text.decode(errors="replace").replace(core.name, "the process"), stream)
 

@@ -25,7 +25,7 @@ public:
     // Where an image may begin: readable and writable memory, ascending.
     virtual std::vector<a_range> ranges() = 0;
 
-    // The value of ut_hist_image_now, when symbols tell it; else nothing: the search by the magic at page starts finds it.
+    // The value of ut_hist_image_now, when symbols tell it; else the search by the magic at page starts finds it.
     virtual std::optional<uint64> image_pointer() = 0;
 
     virtual bool is_live() const = 0;      // it may change while it is read
