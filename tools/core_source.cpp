@@ -1,5 +1,5 @@
-// core_source.cpp: reads a core of Linux on x86-64, written by the kernel or by a debugger. What comes from a pipe or is
-// compressed by zstd first goes into a file without a name.
+// core_source.cpp: reads a core of Linux on x86-64, written by the kernel or by a debugger. What comes from a pipe, or
+// is compressed by zstd, goes into a file without a name before.
 //
 // A core holds memory by segments (PT_LOAD). Of memory that stands in files as well, such as code and constants, it has
 // only the first page of each file; the note NT_FILE says which files were mapped where. What the core lacks comes from

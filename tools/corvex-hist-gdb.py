@@ -30,6 +30,7 @@ SECTION = struct.Struct("<QQQQ")  # at, bytes, entry bytes, entries
 RINGS, TEXTS, VIEWS = 1, 2, 13
 TEXTS_OF = {RINGS: (320, (40, 208, 216)), VIEWS: (768, (48, 56, *range(88 + 16, 88 + 16 * 40, 40)))}
 LONGEST_TEXT = 1024
+LARGEST_HOLE = 1 << 26  # in what can be read of an image: its size may be wrong
 
 ELF = struct.Struct("<4sBBB9xHHIQQQIHHHHHH")
 SEGMENT = struct.Struct("<IIQQQQQQ")
@@ -92,13 +93,16 @@ def image_by_magic():
 
 def pieces(begin, end, size):
     """What can be read of a range, as (address, bytes)."""
+    read_upto = begin
     for at in range(begin, end, size):
+        if at - read_upto > LARGEST_HOLE:
+            break
         upto = min(at + size, end)
         data = read(at, upto - at)
-        if data:
-            yield at, data
-        elif size > PAGE:
-            yield from pieces(at, upto, PAGE)
+        parts = [(at, data)] if data else pieces(at, upto, PAGE) if size > PAGE else []
+        for part in parts:
+            yield part
+            read_upto = part[0] + len(part[1])
 
 
 def text_addresses(image):
