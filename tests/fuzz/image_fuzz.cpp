@@ -1,7 +1,7 @@
 // image_fuzz.cpp: whatever an image says, corvex-hist reads it to an end and inside its bounds. An input is a history
 // file without the section of the dump's buffers, which no reader looks at; of an odd length it is one that is being
-// written. Built with FUZZER it fuzzes, else it replays the files of the directory that is its argument, or makes an input
-// of a history file: image_fuzz FILE INPUT.
+// written. Built with FUZZER it fuzzes, else it replays the files of the directory that is its argument, or makes an
+// input of a history file: image_fuzz FILE INPUT.
 #include <string.h>
 
 #include <filesystem>

@@ -70,13 +70,6 @@ void run_another(a_sig_handler_func func, void* arg, const an_onsig_call& call)
         run_callback(func, arg, call);
 }
 
-int64_t milliseconds_now()
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t(1000) + now.tv_nsec / 1000000;
-}
-
 // By plain system calls: the C library's timers may make a thread.
 int start_timer(int notify, int sig, unsigned seconds)
 {
@@ -107,7 +100,7 @@ ENDS_THE_PROCESS void limit_is_over(int sig, siginfo_t*, void*)
     const pid_t crashing = __atomic_load_n(&limited_thread, __ATOMIC_RELAXED);
     if (crash_now == nullptr && crashing != 0)
         tgkill(getpid(), crashing, sig);
-    if (crash_now == nullptr || milliseconds_now() < crash_now->end)
+    if (crash_now == nullptr || unix_milliseconds() < crash_now->end)
         return;
     a_crash& crash = *crash_now;
     ut_onsig_call_range(onsig_cleanup_priority, onsig_cleanup_priority, crash.call, run_another);
@@ -121,7 +114,7 @@ ENDS_THE_PROCESS void limit_is_over(int sig, siginfo_t*, void*)
 // The alarm stands for timers that cannot be had: each needs one of the user's pending signals.
 void start_limit(a_crash& crash, sigset_t& through)
 {
-    crash.end = milliseconds_now() + int64_t(crash.limit) * 1000;
+    crash.end = unix_milliseconds() + int64_t(crash.limit) * 1000;
     __atomic_store_n(&limited_thread, gettid(), __ATOMIC_RELAXED);
     unix_handle_signal_keeping(unix_limit_signal(), limit_is_over, nullptr);
     sigaddset(&through, unix_limit_signal());

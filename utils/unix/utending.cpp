@@ -4,6 +4,7 @@
 
 #include <stdlib.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "utils/unix/unixcrash.h"
@@ -79,6 +80,13 @@ int unix_ending_wait_ms(int wanted)
 
 // By a plain system call: poll is a cancellation point.
 void unix_pause(int ms) { syscall(SYS_poll, nullptr, 0, ms); }
+
+int64_t unix_milliseconds()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * int64_t(1000) + now.tv_nsec / 1000000;
+}
 
 void unix_leave_it_to_the_first(bool ends, int patience_ms)
 {

@@ -26,15 +26,17 @@ int unix_ending_wait_ms(int wanted);
 // guards.
 extern constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_shuts_down;
 
-void unix_pause(int ms);  // no cancellation point
+void unix_pause(int ms);      // no cancellation point
+int64_t unix_milliseconds();  // of the monotonic clock
 
-// Whether one of the attempts of so many milliseconds succeeds. For locks, too: the thread sanitizer does not know
-// pthread_mutex_clocklock.
+// Whether one of the attempts of so many milliseconds succeeds, however seldom the thread runs. For locks, too: the
+// thread sanitizer does not know pthread_mutex_clocklock.
 template <typename F>
 bool unix_in_time(F attempt, int max_ms = 1000)
 {
+    const int64_t end = unix_milliseconds() + max_ms;
     bool done = attempt();
-    for (int ms = 0; ms < max_ms && !done; ms++, done = attempt())
+    for (; !done && unix_milliseconds() < end; done = attempt())
         unix_pause(1);
     return done;
 }
