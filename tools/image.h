@@ -1,6 +1,6 @@
-// image.h: an image of a history in a source, found and with its header checked. The layout that the header's settings
-// make is computed by the library itself and compared with the header's, so that what passes has no offset, size or count
-// of its own.
+// image.h: an image of a history in a source, found and with its header checked. The library itself computes the layout
+// that the header's settings make, and the header's is compared with that: what passes has no offset, size or count of
+// its own.
 #ifndef TOOLS_IMAGE_H
 #define TOOLS_IMAGE_H
 

@@ -1,11 +1,11 @@
 // loader.cpp: reads the sections of an image and makes a store of the library's own of them, as large as what is whole.
 //
-// No value of the image gets into that store as an index, a length or an address: records are copied into rings that have
-// not come back yet, texts by pointer become texts of the reader, counts are cut to what their tables hold.
+// No value of the image gets into that store as an index, a length or an address: records are copied into rings that
+// have not come back yet, texts by pointer become texts of the reader, counts are cut to what their tables hold.
 //
 // The image may be written while it is read. What a sequence word guards is read between two looks at that word, as
-// hist_ring.h and hist_threads.h say of readers in the process; a look is a call of its own, since one call copies in no
-// order that is told.
+// hist_ring.h and hist_threads.h say of readers in the process. A look is a call of its own: one call copies in no order
+// that is told.
 #include "tools/loader.h"
 
 #include <string.h>
@@ -332,8 +332,8 @@ private:
         queue.ring_pos = pack_ring({0, uint32(from.records.size())});
     }
 
-    // The ring before its position: a block that is overwritten meanwhile is then known to be gone. False when it cannot
-    // be read.
+    // The ring before its position: a block that is overwritten meanwhile is then known to be gone. False when it
+    // cannot be read.
     bool put_data(uint32 q, a_ut_hist_event_list& queue)
     {
         if (queue.data_buf == nullptr)

@@ -31,8 +31,8 @@ public:
     const std::vector<std::string>& losses() const;  // what could not be read, a line each
     bool has_tables() const;
 
-    // The process lives: of its threads those remain which do, by the names that they have now, and ages count from now,
-    // not from the newest record.
+    // The process lives: of its threads those remain which do, by the names that they have now, and ages count from
+    // now, not from the newest record.
     void leave_living(const std::map<uint32, std::string>& living);
 
     // As the process itself would write it; the thread tables with `tables`.

@@ -121,9 +121,7 @@ std::vector<std::string> default_folders()
     return is_one ? std::vector<std::string>{folder.empty() ? "." : folder} : std::vector<std::string>();
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
     CLI::App app("reads event histories of libcorvex16_r from outside their processes", "corvex-hist");
     app.set_version_flag("--version", CORVEX_TOOL_VERSION);
@@ -156,4 +154,16 @@ int main(int argc, char** argv)
         return code == ALL_READ ? IN_PART : code;
     }
     return code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& e) {
+        fprintf(stderr, "corvex-hist: %s\n", e.what());  // no memory
+        return NOTHING;
+    }
 }

@@ -73,7 +73,8 @@ public:
         return found;
     }
 
-    // By the tables of symbols, as the loader has mapped them: a program that names the pointer has it in its own memory.
+    // By the tables of symbols, as the loader has mapped them: a program that names the pointer has it in its own
+    // memory.
     std::optional<uint64> image_pointer() override
     {
         std::error_code error;

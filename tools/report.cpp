@@ -163,7 +163,7 @@ std::string end_of(const an_image& image, const a_state& state)
 {
     const a_ut_crash_record& crash = state.live.crash;
     const a_life life = life_of(image.header);
-    const std::string crashed = crash.state != UT_CRASH_NONE ? "crashed: " + signal_name(crash.sig) : "";
+    std::string crashed = crash.state != UT_CRASH_NONE ? "crashed: " + signal_name(crash.sig) : "";
     if (life == ALIVE && image.source->is_live())
         return crashed.empty() ? "alive" : "ending: " + signal_name(crash.sig);
     if (!crashed.empty())
