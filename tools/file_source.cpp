@@ -1,5 +1,5 @@
-// file_source.cpp: reads a history file (UT_HIST_EXT=file=...), which holds the bytes of the image from its beginning on.
-// The file of a process that lives may be written meanwhile.
+// file_source.cpp: reads a history file (UT_HIST_EXT=file=...), which holds the bytes of the image from its beginning
+// on. The file of a process that lives may be written meanwhile.
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>

@@ -4,8 +4,8 @@
 // have not come back yet, texts by pointer become texts of the reader, counts are cut to what their tables hold.
 //
 // The image may be written while it is read. What a sequence word guards is read between two looks at that word, as
-// hist_ring.h and hist_threads.h say of readers in the process. A look is a call of its own: one call copies in no order
-// that is told.
+// hist_ring.h and hist_threads.h say of readers in the process. A look is a call of its own: one call copies in no
+// order that is told.
 #include "tools/loader.h"
 
 #include <string.h>

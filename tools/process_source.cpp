@@ -201,13 +201,15 @@ std::unique_ptr<an_image_source> open_process(int pid, std::string& problem)
     char byte;
     if (readable != maps.end() && source->read(readable->begin, &byte, sizeof byte))
         return source;
-    const int error = maps.empty() ? EACCES : errno;
+    const int error = errno;
     if (std::unique_ptr<an_image_source> file = open_mapped_file(pid, maps))
         return file;
-    problem = error == ENOSYS ? "this system cannot read another process's memory (process_vm_readv)"
-                              : "its memory may not be read: be its user or root or have CAP_SYS_PTRACE, and see "
-                                "/proc/sys/kernel/yama/ptrace_scope: from 1 on only root may, or its debugger";
-    if (maps.empty() && geteuid() == 0)
+    if (maps.empty() && std::ifstream(proc(pid, "maps")).is_open())
         problem = "it has no memory: it has ended, or is the kernel's";
+    else if (!maps.empty() && error == ENOSYS)
+        problem = "this system cannot read another process's memory (process_vm_readv)";
+    else
+        problem = "its memory may not be read: be its user or root or have CAP_SYS_PTRACE, and see "
+                  "/proc/sys/kernel/yama/ptrace_scope: from 1 on only root may, or its debugger";
     return nullptr;
 }
