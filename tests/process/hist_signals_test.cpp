@@ -28,10 +28,12 @@ TEST(HistSignals, HandlerUsesNothingUnsafeAndLittleStack)
 
 TEST(HistFork, ChildrenRecordAndDumpAtOnce)
 {
-    const a_run result = run("hist_forks", {"UT_HIST=xn50k300l=/dev/null,r-f-", "UT_HIST_THREAD_SLOT=dense"},
-                             {sanitized ? "30" : "200"});
-    EXPECT_TRUE(result.exited_well()) << result.status;
-    EXPECT_EQ(result.out + result.err, "failed 0\n");
+    for (const char* file : {"UT_HIST_EXT=tables", "UT_HIST_EXT=tables,file=x", "UT_HIST_EXT=tables,file=%p.x"}) {
+        const a_run result = run("hist_forks", {"UT_HIST=xn50k300l=/dev/null,r-f-", "UT_HIST_THREAD_SLOT=dense", file},
+                                 {sanitized ? "30" : "99"});
+        EXPECT_TRUE(result.exited_well()) << result.status;
+        EXPECT_EQ(result.out + result.err, "failed 0\n") << file;
+    }
 }
 
 TEST(HistFork, ErroutFileHoldsWholeLinesOfEveryProcess)

@@ -15,6 +15,7 @@
 #include "utils/etc/utenv.h"
 #include "utils/etc/utline.h"
 #include "utils/unix/unixaltstack.h"
+#include "utils/unix/unixfork.h"
 
 constinit a_ut_crash_record ut_crash_record = {
     UT_CRASH_MAGIC, UT_CRASH_VERSION, sizeof(a_ut_crash_record), UT_CRASH_NONE, 0, 0, 0, 0, -1, 0, 0, 0, 0, 0, {}};
@@ -399,7 +400,8 @@ bool ut_keep_record(const an_onsig_call& call)
     r.pc = ut_pc_of(call.context);
     memcpy(r.registers, registers, sizeof r.registers);
     __atomic_store_n(&r.state, UT_CRASH_WHOLE, __ATOMIC_RELEASE);
-    if (a_ut_crash_record* const copy = unix_get_crash_copy(); copy != nullptr)
+    // A child that has run no fork handlers may share the place with its parent.
+    if (a_ut_crash_record* const copy = unix_get_crash_copy(); copy != nullptr && unix_is_home_process())
         *copy = r;
     return true;
 }

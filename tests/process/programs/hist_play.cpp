@@ -193,7 +193,7 @@ void fork_child(args_of args)
 {
     fflush(nullptr);
     const bool shares_memory = args[0] == "vfork";
-    const pid_t child = shares_memory ? vfork() : fork();
+    const pid_t child = shares_memory ? vfork() : args[0] == "bare" ? _Fork() : fork();
     if (child == 0 && shares_memory)
         play(args.rest(1)), _exit(0);
     if (child == 0) {
@@ -382,6 +382,7 @@ const std::map<std::string, void (*)(args_of args)> commands = {
     {"handler", show_handler},
     {"child", fork_child},
     {"vfork", fork_child},
+    {"bare", fork_child},  // without fork handlers
 };
 
 void play(const std::string& line)
@@ -391,7 +392,7 @@ void play(const std::string& line)
     for (std::string word; words >> word;)
         args.push_back(word);
     const bool kept = shown;
-    shown = std::string(" on begin stop child usr1 ").find(" " + args[0] + " ") == std::string::npos;
+    shown = std::string(" on begin stop child bare usr1 ").find(" " + args[0] + " ") == std::string::npos;
     commands.at(args[0])(args);
     shown = kept;
 }

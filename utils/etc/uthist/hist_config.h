@@ -8,7 +8,7 @@
 #include <signal.h>
 #include <stddef.h>
 
-#include "corvex/hist.h"
+#include "corvex/hist_image.h"
 
 struct a_ut_hist_dump;
 struct a_hist_row;
@@ -26,11 +26,14 @@ inline constexpr int32 default_data_size = 16384;  // bytes of a data ring
 inline constexpr int32 default_file_len = 23;
 inline constexpr int32 default_id_len = 15;
 inline constexpr int32 default_ev_len = 31;
+inline constexpr uint32 default_dead = 10;      // history files of dead processes that start-up leaves
+inline constexpr uint32 hist_most_dead = 1000;  // that keep=<n> may ask for
+inline constexpr size_t hist_file_size = sizeof a_ut_hist_image::file;  // of the file's name, its NUL included
 inline constexpr size_t env_buf_size = 150;  // of UT_HIST's value, the terminating NUL included
 
 struct alignas(cache_line) a_ut_hist_settings {
     int32 ut_hist_debug_num = default_num;
-    int32 ut_hist_dump_on_fini = 1;
+    bool copies = true;  // texts are copied (copy mode): option f is on, or there is to be a history file
     int32 ut_hist_dump_on_sig = 1;
     int32 ut_hist_z_messages = 0;
     int32 ut_hist_inc_sigmask = 0;  // the switch of its column
@@ -45,6 +48,7 @@ struct alignas(cache_line) a_ut_hist_settings {
     size_t text_stride = 0;
 
     int32 hist_num_q = default_num_q;
+    int32 ut_hist_dump_on_fini = 1;
     int32 ut_hist_debug_q_by_thr = 0;
     int32 ut_hist_debug_data_size = default_data_size;
     int32 ut_hist_debug_rec_stats = 0;
@@ -57,12 +61,15 @@ struct alignas(cache_line) a_ut_hist_settings {
     bool slots_set = false;                       // UT_HIST_THREAD_SLOT is
     bool tables = false;                          // UT_HIST_EXT=tables: dumps are followed by what each thread does
     bool crash = false;                           // UT_HIST_EXT=crash: the history is dumped when a signal ends all
+    bool keep_file = false;                       // UT_HIST_EXT=keep: a clean exit leaves the history file
     int32 dump_signal = SIGUSR1;                  // on which the history is dumped
+    uint32 keep_dead = default_dead;              // history files of dead processes, at most
     int32 include[26] = {};                       // the switches of the columns, by sub-letter
 
     // Names given by options outlive the option string: a second start-up overwrites that.
     char log_name[env_buf_size] = "";
     char err_name[env_buf_size] = "";
+    char file_pattern[hist_file_size] = "";  // UT_HIST_EXT=file: of the history file's name; empty for none
 };
 static_assert(offsetof(a_ut_hist_settings, hist_num_q) == cache_line);
 extern a_ut_hist_settings hist_cfg;

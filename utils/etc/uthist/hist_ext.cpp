@@ -10,6 +10,7 @@
 #include "utils/etc/utenv.h"
 #include "utils/etc/uthist/hist_config.h"
 #include "utils/etc/uthist/hist_errout.h"
+#include "utils/etc/uthist/hist_file.h"
 #include "utils/unix/unixsigs.h"
 
 namespace {
@@ -30,6 +31,26 @@ bool apply_dense(const char* value)
     if (slots != 0 && !hist_cfg.slots_set)
         hist_cfg.dense_slots = slots;
     return slots != 0;
+}
+
+// A file without its name would be another one.
+bool apply_file(const char* value)
+{
+    if (value == nullptr || !hist_file_is_pattern(value))
+        return false;
+    strcpy(hist_cfg.file_pattern, value);
+    return true;
+}
+
+// The clean exit's file is kept, and a number of those of dead processes.
+bool apply_keep(const char* value)
+{
+    char* end = nullptr;
+    const unsigned long most = value != nullptr ? strtoul(value, &end, 10) : default_dead;
+    if (value != nullptr && (*value < '0' || *value > '9' || *end != '\0' || most > hist_most_dead))
+        return false;
+    hist_cfg.keep_dead = uint32(most);
+    return hist_cfg.keep_file = true;
 }
 
 bool apply_tables(const char*) { return hist_cfg.tables = true; }
@@ -79,6 +100,8 @@ constexpr a_word words[] = {
     {"all", '\0', "all", true, apply_all},
     {"crash", '\0', "crash", true, apply_crash},
     {"dense", ':', "dense[:<max>]", false, apply_dense},  // by itself
+    {"file", '=', "file=<pattern>", true, apply_file},
+    {"keep", '=', "keep[=<n>]", false, apply_keep},
     {"signal", '=', "signal=<name>", false, apply_signal},
     {"tables", '\0', "tables", true, apply_tables},
 };
@@ -105,6 +128,19 @@ bool apply(const char* at)
     return false;
 }
 
+// The word at `at`, which it ends, and moves `at` behind it; null at the end. A comma behind '%' is of a file's name.
+char* next_word(char*& at)
+{
+    while (*at == ',')
+        at++;
+    char* const word = at;
+    while (*at != '\0' && *at != ',')
+        at += at[0] == '%' && at[1] != '\0' ? 2 : 1;
+    if (*at != '\0')
+        *at++ = '\0';
+    return *word != '\0' ? word : nullptr;
+}
+
 void note_unknown(const char* at)
 {
     an_output out;
@@ -114,24 +150,35 @@ void note_unknown(const char* at)
         note.text.put(&word == words ? " " : ", ", word.shown);
 }
 
-}  // namespace
-
-void hist_read_ext()
+void read_words()
 {
-    hist_cfg.tables = hist_cfg.crash = false;
-    hist_cfg.dump_signal = SIGUSR1;
     const char* const given = ut_getenv2("UT_HIST_EXT");
     if (given == nullptr)
         return;
     char value[value_size];
     ut_getenv("UT_HIST_EXT", value, sizeof value);
-    char* rest = nullptr;
-    for (char* at = strtok_r(value, ",", &rest); at != nullptr; at = strtok_r(nullptr, ",", &rest))
-        if (!apply(at))
-            note_unknown(at);
-    if (strlen(given) >= sizeof value) {
+    const bool cut = strlen(given) >= sizeof value;
+    char* rest = value;
+    while (char* const word = next_word(rest)) {
+        const bool whole = !cut || *rest != '\0' || given[value_size - 1] == ',';
+        if (whole && !apply(word))
+            note_unknown(word);
+    }
+    if (cut) {
         an_output out;
         hist_note(out, hist_errout_as_it_is())
             .text.put("UT_HIST_EXT is too long: only its first ", value_size - 1, " characters count");
     }
+}
+
+}  // namespace
+
+void hist_read_ext()
+{
+    hist_cfg.tables = hist_cfg.crash = hist_cfg.keep_file = false;
+    hist_cfg.dump_signal = SIGUSR1;
+    hist_cfg.keep_dead = default_dead;
+    hist_cfg.file_pattern[0] = '\0';
+    read_words();
+    hist_cfg.copies = hist_cfg.ut_hist_dump_on_fini != 0 || hist_cfg.file_pattern[0] != '\0';
 }

@@ -3,6 +3,6 @@
 #pragma once
 
 void hist_header_fill();        // of a store that has just been mapped, but for its sections and its magic
-void hist_header_publish();     // the store is whole: its magic, and the exported pointer
+void hist_header_publish();     // the store is whole: its magic, and the exported pointer. Signal-safe.
 void hist_header_zone();        // the zone table as it is now. Signal-safe.
-void hist_header_fork_child();  // Signal-safe.
+void hist_header_fork_child();  // in the child's own store. Signal-safe.

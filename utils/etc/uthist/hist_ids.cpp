@@ -62,7 +62,7 @@ a_ut_hist_id ut_hist_id_alloc(const char* file, uint32 line, const char* desc)
 {
     a_ut_hist_id id = const_cast<char*>(desc);
     const a_hist_user user;
-    if (!__atomic_load_n(&hist.hist_initialized, __ATOMIC_ACQUIRE) || !user.has_store() || hist.hist_ids == nullptr)
+    if (!hist_runs() || !user.has_store() || hist.hist_ids == nullptr)
         return id;
     const a_safe_lock lock(&hist.hist_ids_mutex);
     const int32 index = hist.hist_num_ids;

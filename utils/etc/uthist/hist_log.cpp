@@ -218,8 +218,6 @@ void dump_on_request(FILE* f)
     hist_dump_release();
 }
 
-bool running() { return __atomic_load_n(&hist.hist_initialized, __ATOMIC_ACQUIRE); }
-
 // ---- SIGUSR1 ----
 
 void signal_handler_with_context(int signal_number, siginfo_t*, void*) { ut_hist_signal_handler(signal_number); }
@@ -265,7 +263,7 @@ void hist_dump_release()
     if (move_dump(pack_dump(DUMP_RUNNING, me), pack_dump(DUMP_IDLE)))
         return;
     move_dump(pack_dump(DUMP_WANTED, me), pack_dump(DUMP_IDLE));
-    if (running() && unix_current_handler(hist_cfg.dump_signal) == signal_handler_with_context)
+    if (hist_runs() && unix_current_handler(hist_cfg.dump_signal) == signal_handler_with_context)
         kill(getpid(), hist_cfg.dump_signal);
 }
 
@@ -339,7 +337,7 @@ void crash_began(int sig, int code, const void* address)
 // end in time gives way: it waits for what this thread held when it was interrupted, or its thread has crashed too.
 void crash_dump()
 {
-    if (!running() || dumped_in_crash())
+    if (!hist_runs() || dumped_in_crash())
         return;
     if (!hist_dump_claim_in_time())
         __atomic_store_n(&hist.dump_state, pack_dump(DUMP_RUNNING, this_thread()), __ATOMIC_RELEASE);
@@ -379,7 +377,7 @@ void ut_hist_signal_handler(int)
     const uint64 me = this_thread();
     if (__atomic_load_n(&hist.no_memory, __ATOMIC_RELAXED))
         hist_note_no_memory();
-    while (running() && !dumped_in_crash()) {
+    while (hist_runs() && !dumped_in_crash()) {
         // Signals faster than the looks of one that waits would keep it waiting for ever.
         const bool leaves = hist.waiting.now() > 0 && !unix_ends_process;
         if (leaves && move_dump(pack_dump(DUMP_IDLE), pack_dump(DUMP_WANTED)))

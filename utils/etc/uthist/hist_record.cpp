@@ -154,7 +154,7 @@ inline uint32 record(const an_event& event, a_ut_hist_event_list& queue, int32 q
     __atomic_store_n(&r.seq, seq_writing(at.laps), __ATOMIC_RELAXED);
     __atomic_store_n(&r.time_of_day.tv_sec, now.tv_sec, __ATOMIC_RELEASE);
     __atomic_store_n(&r.time_of_day.tv_usec, now.tv_usec, __ATOMIC_RELEASE);
-    if (hist_cfg.ut_hist_dump_on_fini != 0)
+    if (hist_cfg.copies)
         hist_store_texts(queue.texts + at.next * hist_cfg.text_stride, event.file, event.id.text, event.ev);
     else
         hist_store_pointers(r, event.file, event.id.text, event.ev);
@@ -218,8 +218,7 @@ void miss(uint32 t)
 void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl cl, a_ut_hist_id id, const char* ev,
                  int32 pn, void* p1, void* p2, void* p3, void* p4, void* p5, void* p6, void* p7, void* p8)
 {
-    // Acquire: who sees the history running sees its whole store.
-    if (!__atomic_load_n(&hist.hist_initialized, __ATOMIC_ACQUIRE)) [[unlikely]]
+    if (!hist_runs()) [[unlikely]]
         return;
     const a_slot slot = hist_thread_slot();
     if (slot.thread == nullptr) [[unlikely]] {
@@ -234,7 +233,7 @@ void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl
     // A handler on this thread must find the mark for as long as the record is being written, and no longer.
     std::atomic_signal_fence(std::memory_order_seq_cst);
     // Looked at again: shut-down waits for marks that it sees, and a mark it did not see finds the history stopped.
-    if (__builtin_expect(!__atomic_load_n(&hist.hist_initialized, __ATOMIC_RELAXED), 0)) {
+    if (__builtin_expect(!hist_runs(), 0)) {
         __atomic_store_n(&recursing, uint8_t(0), __ATOMIC_RELAXED);
         return;
     }

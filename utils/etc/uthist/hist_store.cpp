@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "utils/etc/utclock.h"
+#include "utils/etc/uthist/hist_file.h"
 #include "utils/unix/unixcrash.h"
 #include "utils/unix/utptmutex.h"
 
@@ -54,13 +55,12 @@ size_t left_bytes = 0;
 // thread slots the first are written when the store is made, the others' pages are taken when they are claimed.
 a_layout lay_out(size_t dump_bytes)
 {
-    const bool copies = hist_cfg.ut_hist_dump_on_fini != 0;
     struct {
         size_t entry, entries;
     } const wanted[UT_HIST_SECTIONS] = {
         /* UT_HIST_QUEUES */ {sizeof(a_ut_hist_event_list), queues()},
         /* UT_HIST_RINGS */ {sizeof(a_ut_hist_event), records()},
-        /* UT_HIST_TEXTS */ {hist_cfg.text_stride, copies ? records() : 0},
+        /* UT_HIST_TEXTS */ {hist_cfg.text_stride, hist_cfg.copies ? records() : 0},
         /* UT_HIST_DATA */ {1, times(queues(), data_ring_bytes())},
         /* UT_HIST_REGISTRY */ {sizeof(a_ut_hist_id_data), ids()},
         /* UT_HIST_ID_TEXTS */ {1, times(ids(), id_text_bytes)},
@@ -90,22 +90,31 @@ T* at(char* base, const a_layout& layout, uint32 section)
     return reinterpret_cast<T*>(base + layout.sections[section].at);
 }
 
-void touch(void* mapping, size_t from, size_t to)
+// What an event needs is made present, so that none pays for a first touch; other slots' pages come with their claim.
+a_hist_used used_pages(const a_layout& layout)
 {
-    for (size_t byte = from; byte < to; byte += page)
-        static_cast<volatile char*>(mapping)[byte] = 0;
+    const size_t first_slots = slots() < hist_handle_slots ? slots() : size_t(hist_handle_slots);
+    const size_t threads = layout.sections[UT_HIST_THREADS].at, views = layout.sections[UT_HIST_VIEWS].at;
+    return {{{0, threads + first_slots * sizeof(a_ut_hist_thread)}, {views, views + first_slots * hist_view_bytes()}}};
 }
 
-// What an event needs is written once, so that none pays for a first touch; other slots' pages come with their claim.
-void* map_pages(const a_layout& layout)
+void* map_memory(const a_layout& layout)
 {
     void* const mapping = mmap(nullptr, layout.end, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mapping == MAP_FAILED)
         return nullptr;
-    const size_t first_slots = slots() < hist_handle_slots ? slots() : size_t(hist_handle_slots);
-    const size_t threads = layout.sections[UT_HIST_THREADS].at, views = layout.sections[UT_HIST_VIEWS].at;
-    touch(mapping, 0, threads + first_slots * sizeof(a_ut_hist_thread));
-    touch(mapping, views, views + first_slots * hist_view_bytes());
+    hist_touch(mapping, used_pages(layout));
+    return mapping;
+}
+
+// Null where no history file is asked for, or none can be had.
+void* map_file(const a_layout& layout)
+{
+    void* const mapping = hist_file_map(layout.end, used_pages(layout));
+    if (mapping == nullptr)
+        return nullptr;
+    hist.words = static_cast<a_hist_words*>(hist_file_wiped_page());
+    *hist.words = {false, true};
     return mapping;
 }
 
@@ -119,9 +128,8 @@ bool fill_queues(char* base, const a_layout& layout)
         queue.evs = at<a_ut_hist_event>(base, layout, UT_HIST_RINGS) + q * num;
         queue.data_pos = uint64(1) << 32;  // generation 1, nothing stored
         queue.data_buf = data_bytes != 0 ? at<char>(base, layout, UT_HIST_DATA) + q * data_bytes : nullptr;
-        queue.texts = hist_cfg.ut_hist_dump_on_fini != 0
-                          ? at<char>(base, layout, UT_HIST_TEXTS) + q * num * hist_cfg.text_stride
-                          : nullptr;
+        queue.texts =
+            hist_cfg.copies ? at<char>(base, layout, UT_HIST_TEXTS) + q * num * hist_cfg.text_stride : nullptr;
         if (ut_safe_pthread_mutex_init(&queue.mutex, nullptr) != 0)
             return false;
     }
@@ -208,7 +216,9 @@ a_layout hist_layout(size_t dump_bytes) { return lay_out(dump_bytes); }
 // Signal-safe.
 void hist_store_forget()
 {
-    __atomic_store_n(&hist.hist_initialized, false, __ATOMIC_RELAXED);
+    hist_file_forget();
+    hist.words = &hist.plain;
+    hist_set_running(false);
     __atomic_store_n(&hist.dump_state, pack_dump(DUMP_CLOSED), __ATOMIC_RELEASE);
     hist.hist_evs = nullptr;
     hist.hist_ids = nullptr;
@@ -223,7 +233,9 @@ bool hist_store_alloc(size_t (*dump_bytes)())
     const int32 knum = hist_cfg.ut_hist_debug_knum, data = hist_cfg.ut_hist_debug_data;
     a_layout layout = lay_out(dump_bytes());
     hist.wanted_bytes = layout.end;
-    while ((hist.mapping = map_pages(layout)) == nullptr && (ids() != 0 || data_ring_bytes() != 0)) {
+    hist.mapping = map_file(layout);
+    while (hist.mapping == nullptr && (hist.mapping = map_memory(layout)) == nullptr &&
+           (ids() != 0 || data_ring_bytes() != 0)) {
         const size_t registry = times(ids(), sizeof(a_ut_hist_id_data) + K_LAST * sizeof(a_ut_hist_timer_list));
         const bool data_is_larger = times(queues(), data_ring_bytes()) > registry;
         (data_is_larger ? hist_cfg.ut_hist_debug_data : hist_cfg.ut_hist_debug_knum) = 0;
@@ -238,6 +250,7 @@ bool hist_store_alloc(size_t (*dump_bytes)())
     fill_live(*at<a_ut_hist_live>(base, layout, UT_HIST_LIVE));
     if (!fill_queues(base, layout)) {
         hist_store_free(true);
+        hist_file_end();
         hist.no_memory = true;
         return false;
     }
@@ -314,7 +327,7 @@ size_t hist_view_bytes()
         return 0;
     const size_t id_bytes = hist_cfg.ev_text_at - hist_cfg.id_text_at,
                  ev_bytes = hist_cfg.text_stride - hist_cfg.ev_text_at;
-    const size_t texts = hist_cfg.ut_hist_dump_on_fini != 0 ? ev_bytes + (1 + hist_max_spans) * id_bytes : 0;
+    const size_t texts = hist_cfg.copies ? ev_bytes + (1 + hist_max_spans) * id_bytes : 0;
     return (sizeof(a_hist_view) + texts + cache_line - 1) / cache_line * cache_line;
 }
 

@@ -4,8 +4,9 @@
 // records, texts, data rings, registry, timers, the settings, a dump's buffers, thread slots. Nothing is allocated
 // after start-up but the texts of registered ids for which the store has no room. Before the sections stands a header
 // for readers from outside (hist_image.h), who find there all that a dump needs. All its pages are present from the
-// start, but for thread slots beyond the first 256, which become so when they are claimed. What stands in it points
-// only into it, into the pools of mutexes, or, in pointer mode, to texts of the program.
+// start, but for thread slots beyond the first 256, which become so when they are claimed. With UT_HIST_EXT=file the
+// mapping is that of a file (hist_file.h). What stands in it points only into it, into the pools of mutexes, or, in
+// pointer mode, to texts of the program.
 //
 // Locks and their order: a queue's mutex (several in ascending queue order), then at most one timer list's mutex.
 // hist_ids_mutex is taken alone. Not signal-safe, but what says so.
@@ -44,8 +45,16 @@ enum a_dump_state : uint64 { DUMP_CLOSED = 0, DUMP_IDLE = 1, DUMP_RUNNING = 2, D
 inline constexpr uint64 dump_state_bits = 3;
 inline constexpr uint64 pack_dump(a_dump_state state, uint64 owner = 0) { return owner | state; }
 
+// Whether the history runs, and whether the store is this process's own. With a history file the words lie in a page
+// that a forked child finds wiped: until its fork step has given it a store of its own, and for ever where none runs,
+// it neither records nor dumps.
+struct a_hist_words {
+    bool runs, own;
+};
+
 struct alignas(cache_line) a_ut_hist_store {
     // Read by every event, written by start-up and shut-down, and now and then by a registration or a dump.
+    a_hist_words* words = &plain;    // these, or those in the page that is wiped
     a_ut_hist_event_list* hist_evs;  // hist_num_q queues
     a_ut_hist_id_data* hist_ids;     // or null
     a_ut_hist_timer_list* timers;    // K_LAST lists for each id
@@ -54,9 +63,10 @@ struct alignas(cache_line) a_ut_hist_store {
     uint32 start;        // the number of this start-up, 0 before the first
     uint32 num_threads;  // slots
     int32 hist_num_ids;
-    bool hist_initialized;
+    bool hist_initialized;  // what words->runs says to the process whose own the store is
     bool hist_ok_to_dump;
     bool closing;  // shut-down is about to free the store
+    a_hist_words plain = {false, true};
     int32 sig_handler_installed;
     a_critical_sect hist_ids_mutex;
     uint64 dump_state;  // a_dump_state and its owner, packed
@@ -81,6 +91,16 @@ struct alignas(cache_line) a_ut_hist_store {
     alignas(cache_line) uint32 hist_count;
 };
 extern a_ut_hist_store hist;
+
+// Acquire: who sees the history running sees its whole store. Signal-safe.
+inline bool hist_runs() { return __atomic_load_n(&hist.words->runs, __ATOMIC_ACQUIRE); }
+
+// Release, for those. Signal-safe.
+inline void hist_set_running(bool runs)
+{
+    __atomic_store_n(&hist.hist_initialized, runs, __ATOMIC_RELEASE);
+    __atomic_store_n(&hist.words->runs, runs, __ATOMIC_RELEASE);
+}
 
 // Signal-safe.
 inline a_hist_view& hist_view_of(uint32 t)
@@ -155,7 +175,9 @@ private:
     // Acquire: who finds the dump open finds the whole store. Signal-safe.
     static bool store_stands()
     {
+        // Relaxed: only a forked child's fork step changes it.
         return !__atomic_load_n(&hist.closing, __ATOMIC_SEQ_CST) &&
+               __atomic_load_n(&hist.words->own, __ATOMIC_RELAXED) &&
                __atomic_load_n(&hist.dump_state, __ATOMIC_ACQUIRE) != pack_dump(DUMP_CLOSED);
     }
 

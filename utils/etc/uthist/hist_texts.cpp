@@ -64,7 +64,7 @@ void hist_lay_out_texts()
     hist_cfg.text_stride = file + id + text_bytes(hist_cfg.hist_max_ev_len);
 }
 
-size_t hist_row_texts_bytes() { return hist_cfg.ut_hist_dump_on_fini != 0 ? hist_cfg.text_stride : 0; }
+size_t hist_row_texts_bytes() { return hist_cfg.copies ? hist_cfg.text_stride : 0; }
 
 __attribute__((noinline, cold)) const char* hist_id_text(const char* id, char (&buf)[2 * text_block])
 {

@@ -19,7 +19,7 @@ constexpr size_t events_width = 6;
 constexpr size_t last_width = 31;  // of id and event text together
 
 size_t id_bytes(const a_ut_hist_settings& cfg) { return cfg.ev_text_at - cfg.id_text_at; }
-bool copies(const a_ut_hist_settings& cfg) { return cfg.ut_hist_dump_on_fini != 0; }
+bool copies(const a_ut_hist_settings& cfg) { return cfg.copies; }
 
 size_t event_bytes(const a_ut_hist_settings& cfg) { return cfg.text_stride - cfg.id_text_at; }
 

@@ -14,6 +14,8 @@
 #include "utils/etc/utclock.h"
 #include "utils/etc/uthist/hist_errout.h"
 #include "utils/etc/uthist/hist_ext.h"
+#include "utils/etc/uthist/hist_file.h"
+#include "utils/etc/uthist/hist_fork.h"
 #include "utils/etc/uthist/hist_header.h"
 #include "utils/etc/uthist/hist_log.h"
 #include "utils/etc/uthist/hist_slots.h"
@@ -85,6 +87,18 @@ bool make_store()
     return true;
 }
 
+// In a forked child: the history goes on in a store that is not its parent's, or not at all. Signal-safe.
+void own_the_store()
+{
+    const bool shared = hist_file_is_mapped();
+    if (!hist_fork_child_store()) {
+        hist_store_forget();
+        ut_hist_setting(UT_HIST_SET_EVENTS_OFF);
+    } else if (shared && hist.hist_evs != nullptr) {
+        hist_dump_lay_out(hist_streams.ut_hist_eol);
+    }
+}
+
 }  // namespace
 
 void ut_hist_static_defaults()
@@ -118,9 +132,8 @@ void ut_hist_init(void)
         hist_errout_close();
         return;
     }
-    // Release: who sees the history running sees its store.
     __atomic_store_n(&hist.hist_ok_to_dump, true, __ATOMIC_RELEASE);
-    __atomic_store_n(&hist.hist_initialized, true, __ATOMIC_RELEASE);
+    hist_set_running(true);
     hist_set_crash_hooks(hist_cfg.crash);
     hist_say(false, "init done");
     hist_tell_open_error(out);
@@ -128,12 +141,12 @@ void ut_hist_init(void)
 
 void ut_hist_fini(void)
 {
-    if (!hist.hist_initialized)
+    if (!hist_runs())
         return;
     const an_uncancelled_scope uncancelled;
     hist_dump_in_crash();
     hist_set_crash_hooks(false);
-    __atomic_store_n(&hist.hist_initialized, false, __ATOMIC_RELEASE);
+    hist_set_running(false);
     __atomic_store_n(&hist.live->state, UT_HIST_IMAGE_ENDED, __ATOMIC_RELEASE);
     hist_say(true, "fini ...");
     if (hist_cfg.ut_hist_dump_on_sig == 1 && __atomic_load_n(&hist.sig_handler_installed, __ATOMIC_RELAXED) != 0) {
@@ -144,6 +157,7 @@ void ut_hist_fini(void)
     left_behind = !clean_up();
     if (left_behind)
         return;
+    hist_file_end();
     hist_say(true, "fini done");
     hist_errout_close();
     if (hist.hist_evs == nullptr)
@@ -160,12 +174,13 @@ void ut_hist_fork_child()
     hist.users.fork_child();
     hist.waiting.fork_child();
     hist_my_uses = 0;
-    hist_slots_fork_child();
-    hist_views_fork_child();
-    hist_header_fork_child();
     hist_errout_fork_child();
+    own_the_store();
+    hist_slots_fork_child();
+    hist_header_fork_child();
     if (hist.hist_evs == nullptr)
         return;
+    hist_views_fork_child();
     for (uint32 t = 0; t < hist_slots_end(); t++)
         for (uint8_t& recursing : hist.threads[t].recursing)
             __atomic_store_n(&recursing, uint8_t(0), __ATOMIC_RELAXED);
@@ -180,8 +195,14 @@ void ut_hist_fork_child()
             ut_safe_pthread_mutex_fork_child(&hist_by_key(i, key).mutex);
 }
 
+// A forked child's exit shuts nothing down, but a file of its own ends with it.
 void ut_hist_unload()
 {
+    if (unix_is_home_process() && hist_file_name()[0] != '\0') {
+        if (hist.mapping != nullptr)
+            __atomic_store_n(&hist.live->state, UT_HIST_IMAGE_ENDED, __ATOMIC_RELEASE);
+        hist_file_end();
+    }
     hist_remove_signal_handler_at_unload();
     hist_slots_unload();
     hist_store_unload();
