@@ -35,7 +35,7 @@ template <bool locked, bool copies>
     if constexpr (locked)
         pthread_mutex_lock(&ring.mutex);
     a_ut_hist_event& r = ring.events[ring.next];
-    gettimeofday(&r.time_of_day, nullptr);
+    gettimeofday(reinterpret_cast<struct timeval*>(&r.time_of_day), nullptr);
     if constexpr (copies) {
         strncpy(r.file, file, file_len);
         strncpy(static_cast<char*>(r.id), id, id_len);

@@ -5,6 +5,8 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <map>
 #include <string>
 #include <thread>
 
@@ -14,6 +16,21 @@ namespace {
 
 // Locks are cheaper in a process that never had a second thread. A server has had one.
 const bool had_second_thread [[maybe_unused]] = (std::thread([] {}).join(), true);
+
+// Folders of history files; they go with the process that made them, and with what its children have left.
+class a_folder {
+public:
+    explicit a_folder(const std::string& in) : path(in + "/corvex-bench-XXXXXX") { (void)!mkdtemp(path.data()); }
+    ~a_folder()
+    {
+        ut_hist_fini();
+        std::error_code error;
+        std::filesystem::remove_all(path, error);
+    }
+    a_folder& operator=(a_folder&&) = delete;  // nor copies
+
+    std::string path;
+};
 
 }  // namespace
 
@@ -25,6 +42,13 @@ void restart_history(const char* options, const char* slots, const char* ext)
     setenv("UT_HIST_THREAD_SLOT", slots, 1);
     setenv("UT_HIST_EXT", ext, 1);
     ut_hist_init();
+}
+
+void restart_with_file(const char* options, const char* folder, const char* name)
+{
+    static std::map<std::string, a_folder> folders;
+    const a_folder& made = folders.try_emplace(folder, folder).first->second;
+    restart_history(options, "dense", ("file=" + made.path + "/" + name).c_str());
 }
 
 int64_t dump_lines()

@@ -19,6 +19,14 @@ inline void own_queue_copy(const benchmark::State&) { restart_history("f+,k-,q8"
 inline void own_queue_pointer(const benchmark::State&) { restart_history("f-,k-,q8"); }
 inline void own_queue_copy_tables(const benchmark::State&) { restart_history("f+,k-,q8", "dense", "tables"); }
 
+// With a history file: on tmpfs, on the disk of /var/tmp, and on tmpfs for the parent alone.
+void restart_with_file(const char* options, const char* folder, const char* name);
+inline void shared_queue_tmpfs(const benchmark::State&) { restart_with_file("f+,k-,q-", "/dev/shm", "%p"); }
+inline void shared_queue_disk(const benchmark::State&) { restart_with_file("f+,k-,q-", "/var/tmp", "%p"); }
+inline void own_queue_tmpfs(const benchmark::State&) { restart_with_file("f+,k-,q8", "/dev/shm", "%p"); }
+inline void own_queue_disk(const benchmark::State&) { restart_with_file("f+,k-,q8", "/var/tmp", "%p"); }
+inline void own_queue_parents_file(const benchmark::State&) { restart_with_file("f+,k-,q8", "/dev/shm", "parent"); }
+
 int64_t dump_lines();  // of a dump taken now
 
 // Fails the benchmark when a dump does not show what its iterations recorded.

@@ -92,6 +92,8 @@ void latency(benchmark::State& state)
     state.counters["floor_p999"] = ns(floor, 0.999);
 }
 BENCHMARK(latency<false>)->Name("latency/warm")->Setup(shared_queue_copy)->Iterations(1);
+BENCHMARK(latency<false>)->Name("latency/tmpfs")->Setup(shared_queue_tmpfs)->Iterations(1);
+BENCHMARK(latency<false>)->Name("latency/disk")->Setup(shared_queue_disk)->Iterations(1);
 BENCHMARK(latency<true>)->Name("latency/cold")->Setup(shared_queue_copy)->Iterations(1);
 
 }  // namespace

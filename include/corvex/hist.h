@@ -104,14 +104,14 @@ extern CORVEX_API int32 ut_hist_debug;
  *   ev          the event's text, may be null
  *   pn          how many of p1..p8 count, 0..8; a larger value is stored as 8; a negative one is stored as it is and
  *               shows every parameter column of the dump
- * Texts are copied when option f is on, else only their addresses are kept and the texts must stay valid until the
- * last dump. Of an id 15 characters are kept, of an event text 31, of a file text shorter than 23 all and of any
- * other one the last 22 (option m changes the numbers). Thread-safe. Signal-safe with UT_HIST_ID_SIGHANDLER only,
- * and not under option Z, which prints each event. Does nothing while the history is not running. An event is
- * dropped silently when a signal handler records on the thread and queue that it interrupted in this function, and
- * counted as missed when the thread has no slot (see UT_HIST_THREAD_SLOT in the user's guide). Allocates nothing,
- * never blocks but for the queue's lock, for a registered id those of its statistics, and with option S what the
- * first event prints while it installs the handler. */
+ * Texts are copied when option f is on or the history has a file, else only their addresses are kept and the texts must
+ * stay valid until the last dump. Of an id 15 characters are kept, of an event text 31, of a file text shorter than 23
+ * all and of any other one the last 22 (option m changes the numbers). Thread-safe. Signal-safe with
+ * UT_HIST_ID_SIGHANDLER only, and not under option Z, which prints each event. Does nothing while the history is not
+ * running. An event is dropped silently when a signal handler records on the thread and queue that it interrupted in
+ * this function, and counted as missed when the thread has no slot (see UT_HIST_THREAD_SLOT in the user's guide).
+ * Allocates nothing, never blocks but for the queue's lock, for a registered id those of its statistics, and with
+ * option S what the first event prints while it installs the handler. */
 CORVEX_API void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl cl, a_ut_hist_id id,
                             const char* ev, int32 pn, void* p1, void* p2, void* p3, void* p4, void* p5, void* p6,
                             void* p7, void* p8);
@@ -146,12 +146,15 @@ CORVEX_API void ut_hist_setting(a_ut_hist_setting s);
 /* Start-up and shut-down; the library calls both as it is loaded and unloaded. Start-up reads UT_HIST,
  * UT_HIST_THREAD_SLOT and UT_HIST_EXT, maps the store and installs the SIGUSR1 handler; it does not guard against a
  * second call without a shut-down between, which loses the first store. A store that cannot be had leaves the history
- * off, with a note; SIGUSR1 is then answered by that note. Shut-down dumps (option f), removes the handler and frees
- * the store (option x); it does nothing unless the history is running. It waits up to a second for other threads that
- * are inside an event or a dump, never for what its own thread was doing. After a shut-down a new start-up reads the
- * environment again: options that it does not name keep their values, but for e, ye, ys and the slot rule, which begin
- * anew. A shut-down that had to leave the store to a thread, say one whose dump does not end, was the last: a start-up
- * then leaves the history off. Neither is thread-safe or signal-safe: no other thread may use the history meanwhile. */
+ * off, with a note; SIGUSR1 is then answered by that note. With UT_HIST_EXT=file=<pattern> the store is a file, which
+ * is there however the process ends (hist_image.h says what is in it); where no file can be had, a note says so and the
+ * history goes on in memory. Shut-down dumps (option f), removes the handler and frees the store (option x) and the
+ * file (unless the word keep is given); it does nothing unless the history is running. It waits up to a second for
+ * other threads that are inside an event or a dump, never for what its own thread was doing. After a shut-down a new
+ * start-up reads the environment again: options that it does not name keep their values, but for e, ye, ys and the slot
+ * rule, which begin anew. A shut-down that had to leave the store to a thread, say one whose dump does not end, was the
+ * last: a start-up then leaves the history off. Neither is thread-safe or signal-safe: no other thread may use the
+ * history meanwhile. */
 CORVEX_API void ut_hist_init(void);
 CORVEX_API void ut_hist_fini(void);
 

@@ -232,8 +232,9 @@ void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl
     __atomic_store_n(&recursing, uint8_t(1), __ATOMIC_RELAXED);
     // A handler on this thread must find the mark for as long as the record is being written, and no longer.
     std::atomic_signal_fence(std::memory_order_seq_cst);
-    // Looked at again: shut-down waits for marks that it sees, and a mark it did not see finds the history stopped.
-    if (__builtin_expect(!hist_runs(), 0)) {
+    // Looked at again: shut-down waits for marks that it sees, and a mark it did not see finds the history stopped. No
+    // fork comes in between, so the process's own word is as good.
+    if (__builtin_expect(!__atomic_load_n(&hist.hist_initialized, __ATOMIC_RELAXED), 0)) {
         __atomic_store_n(&recursing, uint8_t(0), __ATOMIC_RELAXED);
         return;
     }
