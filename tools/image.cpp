@@ -153,7 +153,7 @@ void use_settings(const a_ut_hist_image& header, uint64 events, uint64 ids, uint
     hist_cfg = a_ut_hist_settings();
     hist_cfg.ut_hist_debug_num = int32(events);
     hist_cfg.hist_num_q = int32(header.queues);
-    hist_cfg.ut_hist_dump_on_fini = (header.flags & UT_HIST_IMAGE_COPY) != 0 ? 1 : 0;
+    hist_cfg.copies = (header.flags & UT_HIST_IMAGE_COPY) != 0;
     hist_cfg.tables = (header.flags & UT_HIST_IMAGE_TABLES) != 0;
     hist_cfg.dense_slots =
         (header.flags & UT_HIST_IMAGE_DENSE) != 0 ? uint32(header.sections[UT_HIST_THREADS].entries) : 0;

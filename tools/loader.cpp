@@ -483,7 +483,7 @@ private:
     }
 
     // Addresses count only where texts are not copied.
-    char* text_of(const char* text) { return hist_cfg.ut_hist_dump_on_fini != 0 ? nullptr : texts.pointer(text); }
+    char* text_of(const char* text) { return hist_cfg.copies ? nullptr : texts.pointer(text); }
 
     // An id may also be none or a number.
     char* id_of(const void* id)
