@@ -69,8 +69,7 @@ TEST(CrashReport, ComesFromWhereLocksAreHeldAndFramesAreWrong)
 TEST(CrashReport, IsTheOneOfItsProcess)
 {
     expect(run("crash", {on, "ZT_INSTALL_SIG_HANDLERS=c"}, {"fault", "sets"}), fault + "(sets removed\n){2}");
-    if (std::string(CORVEX_SANITIZE) != "thread")  // which bears no fork beside threads
-        expect(run("crash", {on}, {"fault", "fork"}), fault);
+    expect(run("crash", {on}, {"fault", "fork"}), fault);
     for (int i = 0; i < 20; i++)
         expect(run("crash", {on}, {"both"}), fault);
     expect(run("crash", {}, {"fault", "record"}), "record 1 2 11 1 0x10 1 1\n");
@@ -91,6 +90,23 @@ TEST(CrashReport, GoesWhereItIsToldOrNowhere)
            fault + line + "cannot open /no/such: No such file or directory\n");
     for (const char* silent : {"ZT_CRASH_REPORT=", "ZT_CRASH_REPORT=off", "-="})
         expect(run("crash", {silent}, {"fault"}), "");
+}
+
+// As is all that these tests let a crash do: the program has stand-ins for what is not.
+TEST(CrashReport, IsSignalSafeWithTheHistorysDump)
+{
+    const std::string in_slot = replaced(fault, "slot=-", "slot=0"), skipped = line + "callback .*is skipped.*\n";
+    for (const char* options : {"f-ke", "f-kle", "f-kcl=/no/such/x.log,e"}) {
+        const a_scratch_dir dir;
+        const a_run ran =
+            run("crash", {std::string("UT_HIST=") + options, "UT_HIST_EXT=all"}, {"fault", "fault"}, dir.path);
+        expect(ran, in_slot + skipped);
+        const std::string all = read_file(dir.path + "/ut_hist.log") + read_file(dir.path + "/ut_hist.out");
+        for (const char* part :
+             {"* HISTORY DUMP END", "ending on signal -", "ending on signal  ", "* HISTORY THREADS END"})
+            EXPECT_EQ(count(all, part), 1u) << options << "\n" << part << "\n" << all;
+    }
+    EXPECT_TRUE(sanitized || run("crash", {on}, {"fault", "flush"}).err.ends_with("fflush in a handler\n"));
 }
 
 TEST(Callbacks, ThatCrashAreSkipped)

@@ -27,8 +27,9 @@ a_bool unix_handle_signal_keeping(int signal_number, a_signal_handler_func_with_
                                   struct sigaction* previous)
 {
     struct sigaction disposition = {};
-    disposition.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
-    disposition.sa_sigaction = handler;  // null is SIG_DFL
+    if (handler != nullptr)  // SIG_DFL bears no SA_SIGINFO: the thread sanitizer would take it for a handler of its own
+        disposition.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
+    disposition.sa_sigaction = handler;
     sigemptyset(&disposition.sa_mask);
     sigaddset(&disposition.sa_mask, signal_number);
     return sigaction(signal_number, &disposition, previous) == 0;
@@ -47,9 +48,11 @@ a_bool unix_handle_signal_with_context(int signal_number, a_signal_handler_func_
 a_signal_handler_func_with_context unix_saved_handler(const struct sigaction* disposition)
 {
     constexpr a_ptrint held = 2;  // SIG_DFL and SIG_IGN are 0 and 1
-    const a_ptrint value = reinterpret_cast<a_ptrint>(disposition->sa_sigaction);
+    // Relaxed: one word, which another thread's handler may be taking away.
+    const auto handler = __atomic_load_n(&disposition->sa_sigaction, __ATOMIC_RELAXED);
+    const a_ptrint value = reinterpret_cast<a_ptrint>(handler);
     const bool none = value <= held || value == reinterpret_cast<a_ptrint>(SIG_ERR);
-    return none ? nullptr : disposition->sa_sigaction;
+    return none ? nullptr : handler;
 }
 
 a_signal_handler_func_with_context unix_current_handler(int signal_number)

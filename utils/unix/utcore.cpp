@@ -102,7 +102,7 @@ void remove(a_handled_signal& row)
 {
     if (!row.left_alone)
         sigaction(row.signal, &row.oldhandler, nullptr);
-    row.oldhandler = {};
+    __atomic_store_n(&row.oldhandler.sa_sigaction, nullptr, __ATOMIC_RELAXED);  // a second thread's handler may look
     row.installed = false;
 }
 

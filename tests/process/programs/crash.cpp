@@ -1,4 +1,5 @@
 // crash.cpp: crashes as its first argument says; the further ones are callbacks. Both have their names from `steps`.
+// From the crash on the stand-ins are in force.
 #include <link.h>
 #include <pthread.h>
 #include <signal.h>
@@ -15,6 +16,7 @@
 #include <thread>
 
 #include "corvex/corvex.h"
+#include "unsafe_calls.h"
 
 namespace {
 
@@ -33,8 +35,12 @@ __attribute__((format(printf, 1, 2))) void say(const char* format, ...)
     va_end(args);
 }
 
-__attribute__((noinline)) void fault() { null[4] = 1; }
-void nowhere() { no_function(); }
+__attribute__((noinline)) void fault()
+{
+    in_handler = true;
+    null[4] = 1;
+}
+void nowhere() { in_handler = true, no_function(); }
 void loader()
 {
     dl_iterate_phdr([](dl_phdr_info*, size_t, void*) { return fault(), 0; }, nullptr);
@@ -54,12 +60,14 @@ void heap()
     links[0] = 0x4141414141414141;
     links[1] = 0x4141414141414141;
     free(behind);
-    block = malloc(6000);
+    in_handler = true;
+    block = __libc_malloc(6000);
 }
 
 // A frame whose caller the unwinder looks for at address 24.
 __attribute__((noinline)) void frame()
 {
+    in_handler = true;
     asm volatile(
         ".cfi_remember_state\n\t.cfi_def_cfa rax, 16\n\tmov $16, %%eax\n\tmov %%eax, 8\n\t.cfi_restore_state" ::
             : "rax", "memory");
@@ -70,7 +78,7 @@ void both()
     std::thread other(fault);
     fault();
 }
-void terminate() { kill(getpid(), SIGTERM), pause(); }
+void terminate() { in_handler = true, kill(getpid(), SIGTERM), pause(); }
 void loop()
 {
     for (;;)
@@ -105,7 +113,13 @@ void block()
     sigprocmask(SIG_BLOCK, &all, nullptr);
     loop();
 }
-void fork_and_fault() { fork() == 0 ? fault() : void(wait(nullptr)); }
+void fork_and_fault()
+{
+    in_handler = false;  // the steps of a fork take the library's locks
+    fork() == 0 ? fault() : void(wait(nullptr));
+    in_handler = true;
+}
+void flush() { fflush(stderr); }
 void say_record()
 {
     const a_ut_crash_record& r = ut_crash_record;
@@ -145,7 +159,8 @@ struct a_step {
                    {"timers", 16, no_timers},
                    {"late", 17, start_history},
                    {"dump", 18, dump},
-                   {"exit", 19, [] { exit(3); }}};
+                   {"exit", 19, [] { exit(3); }},
+                   {"flush", 20, flush}};
 
 const a_step* step(const char* name)
 {
@@ -173,6 +188,8 @@ void crash(const a_step* how)
     const stack_t alternate = {stack, 0, stack_size};
     sigaltstack(&alternate, nullptr);
     set_blocked(SIGTERM, SIG_UNBLOCK);
+    UT_HIST_SCOPE(UT_HIST_ID_TEXT("crash"), how->name);
+    UT_HIST_DATA(UT_HIST_ID_TEXT("crash"), "block %f", "some bytes", 10L, 2.5);
     how->run();
 }
 
