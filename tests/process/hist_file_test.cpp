@@ -69,6 +69,12 @@ struct a_folder : a_scratch_dir {
 };
 using a_set = std::multiset<std::string>;
 
+TEST(HistFile, HoldsWholeRowsAndTheNewestEventsWheneverItsProcessIsKilled)
+{
+    const a_run killed = run("hist_kill_torture", {}, {"50", "1", TOOL});
+    EXPECT_EQ(killed.out, "50 rounds, 0 bad\n") << killed.err;
+}
+
 }  // namespace
 
 TEST(HistFile, HoldsTheEventsOfAProcessThatWasKilled)
