@@ -28,6 +28,10 @@ BENCHMARK(history)->Name("event/shared/pointer/history")->Setup(shared_queue_poi
 BENCHMARK(history)->Name("event/own/copy/history")->Setup(own_queue_copy);
 BENCHMARK(history)->Name("event/own/pointer/history")->Setup(own_queue_pointer);
 
+BENCHMARK(history)->Name("tsc/shared/copy/history")->Setup(shared_queue_copy_tsc);
+BENCHMARK(history)->Name("tsc/own/copy/history")->Setup(own_queue_copy_tsc);
+BENCHMARK(history)->Name("tsc/own/pointer/history")->Setup(own_queue_pointer_tsc);
+
 // Two threads that fight for a cache line take turns by chance: many short runs, of which the report takes the median.
 void two_threads(benchmark::internal::Benchmark* benchmark)
 {
@@ -35,6 +39,7 @@ void two_threads(benchmark::internal::Benchmark* benchmark)
 }
 BENCHMARK(history)->Name("event/two/shared/history")->Setup(shared_queue_copy)->Apply(two_threads);
 BENCHMARK(history)->Name("event/two/own/history")->Setup(own_queue_pointer)->Apply(two_threads);
+BENCHMARK(history)->Name("tsc/two/own/history")->Setup(own_queue_pointer_tsc)->Apply(two_threads);
 
 void history_stats(benchmark::State& state)
 {

@@ -17,6 +17,9 @@ inline void shared_queue_copy_stats(const benchmark::State&) { restart_history("
 inline void shared_queue_pointer(const benchmark::State&) { restart_history("f-,k-,q-"); }
 inline void own_queue_copy(const benchmark::State&) { restart_history("f+,k-,q8"); }
 inline void own_queue_pointer(const benchmark::State&) { restart_history("f-,k-,q8"); }
+inline void shared_queue_copy_tsc(const benchmark::State&) { restart_history("f+,k-,q-", "dense", "tsc"); }
+inline void own_queue_copy_tsc(const benchmark::State&) { restart_history("f+,k-,q8", "dense", "tsc"); }
+inline void own_queue_pointer_tsc(const benchmark::State&) { restart_history("f-,k-,q8", "dense", "tsc"); }
 inline void own_queue_copy_tables(const benchmark::State&) { restart_history("f+,k-,q8", "dense", "tables"); }
 
 // With a history file: on tmpfs, on the disk of /var/tmp, and on tmpfs for the parent alone.

@@ -27,7 +27,7 @@ MAGIC = b"cvx\xf1hist\xa6image\r\n"
 # What is read here of corvex/hist_image.h, version 1.
 VERSION, HEADER = 1, struct.Struct("<16sIIQQ")  # magic, version, bytes of the header, of the image, base
 SECTION = struct.Struct("<QQQQ")  # at, bytes, entry bytes, entries
-RINGS, TEXTS, VIEWS = 1, 2, 13
+RINGS, TEXTS, VIEWS = 1, 2, 14
 TEXTS_OF = {RINGS: (320, (40, 208, 216)), VIEWS: (768, (48, 56, *range(88 + 16, 88 + 16 * 40, 40)))}
 LONGEST_TEXT = 1024
 LARGEST_HOLE = 1 << 26  # in what can be read of an image: its size may be wrong

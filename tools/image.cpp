@@ -155,6 +155,7 @@ void use_settings(const a_ut_hist_image& header, uint64 events, uint64 ids, uint
     hist_cfg.hist_num_q = int32(header.queues);
     hist_cfg.copies = (header.flags & UT_HIST_IMAGE_COPY) != 0;
     hist_cfg.tables = (header.flags & UT_HIST_IMAGE_TABLES) != 0;
+    hist_cfg.tsc = (header.flags & UT_HIST_IMAGE_TSC) != 0;
     hist_cfg.dense_slots =
         (header.flags & UT_HIST_IMAGE_DENSE) != 0 ? uint32(header.sections[UT_HIST_THREADS].entries) : 0;
     hist_cfg.hist_max_file_len = int32(header.max_file_len);

@@ -53,6 +53,7 @@ enum {
     UT_HIST_ZONE,     /* a_ut_hist_zone_change: of the local time; live.zone_changes of them count */
     UT_HIST_SETTINGS, /* the library's own */
     UT_HIST_DUMP,     /* the library's own: the buffers of a dump */
+    UT_HIST_ANCHORS,  /* the library's own: of the processor's counter; empty without UT_HIST_IMAGE_TSC */
     UT_HIST_LIVE,     /* a_ut_hist_live: one */
     UT_HIST_TAKEN, /* uint64: bit t % 64 of word t / 64 is set while a thread has slot t; unused without dense slots */
     UT_HIST_THREADS, /* a_ut_hist_thread: one for each slot */
@@ -190,10 +191,11 @@ CORVEX_LAYOUT(offsetof(a_hist_view, open) == 64 && offsetof(a_hist_view, name) =
 CORVEX_LAYOUT(offsetof(a_hist_view, spans) == 88 && sizeof(a_hist_view) == 768);
 
 /* The flags of an image. */
-#define UT_HIST_IMAGE_COPY   1u /* texts are copied */
-#define UT_HIST_IMAGE_TABLES 2u /* dumps are followed by the thread table */
-#define UT_HIST_IMAGE_DENSE  4u /* slots are given by number; else by the thread's handle, and all count as taken */
-#define UT_HIST_IMAGE_CRLF   8u /* lines of a dump end in "\r\n" */
+#define UT_HIST_IMAGE_COPY   1u  /* texts are copied */
+#define UT_HIST_IMAGE_TABLES 2u  /* dumps are followed by the thread table */
+#define UT_HIST_IMAGE_DENSE  4u  /* slots are given by number; else by the thread's handle, and all count as taken */
+#define UT_HIST_IMAGE_CRLF   8u  /* lines of a dump end in "\r\n" */
+#define UT_HIST_IMAGE_TSC    16u /* times come from the processor's counter */
 
 /* Its states. */
 #define UT_HIST_IMAGE_RUNS  1u

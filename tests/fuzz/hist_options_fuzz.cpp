@@ -26,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     char* const options = strndup(reinterpret_cast<const char*>(data), size < env_buf_size ? size : env_buf_size - 1);
     hist_parse_options(options);
     free(options);
-    hist_write_settings();
+    hist_write_settings(nullptr);
     hist_errout_close();
 
     const a_ut_hist_settings& cfg = hist_cfg;

@@ -379,7 +379,7 @@ void hist_read_options()
 }
 
 // The settings listing, when diagnostic messages are on.
-void hist_write_settings()
+void hist_write_settings(const char* clock)
 {
     if (hist_cfg.ut_hist_z_messages <= 0)
         return;
@@ -392,6 +392,8 @@ void hist_write_settings()
         if (column != nullptr && column->listed != nullptr)
             list(column->listed, &hist_include(hist_cfg, letter), nullptr);
     }
+    if (clock != nullptr)
+        hist_message(out).text.put("clock                   = ", clock);
     hist_message(out).text.str("********** HISTORY z-messages settings end **********");
 }
 

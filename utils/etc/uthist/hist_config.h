@@ -60,6 +60,7 @@ struct alignas(cache_line) a_ut_hist_settings {
     bool log_name_cut = false;                    // the name is not whole: no file is created under it
     bool slots_set = false;                       // UT_HIST_THREAD_SLOT is
     bool tables = false;                          // UT_HIST_EXT=tables: dumps are followed by what each thread does
+    bool tsc = false;                             // UT_HIST_EXT=tsc: times come from the processor's counter
     bool crash = false;                           // UT_HIST_EXT=crash: the history is dumped when a signal ends all
     bool keep_file = false;                       // UT_HIST_EXT=keep: a clean exit leaves the history file
     int32 dump_signal = SIGUSR1;                  // on which the history is dumped
@@ -93,7 +94,7 @@ inline int32& hist_include(a_ut_hist_settings& cfg, char letter) { return cfg.in
 void hist_reset_settings();
 bool hist_is_wanted();
 void hist_read_options();
-void hist_write_settings();
+void hist_write_settings(const char* clock);  // null: the clock is not listed
 char* ut_hist_arg(char* s, int* on_off, int* num, const char** str, const char* def);
 void hist_parse_options(char* s);
 void hist_parse_thread_slot(const char* value);

@@ -55,6 +55,7 @@ bool apply_keep(const char* value)
 
 bool apply_tables(const char*) { return hist_cfg.tables = true; }
 bool apply_crash(const char*) { return hist_cfg.crash = true; }
+bool apply_tsc(const char*) { return hist_cfg.tsc = true; }
 bool apply_all(const char*) { return apply_tables(nullptr) && apply_crash(nullptr); }
 
 // The number that a name of a signal stands for: USR2, SIGUSR2, RTMIN+3, RTMAX-1, 12; 0 for none.
@@ -104,6 +105,7 @@ constexpr a_word words[] = {
     {"keep", '=', "keep[=<n>]", false, apply_keep},
     {"signal", '=', "signal=<name>", false, apply_signal},
     {"tables", '\0', "tables", true, apply_tables},
+    {"tsc", '\0', "tsc", true, apply_tsc},
 };
 
 // Whether `at` is the word, with a value or without; `value` is where the value begins, null for none.
@@ -175,7 +177,7 @@ void read_words()
 
 void hist_read_ext()
 {
-    hist_cfg.tables = hist_cfg.crash = hist_cfg.keep_file = false;
+    hist_cfg.tables = hist_cfg.crash = hist_cfg.tsc = hist_cfg.keep_file = false;
     hist_cfg.dump_signal = SIGUSR1;
     hist_cfg.keep_dead = default_dead;
     hist_cfg.file_pattern[0] = '\0';

@@ -43,7 +43,7 @@ void fill_settings(a_ut_hist_image& image)
 {
     const a_ut_hist_settings& cfg = hist_cfg;
     image.flags = (cfg.copies ? UT_HIST_IMAGE_COPY : 0) | (cfg.tables ? UT_HIST_IMAGE_TABLES : 0) |
-                  (cfg.dense_slots != 0 ? UT_HIST_IMAGE_DENSE : 0) |
+                  (cfg.dense_slots != 0 ? UT_HIST_IMAGE_DENSE : 0) | (cfg.tsc ? UT_HIST_IMAGE_TSC : 0) |
                   (strcmp(hist_streams.ut_hist_eol, "\n") != 0 ? UT_HIST_IMAGE_CRLF : 0);
     image.events = uint32(cfg.ut_hist_debug_num);
     image.queues = uint32(cfg.hist_num_q);

@@ -18,6 +18,7 @@
 #include "utils/etc/uthist/hist_slots.h"
 #include "utils/etc/uthist/hist_stats.h"
 #include "utils/etc/uthist/hist_threads.h"
+#include "utils/etc/uthist/hist_tsc.h"
 
 namespace {
 
@@ -107,6 +108,13 @@ void store_loc(a_ut_hist_loc* loc, const a_ut_hist_loc& value)
     __atomic_store_n(&loc->num, value.num, __ATOMIC_RELAXED);
 }
 
+// Anchors of two queues differ by some microseconds: between their events no time has passed then.
+inline uint32 elapsed(const struct timeval& from, const struct timeval& to)
+{
+    const uint32 passed = hist_elapsed(from, to);
+    return hist.anchors != nullptr && passed > UINT32_MAX - hist_tsc_step ? 0 : passed;
+}
+
 // Times the event against the record that the caller's location names and against the thread's last marker; a pair that
 // the location has just counted is not counted again. Returns the duration column.
 // Signal-safe but for a registered id: for that it locks timer lists.
@@ -118,7 +126,7 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
     an_earlier_event earlier;
     if (loc != nullptr) {
         if (hist_live(load_loc(loc), earlier)) {
-            dur = hist_elapsed(earlier.time_of_day, now);
+            dur = elapsed(earlier.time_of_day, now);
             if (ii >= 0) {
                 ut_hist_add_time(ii, earlier.cl, ii, cl, dur);
                 just_ii = ii;
@@ -133,17 +141,28 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
     const int32 last_ii = __atomic_load_n(&thread.last_marker_ii, __ATOMIC_RELAXED);
     if (last_ii >= 0 && hist_live(load_loc(&thread.last_marker_loc), earlier) &&
         !(last_ii == just_ii && earlier.cl == just_cl))
-        ut_hist_add_time(last_ii, earlier.cl, ii, cl, hist_elapsed(earlier.time_of_day, now));
+        ut_hist_add_time(last_ii, earlier.cl, ii, cl, elapsed(earlier.time_of_day, now));
     __atomic_store_n(&thread.last_marker_ii, ii, __ATOMIC_RELAXED);
     store_loc(&thread.last_marker_loc, here);
     return dur;
+}
+
+// The time of an event. Handlers, and those who name queue 2, may write their queues side by side, which no anchor bears.
+// Through a reference: a copy of both words at once would wait for the two stores of the clock.
+inline void get_time(struct timeval& now, const an_event& event, int32 q)
+{
+    const bool alone = q == 0 || (event.given_id != UT_HIST_ID_SIGHANDLER && event.given_id != UT_HIST_ID_Q2);
+    if (hist.anchors != nullptr && alone) [[unlikely]]
+        hist_tsc_now(hist.anchors[q], now);
+    else
+        gettimeofday(&now, nullptr);
 }
 
 // Fills the queue's next slot and publishes it. Returns the slot. Signal-safe as record_times is.
 inline uint32 record(const an_event& event, a_ut_hist_event_list& queue, int32 q, uint32 t)
 {
     struct timeval now;
-    gettimeofday(&now, nullptr);
+    get_time(now, event, q);
     // The clock waits for all loads before it, a locked instruction for all stores: so both come before what finds and
     // fills the slot. Relaxed: the count orders nothing, it only has to be unique.
     const uint32 num = __atomic_add_fetch(&hist.hist_count, 1u, __ATOMIC_RELAXED);

@@ -68,6 +68,7 @@ a_layout lay_out(size_t dump_bytes)
         /* UT_HIST_ZONE */ {sizeof(a_ut_hist_zone_change), ut_zone_changes},
         /* UT_HIST_SETTINGS */ {sizeof(a_ut_hist_settings), 1},
         /* UT_HIST_DUMP */ {dump_bytes, 1},
+        /* UT_HIST_ANCHORS */ {sizeof(a_hist_anchor), hist_cfg.tsc ? queues() : 0},
         /* UT_HIST_LIVE */ {sizeof(a_ut_hist_live), 1},
         /* UT_HIST_TAKEN */ {sizeof(uint64), (slots() + 63) / 64},
         /* UT_HIST_THREADS */ {sizeof(a_ut_hist_thread), slots()},
@@ -254,6 +255,7 @@ bool hist_store_alloc(size_t (*dump_bytes)())
         hist.no_memory = true;
         return false;
     }
+    hist.anchors = hist_cfg.tsc ? at<a_hist_anchor>(base, layout, UT_HIST_ANCHORS) : nullptr;
     fill_threads(base, layout);
     fill_ids(base, layout);
     hist.dump = at<a_ut_hist_dump>(base, layout, UT_HIST_DUMP);

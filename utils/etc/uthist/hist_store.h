@@ -36,6 +36,17 @@ inline constexpr uint32 hist_no_dur = 0xFFFFFFFF;
 // event touches the first line and the last two. hist_ring.h says what the sequence word means.
 static_assert(alignof(a_ut_hist_event) == cache_line && alignof(a_ut_hist_event_list) == cache_line);
 
+// An anchor of a queue (hist_tsc.h). All zero: the next event makes the first one.
+struct alignas(cache_line) a_hist_anchor {
+    uint64 counter;  // at the anchor
+    uint64 limit;    // counts from there on for which it holds
+    uint64 rate;     // microseconds a count, times 2^40
+    uint64 part;     // of the base, below a microsecond, times 2^40
+    int64_t base;    // the anchor's time, microseconds since 1970
+    int64_t last;    // the last time given
+    uint64 refused;  // the last rate that could not be believed; 0 when the last one could
+};
+
 // A dump runs from `running` to `idle`. A SIGUSR1 that finds one running leaves `wanted`, and the dump that runs writes
 // another when it is done; one that finds none running, but a thread that waits for its turn, leaves it to that.
 // `closed`: there is no store. The state shares one word with the thread whose dump runs (0: none), so that no handler
@@ -59,9 +70,10 @@ struct alignas(cache_line) a_ut_hist_store {
     a_ut_hist_id_data* hist_ids;     // or null
     a_ut_hist_timer_list* timers;    // K_LAST lists for each id
     a_ut_hist_thread* threads;
-    char* views;         // of the thread slots, or null (hist_threads.h)
-    uint32 start;        // the number of this start-up, 0 before the first
-    uint32 num_threads;  // slots
+    char* views;             // of the thread slots, or null (hist_threads.h)
+    a_hist_anchor* anchors;  // of the queues, or null (hist_tsc.h)
+    uint32 start;            // the number of this start-up, 0 before the first
+    uint32 num_threads;      // slots
     int32 hist_num_ids;
     bool hist_initialized;  // what words->runs says to the process whose own the store is
     bool hist_ok_to_dump;

@@ -20,6 +20,7 @@
 #include "utils/etc/uthist/hist_log.h"
 #include "utils/etc/uthist/hist_slots.h"
 #include "utils/etc/uthist/hist_threads.h"
+#include "utils/etc/uthist/hist_tsc.h"
 #include "utils/unix/utending.h"
 #include "utils/unix/utptmutex.h"
 
@@ -73,6 +74,18 @@ bool left_to_a_thread()
            (left_behind || __atomic_load_n(&hist.dump_state, __ATOMIC_ACQUIRE) != pack_dump(DUMP_IDLE));
 }
 
+// One message where the counter cannot be used, and the system clock. Gives the name of what is used.
+const char* start_counter()
+{
+    hist_tsc_start();
+    hist_cfg.tsc = hist_tsc.refused == nullptr;
+    an_output out;
+    if (!hist_cfg.tsc)
+        hist_note(out, hist_errout_as_it_is())
+            .text.put("UT_HIST_EXT=tsc: ", hist_tsc.refused, ": times come from the system clock");
+    return hist_cfg.tsc ? "tsc" : "system";
+}
+
 bool make_store()
 {
     hist_lay_out_texts();
@@ -120,7 +133,7 @@ void ut_hist_init(void)
     ut_zone_refresh();  // before the first message, which begins with the local time
     hist_read_options();
     hist_read_ext();
-    hist_write_settings();
+    hist_write_settings(hist_cfg.tsc ? start_counter() : nullptr);
     const bool made = make_store();
     if (hist_cfg.ut_hist_dump_on_sig == 1)
         hist_install_signal_handler_once();
@@ -185,8 +198,11 @@ void ut_hist_fork_child()
         for (uint8_t& recursing : hist.threads[t].recursing)
             __atomic_store_n(&recursing, uint8_t(0), __ATOMIC_RELAXED);
     hist_log_fork_child();
-    for (int32 q = 0; q < hist_cfg.hist_num_q; q++)
+    for (int32 q = 0; q < hist_cfg.hist_num_q; q++) {
         ut_safe_pthread_mutex_fork_child(&hist.hist_evs[q].mutex);
+        if (hist.anchors != nullptr)
+            hist.anchors[q].limit = 0;  // another thread may have been making it
+    }
     if (hist.hist_ids == nullptr)
         return;
     ut_safe_pthread_mutex_fork_child(&hist.hist_ids_mutex);
