@@ -147,8 +147,8 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
     return dur;
 }
 
-// The time of an event. Handlers, and those who name queue 2, may write their queues side by side, which no anchor bears.
-// Through a reference: a copy of both words at once would wait for the two stores of the clock.
+// The time of an event. Handlers, and those who name queue 2, may write their queues side by side, which no anchor
+// bears. Through a reference: a copy of both words at once would wait for the two stores of the clock.
 inline void get_time(struct timeval& now, const an_event& event, int32 q)
 {
     const bool alone = q == 0 || (event.given_id != UT_HIST_ID_SIGHANDLER && event.given_id != UT_HIST_ID_Q2);
