@@ -31,7 +31,7 @@ void fill_ring(const benchmark::State&)
 {
     hand_ring_init(ring, 0, true);
     for (uint32 n = 0; n < 2 * ring_size; n++)
-        hand_add<true, true>(ring, payload::file, payload::line, UT_HIST_CL_EV, payload::id, payload::text, 4,
+        hand_add<true, true>(ring, payload::file_end, payload::line, UT_HIST_CL_EV, payload::id, payload::text, 4,
                              payload::parms[0], payload::parms[1], payload::parms[2], payload::parms[3]);
 }
 

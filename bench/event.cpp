@@ -67,8 +67,9 @@ BENCHMARK(history)->Name("tables/event/on")->Setup(own_queue_copy_tables);
 template <bool locked, bool copies>
 void hand_event(a_hand_ring& ring)
 {
-    hand_add<locked, copies>(ring, payload::file, payload::line, UT_HIST_CL_EV, payload::id, payload::text, 4,
-                             payload::parms[0], payload::parms[1], payload::parms[2], payload::parms[3]);
+    hand_add<locked, copies>(ring, copies ? payload::file_end : payload::file, payload::line, UT_HIST_CL_EV,
+                             payload::id, payload::text, 4, payload::parms[0], payload::parms[1], payload::parms[2],
+                             payload::parms[3]);
 }
 
 template <bool copies>

@@ -6,8 +6,8 @@
 
 namespace {
 
-constexpr size_t file_len = 23, id_len = 15, ev_len = 31;
-constexpr size_t slot_text_len = file_len + 1 + id_len + 1 + ev_len + 1;
+// In whole blocks of 16 characters, copied without a look at what they hold.
+constexpr size_t file_bytes = 32, id_bytes = 16, ev_bytes = 32, slot_text_len = file_bytes + id_bytes + ev_bytes;
 
 alignas(cache_line) uint32 event_number = 0;
 
@@ -23,8 +23,8 @@ void hand_ring_init(a_hand_ring& ring, uint32 thread, bool copies)
     for (uint32 n = 0; copies && n < ring_size; n++) {
         a_ut_hist_event& r = ring.events[n];
         r.file = ring.texts.get() + n * slot_text_len;
-        r.id = r.file + file_len + 1;
-        r.ev = r.file + file_len + 1 + id_len + 1;
+        r.id = r.file + file_bytes;
+        r.ev = r.file + file_bytes + id_bytes;
     }
 }
 
@@ -37,9 +37,9 @@ template <bool locked, bool copies>
     a_ut_hist_event& r = ring.events[ring.next];
     gettimeofday(reinterpret_cast<struct timeval*>(&r.time_of_day), nullptr);
     if constexpr (copies) {
-        strncpy(r.file, file, file_len);
-        strncpy(static_cast<char*>(r.id), id, id_len);
-        strncpy(r.ev, ev, ev_len);
+        memcpy(r.file, file, file_bytes);
+        memcpy(r.id, id, id_bytes);
+        memcpy(r.ev, ev, ev_bytes);
     } else {
         r.file = const_cast<char*>(file);
         r.id = const_cast<char*>(id);

@@ -36,7 +36,7 @@ int64_t dump_lines();  // of a dump taken now
 void expect_recorded(benchmark::State& state);
 
 // What a call site compiles to, with the payload's file and line in place of its own.
-inline void history_event(a_ut_hist_id id = UT_HIST_ID_TEXT(payload::id))
+inline void history_event(a_ut_hist_id id = UT_HIST_ID_NONE)
 {
     if (ut_hist_is_on())
         ut_hist_add(payload::file, payload::line, nullptr, UT_HIST_CL_EV, id, payload::text, 4, payload::parms[0],

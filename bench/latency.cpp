@@ -76,8 +76,8 @@ void latency(benchmark::State& state)
             history[i] = ticks_of([] { history_event(); });
             prepare();
             floor[i] = ticks_of([] {
-                hand_add<true, true>(ring, payload::file, payload::line, UT_HIST_CL_EV, payload::id, payload::text, 4,
-                                     payload::parms[0], payload::parms[1], payload::parms[2], payload::parms[3]);
+                hand_add<true, true>(ring, payload::file_end, payload::line, UT_HIST_CL_EV, payload::id, payload::text,
+                                     4, payload::parms[0], payload::parms[1], payload::parms[2], payload::parms[3]);
             });
         }
     }

@@ -149,23 +149,26 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
 
 // The time of an event. Handlers, and those who name queue 2, may write their queues side by side, which no anchor
 // bears. Through a reference: a copy of both words at once would wait for the two stores of the clock.
-inline void get_time(struct timeval& now, const an_event& event, int32 q)
+inline uint32 get_time(struct timeval& now, const an_event& event, int32 q)
 {
     const bool alone = q == 0 || (event.given_id != UT_HIST_ID_SIGHANDLER && event.given_id != UT_HIST_ID_Q2);
     if (hist.anchors != nullptr && alone) [[unlikely]]
+    {
+        const uint32 num = __atomic_add_fetch(&hist.hist_count, 1u, __ATOMIC_RELAXED);
         hist_tsc_now(hist.anchors[q], now);
-    else
-        gettimeofday(&now, nullptr);
+        return num;
+    }
+    gettimeofday(&now, nullptr);
+    return __atomic_add_fetch(&hist.hist_count, 1u, __ATOMIC_RELAXED);
 }
 
 // Fills the queue's next slot and publishes it. Returns the slot. Signal-safe as record_times is.
 inline uint32 record(const an_event& event, a_ut_hist_event_list& queue, int32 q, uint32 t)
 {
     struct timeval now;
-    get_time(now, event, q);
+    const uint32 num = get_time(now, event, q);
     // The clock waits for all loads before it, a locked instruction for all stores: so both come before what finds and
     // fills the slot. Relaxed: the count orders nothing, it only has to be unique.
-    const uint32 num = __atomic_add_fetch(&hist.hist_count, 1u, __ATOMIC_RELAXED);
     const a_ring_pos at = ring_next(queue);
     a_ut_hist_event& r = queue.evs[at.next];
     if (hist.views != nullptr) [[unlikely]]

@@ -13,6 +13,8 @@
 
 #include <emmintrin.h>
 
+#include <atomic>
+
 #include "utils/etc/uthist/hist_store.h"
 
 inline constexpr size_t text_block = 16;  // bytes; texts are stored in whole blocks
@@ -60,26 +62,32 @@ void hist_store_number(char* dst, const char* id);  // of an id that is no addre
 
 using an_unaligned_word [[gnu::may_alias, gnu::aligned(1)]] = uint64;
 
-// Copies a block of a text whose bytes may all be read: by words, which costs less than a block's way through a vector.
+// Copies a block of a text whose bytes may all be read. One store of a vector: the processor keeps each of its words
+// whole and all stores in their order, and the compiler moves none over the fences of hist_store_texts. That is what two
+// releasing stores of words say, which cost more; the thread sanitizer is shown those.
 READS_WHOLE_BLOCKS inline void copy_block(char* dst, const char* src)
 {
+#ifdef __SANITIZE_THREAD__
     const an_unaligned_word* from = reinterpret_cast<const an_unaligned_word*>(src);
     uint64* to = reinterpret_cast<uint64*>(dst);
     __atomic_store_n(to, from[0], __ATOMIC_RELEASE);
     __atomic_store_n(to + 1, from[1], __ATOMIC_RELEASE);
+#else
+    _mm_store_si128(reinterpret_cast<__m128i*>(dst), _mm_loadu_si128(reinterpret_cast<const __m128i*>(src)));
+#endif
 }
 
-inline bool two_blocks_readable(const char* text)
+inline bool blocks_readable(const char* text, size_t blocks)
 {
     constexpr size_t page = 4096;
-    return a_ptrint(text) % page <= page - 2 * text_block;
+    return a_ptrint(text) % page <= page - blocks * text_block;
 }
 
 // Copies at least what a reader looks at: up to the text's NUL or to character max, where the reader puts one. So a
 // text of at most two blocks is copied without a look at its end.
 READS_WHOLE_BLOCKS inline void store_text(char* dst, const char* src, size_t max)
 {
-    if (max >= 2 * text_block || !two_blocks_readable(src)) [[unlikely]] {
+    if (max >= 2 * text_block || !blocks_readable(src, 2)) [[unlikely]] {
         hist_store_long_text(dst, src, max);
         return;
     }
@@ -103,21 +111,33 @@ alignas(2 * text_block) inline constexpr char hist_no_file[2 * text_block] = "<n
 alignas(2 * text_block) inline constexpr char hist_no_id[2 * text_block] = "-";
 alignas(2 * text_block) inline constexpr char hist_no_ev[2 * text_block] = "?";
 
+// Of a path too long the end tells more than the beginning: of one of less than four blocks it is found here, at once.
 // The two blocks of a short name may reach into the id's text, which is stored after it.
 inline void store_file(char* dst, const char* file)
 {
     if (file == nullptr) [[unlikely]] {
         store_text(dst, hist_no_file, size_t(hist_cfg.hist_max_file_len));
-    } else if (two_blocks_readable(file) && (nuls_of_two(file) & hist_cfg.file_fits) != 0) [[likely]] {
-        copy_block(dst, file);
-        copy_block(dst + text_block, file + text_block);
-    } else {
-        hist_store_path_end(dst, file);
+        return;
     }
+    if (!blocks_readable(file, 4)) [[unlikely]]
+        return hist_store_path_end(dst, file);
+    const uint32 nuls = nuls_of_two(file);
+    if ((nuls & hist_cfg.file_fits) == 0) {
+        const uint64 all = nuls | uint64(nuls_of_two(file + 2 * text_block)) << 2 * text_block;
+        if (all == 0 || hist_cfg.file_fits == UINT32_MAX) [[unlikely]]
+            return hist_store_path_end(dst, file);
+        file += size_t(__builtin_ctzll(all)) - size_t(hist_cfg.hist_max_file_len - 1);
+        if (!blocks_readable(file, 2)) [[unlikely]]
+            return hist_store_path_end(dst, file);
+    }
+    copy_block(dst, file);
+    copy_block(dst + text_block, file + text_block);
 }
 
 inline void hist_store_id(char* dst, const char* id)
 {
+    if (id == nullptr)
+        id = hist_no_id;
     if (a_ptrint(id) < hist_first_address) [[unlikely]]
         hist_store_number(dst, id);
     else
@@ -129,9 +149,11 @@ inline void hist_store_texts(char* dst, const char* file, const char* id, const 
 {
     if (ev == nullptr) [[unlikely]]
         ev = hist_no_ev;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     store_file(dst, file);
     hist_store_id(dst + hist_cfg.id_text_at, id);
     store_text(dst + hist_cfg.ev_text_at, ev, size_t(hist_cfg.hist_max_ev_len));
+    std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
 // The same outside copy mode.

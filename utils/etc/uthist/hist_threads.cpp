@@ -305,6 +305,7 @@ void hist_open_span(a_hist_view& v, a_ut_hist_loc* loc, a_ut_hist_id id, const c
         open = kept;
     }
     if (open < hist_max_spans) {
+        std::atomic_signal_fence(std::memory_order_seq_cst);  // a text's blocks stay behind the end of the last span
         a_hist_span& span = v.spans[open];
         put(span.loc, loc);
         put(span.id, id);
