@@ -208,6 +208,12 @@ inline void* ut_hist_parm(T value)
                  ut_hist_takes_at_most_8_parameters, ut_hist_takes_at_most_8_parameters, 8, 7, 6, 5, 4, 3, 2, 1, 0, 0)
 #define UT_HIST_NTH_(a0, a1, a2, a3, a4, a5, a6, a7, a8, a9, a10, a11, a12, n, ...) n
 
+/* The file text of the macros' events: a program may define another before it includes this header, __FILE_NAME__
+ * where the compiler has it, say. Of a text longer than UT_HIST's mf the end is kept. */
+#ifndef UT_HIST_FILE
+#define UT_HIST_FILE __FILE__
+#endif
+
 /* Declares a location that names nothing yet, private to this block. */
 #define UT_HIST_LOC(name) a_ut_hist_loc name = UT_HIST_LOC_INIT
 
@@ -216,7 +222,7 @@ inline void* ut_hist_parm(T value)
 #define UT_HIST_ADD(cl, loc, id, ...)                                                                                  \
     do {                                                                                                               \
         if (ut_hist_is_on())                                                                                           \
-            ut_hist_add(__FILE__, __LINE__, loc, cl, id, UT_HIST_ARGS_(__VA_ARGS__));                                  \
+            ut_hist_add(UT_HIST_FILE, __LINE__, loc, cl, id, UT_HIST_ARGS_(__VA_ARGS__));                              \
     } while (0)
 
 /* A plain event: id, text, 0 to 8 parameters. */
@@ -256,5 +262,5 @@ private:
     int on;
 };
 /* A scope object for the rest of this block: id, text. */
-#define UT_HIST_SCOPE(id, text) a_ut_hist_scope UT_HIST_CAT_(ut_hist_scope_, __LINE__)(__FILE__, __LINE__, id, text)
+#define UT_HIST_SCOPE(id, text) a_ut_hist_scope UT_HIST_CAT_(ut_hist_scope_, __LINE__)(UT_HIST_FILE, __LINE__, id, text)
 #endif

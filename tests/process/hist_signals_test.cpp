@@ -53,9 +53,11 @@ TEST(HistFork, HandlersMayForkAtAnyLockAndThreadsMayBeCancelledInADump)
 {
     if (sanitized)
         return;
-    const a_run result = run("hist_interrupted", {"UT_HIST=n50k300l=x.log,r-", "UT_HIST_THREAD_SLOT=dense"});
-    EXPECT_TRUE(result.exited_well()) << result.status;
-    EXPECT_EQ(result.out, "forked at every lock, 0 hung\n");
+    for (const char* ext : {"UT_HIST_EXT=dense", "UT_HIST_EXT=tsc"}) {
+        const a_run result = run("hist_interrupted", {"UT_HIST=n50k300l=x.log,r-", ext});
+        EXPECT_TRUE(result.exited_well()) << ext << result.status;
+        EXPECT_EQ(result.out, "forked at every lock, 0 hung\n") << ext;
+    }
 }
 
 TEST(HistShortage, LeavesTheHistoryOffAndNothingBehind)

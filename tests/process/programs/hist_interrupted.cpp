@@ -1,10 +1,12 @@
-// hist_interrupted.cpp: a signal handler forks at the moment of each queue's and the registry's lock, or a thread is
-// cancelled inside its dump; the history must go on, in the child and in the other threads.
+// hist_interrupted.cpp: a signal handler dumps and forks at the moment of each queue's and the registry's lock and of
+// each look at the clock by clock_gettime, or a thread is cancelled inside its dump; the history must go on, in the
+// child and in the other threads.
 #include <dlfcn.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -73,10 +75,21 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
     return real(mutex);
 }
 
+extern "C" int clock_gettime(clockid_t clock, struct timespec* time) noexcept
+{
+    static const auto real = reinterpret_cast<int (*)(clockid_t, struct timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    if (clock == CLOCK_REALTIME && locks_until_fork > 0 && --locks_until_fork == 0)
+        raise(SIGUSR2);
+    return real(clock, time);
+}
+
 int main()
 {
     nowhere = fopen("/dev/null", "w");
-    signal(SIGUSR2, [](int) { child = fork(); });
+    signal(SIGUSR2, [](int) {
+        raise(SIGUSR1);
+        child = fork();
+    });
     int points = 0, hung = 0;
     for (int status; (status = fork_before_lock(points + 1)) != -1; points++)
         hung += status != 0;

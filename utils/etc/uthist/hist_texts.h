@@ -63,8 +63,8 @@ void hist_store_number(char* dst, const char* id);  // of an id that is no addre
 using an_unaligned_word [[gnu::may_alias, gnu::aligned(1)]] = uint64;
 
 // Copies a block of a text whose bytes may all be read. One store of a vector: the processor keeps each of its words
-// whole and all stores in their order, and the compiler moves none over the fences of hist_store_texts. That is what two
-// releasing stores of words say, which cost more; the thread sanitizer is shown those.
+// whole and all stores in their order, and the compiler moves none over the fences of hist_store_texts. That is what
+// two releasing stores of words say, which cost more; the thread sanitizer is shown those.
 READS_WHOLE_BLOCKS inline void copy_block(char* dst, const char* src)
 {
 #ifdef __SANITIZE_THREAD__
