@@ -59,6 +59,25 @@ void history_pair(benchmark::State& state)
         UT_HIST_END(&at, UT_HIST_ID_TEXT(payload::id), payload::text, 42L);
     }
 }
+// The same of a registered id with statistics, beside two plain events.
+void stats_pair(benchmark::State& state)
+{
+    const a_ut_hist_id id = ut_hist_id_alloc(payload::file, payload::line, payload::id);
+    a_ut_hist_loc at = UT_HIST_LOC_INIT;
+    for (auto _ : state) {
+        UT_HIST_BEG(&at, id, payload::text, 42L);
+        UT_HIST_END(&at, id, payload::text, 42L);
+    }
+}
+void plain_pair(benchmark::State& state)
+{
+    for (auto _ : state) {
+        UT_HIST_EV(UT_HIST_ID_NONE, payload::text, 42L);
+        UT_HIST_EV(UT_HIST_ID_NONE, payload::text, 42L);
+    }
+}
+BENCHMARK(stats_pair)->Name("pair/stats")->Setup(shared_queue_copy_stats);
+BENCHMARK(plain_pair)->Name("pair/plain")->Setup(shared_queue_copy_stats);
 BENCHMARK(history_pair)->Name("tables/pair/off")->Setup(own_queue_copy);
 BENCHMARK(history_pair)->Name("tables/pair/on")->Setup(own_queue_copy_tables);
 BENCHMARK(history)->Name("tables/event/off")->Setup(own_queue_copy);

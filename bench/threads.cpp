@@ -91,6 +91,7 @@ private:
     a_semaphore sem;
 };
 BENCHMARK(signal_and_wait<a_layer_semaphore>)->Name("semaphore/layer");
+BENCHMARK(ping_pong<a_layer_semaphore, a_hand_thread>)->Name("semaphore/two/layer")->Apply(woken_threads);
 
 void signal_set(benchmark::State& state)
 {

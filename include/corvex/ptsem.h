@@ -37,7 +37,8 @@ CORVEX_API void ut_pthread_close_semaphore(a_ut_pthread_semaphore* sem);
 /* Signals. Returns TRUE. A semaphore that is signalled already costs one atomic instruction and no lock. */
 CORVEX_API a_bool ut_pthread_signal_semaphore(a_ut_pthread_semaphore* sem);
 
-/* Waits for a signal and consumes it. Returns TRUE. */
+/* Waits for a signal and consumes it, asleep but for the first few microseconds, when it looks for the signal by
+ * itself. Returns TRUE. */
 CORVEX_API a_bool ut_pthread_waiton_semaphore(a_ut_pthread_semaphore* sem);
 
 /* The same for at most timeout_in_ms milliseconds of the real-time clock; setting that clock moves the end. Returns

@@ -23,8 +23,7 @@ namespace {
 constexpr uint32 interface_version = 0x10000b5d;
 constexpr int line_before_body = 514;  // what a mismatch is reported under
 constexpr int line_after_body = 516;
-constexpr size_t name_size = 16;         // the kernel's limit, the terminating NUL included
-constexpr int looks_before_sleep = 300;  // some microseconds: less than falling asleep and being woken take
+constexpr size_t name_size = 16;  // the kernel's limit, the terminating NUL included
 
 struct os_helper_parms {
     p_os_thread parent;
@@ -92,12 +91,9 @@ void* begin_helper(void* _parms)
     return nullptr;
 }
 
-// Looks for a wake-up a little while before it sleeps: threads that hand work to each other are then woken while they
-// still run, for a small part of what a sleep costs; who sleeps all the same has paid twice. Acquire: see OS_Wakeup.
+// Acquire: see OS_Wakeup.
 void* park(p_os_thread me)
 {
-    for (int i = 0; i < looks_before_sleep && !ut_pthread_test_semaphore(&me->wait); i++)
-        __builtin_ia32_pause();
     ut_pthread_waiton_semaphore(&me->wait);
     return __atomic_load_n(&me->parm, __ATOMIC_ACQUIRE);
 }

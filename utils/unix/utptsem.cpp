@@ -21,11 +21,20 @@
 
 namespace {
 
+constexpr int looks_before_sleep = 300;  // some microseconds: less than falling asleep and being woken take
 constexpr unsigned ms_per_second = 1000;
 constexpr long us_per_second = 1000000;
 
 // Relaxed: read under the mutex, or looked at again.
 bool is_set(const a_ut_pthread_semaphore* sem) { return __atomic_load_n(&sem->set, __ATOMIC_RELAXED) != 0; }
+
+// Looks for a signal a little while before its wait takes the mutex: threads that hand work to each other are then
+// woken while they still run, for a small part of what a sleep costs; who sleeps all the same has paid twice.
+void look_for_signal(const a_ut_pthread_semaphore* sem)
+{
+    for (int i = 0; i < looks_before_sleep && !is_set(sem); i++)
+        __builtin_ia32_pause();
+}
 
 // Clears the flag under the mutex, whose unlocking comes next. The thread sanitizer knows the language's rules alone,
 // by which a store learns nothing from the look before it: there it is an exchange, by a fifth dearer in all.
@@ -93,6 +102,7 @@ a_bool ut_pthread_signal_semaphore(a_ut_pthread_semaphore* sem)
 
 a_bool ut_pthread_waiton_semaphore(a_ut_pthread_semaphore* sem)
 {
+    look_for_signal(sem);
     const a_safe_lock lock(&sem->mutex);
     if (!is_set(sem))
         wait_until_set(sem);
@@ -103,6 +113,8 @@ a_bool ut_pthread_waiton_semaphore(a_ut_pthread_semaphore* sem)
 a_bool ut_pthread_waiton_semaphore_timed(a_ut_pthread_semaphore* sem, unsigned int timeout_in_ms)
 {
     const struct timespec deadline = deadline_in(timeout_in_ms);
+    if (timeout_in_ms != 0)
+        look_for_signal(sem);
     const a_safe_lock lock(&sem->mutex);
     const an_uncancelled_scope uncancelled;
     int rc = 0;
