@@ -17,8 +17,9 @@
 namespace {
 
 constexpr const char* section_names[UT_HIST_SECTIONS] = {
-    "queues", "records",  "texts",        "data",       "registry",    "long texts of ids", "timers",
-    "zone",   "settings", "dump buffers", "live words", "slots taken", "thread slots",      "thread views"};
+    "queues",   "records",      "texts",   "data",       "registry",    "long texts of ids", "timers",      "zone",
+    "settings", "dump buffers", "anchors", "live words", "slots taken", "thread slots",      "thread views"};
+static_assert(section_names[UT_HIST_SECTIONS - 1] != nullptr);
 
 // In the order of gregs.
 constexpr const char* register_names[UT_CRASH_REGISTERS] = {

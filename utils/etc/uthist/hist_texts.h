@@ -73,7 +73,7 @@ READS_WHOLE_BLOCKS inline void copy_block(char* dst, const char* src)
     __atomic_store_n(to, from[0], __ATOMIC_RELEASE);
     __atomic_store_n(to + 1, from[1], __ATOMIC_RELEASE);
 #else
-    _mm_store_si128(reinterpret_cast<__m128i*>(dst), _mm_loadu_si128(reinterpret_cast<const __m128i*>(src)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_loadu_si128(reinterpret_cast<const __m128i*>(src)));
 #endif
 }
 
