@@ -104,19 +104,19 @@ void unix_take_signal_stack()
 void unix_use_nested_signal_stack()
 {
     stack_t now;
-    sigset_t all, kept;
+    sigset_t all, mask;
     if (sigaltstack(nullptr, &now) != 0 || (now.ss_flags & SS_ONSTACK) == 0 ||
         __atomic_exchange_n(&nested_taken, true, __ATOMIC_RELAXED))
         return;
     sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &kept);
+    pthread_sigmask(SIG_BLOCK, &all, &mask);
     const stack_t nested = {nested_stack, 0, sizeof nested_stack};
     long result = SYS_sigaltstack;
     __asm__ volatile("mov %%rsp, %%rbx\n\tmov %[elsewhere], %%rsp\n\tsyscall\n\tmov %%rbx, %%rsp"
                      : "+a"(result)
                      : "D"(&nested), "S"(nullptr), [elsewhere] "r"(nested_stack + sizeof nested_stack)
                      : "rbx", "rcx", "r11", "memory");
-    pthread_sigmask(SIG_SETMASK, &kept, nullptr);
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
 }
 
 void unix_release_signal_stacks()

@@ -152,8 +152,7 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
 inline uint32 get_time(struct timeval& now, const an_event& event, int32 q)
 {
     const bool alone = q == 0 || (event.given_id != UT_HIST_ID_SIGHANDLER && event.given_id != UT_HIST_ID_Q2);
-    if (hist.anchors != nullptr && alone) [[unlikely]]
-    {
+    if (hist.anchors != nullptr && alone) [[unlikely]] {
         const uint32 num = __atomic_add_fetch(&hist.hist_count, 1u, __ATOMIC_RELAXED);
         hist_tsc_now(hist.anchors[q], now);
         return num;
