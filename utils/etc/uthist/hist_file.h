@@ -17,7 +17,7 @@ struct a_hist_used {
 };
 void hist_touch(void* mapping, const a_hist_used& used);
 
-bool hist_file_is_pattern(const char* pattern);
+bool hist_file_is_pattern(const char* text);
 
 // Makes the file and maps it; removes files of dead processes first. Null where none is asked for, and where none can
 // be had, which is told by a note.
