@@ -304,6 +304,10 @@ public:
 
     bool is_live() const override { return false; }
     std::string name() const override { return shown; }
+    std::string loss() const override
+    {
+        return lost_files != 0 ? "texts of " + std::to_string(lost_files) + " files are missing" : "";
+    }
 
 private:
     static bool is_magic(const unsigned char* bytes)
@@ -382,7 +386,7 @@ private:
             return 0;
         a_mapped_file& file = mapping->file->second;
         if (!is_same(*mapping->file)) {
-            if (!std::exchange(file.told, true))
+            if (!std::exchange(file.told, true) && ++lost_files != 0)
                 tell("texts from " + mapping->file->first + " are not shown: " + file.problem);
             return 0;
         }
@@ -426,6 +430,7 @@ private:
     a_descriptor core;
     a_reader core_reader;
     std::string shown;
+    uint32 lost_files = 0;            // whose texts could not be given
     std::vector<a_segment> segments;  // these two ascending
     std::vector<a_mapping> mappings;
     a_mapped_files files;  // by path

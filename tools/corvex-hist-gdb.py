@@ -29,7 +29,7 @@ VERSION, HEADER = 1, struct.Struct("<16sIIQQ")  # magic, version, bytes of the h
 SECTION = struct.Struct("<QQQQ")  # at, bytes, entry bytes, entries
 RINGS, TEXTS, VIEWS = 1, 2, 14
 TEXTS_OF = {RINGS: (320, (40, 208, 216)), VIEWS: (768, (48, 56, *range(88 + 16, 88 + 16 * 40, 40)))}
-LONGEST_TEXT = 1024
+LONGEST_TEXT = 65536  # as corvex-hist takes
 LARGEST_HOLE = 1 << 26  # in what can be read of an image: its size may be wrong
 
 ELF = struct.Struct("<4sBBB9xHHIQQQIHHHHHH")
@@ -120,10 +120,17 @@ def text_addresses(image):
 
 
 def text_pages(base, image):
-    pages = set()
+    """Those that the texts lie in, each followed to its end."""
+    pages = {}
     for address in set(text_addresses(image)):
-        if PAGE <= address < 1 << 47 and not base <= address < base + len(image):
-            pages.update((address // PAGE, (address + LONGEST_TEXT) // PAGE))
+        end = address + LONGEST_TEXT
+        while PAGE <= address < min(end, 1 << 47) and not base <= address < base + len(image):
+            number = address // PAGE
+            if number not in pages:
+                pages[number] = read(number * PAGE, PAGE)
+            if not pages[number] or b"\0" in pages[number][address % PAGE:]:
+                break
+            address = (number + 1) * PAGE
     return sorted(pages)
 
 

@@ -33,7 +33,7 @@ public:
             return "its header is cut off";
         base = header.base;
         size = uint64(file.st_size);
-        live = life_of(header) == ALIVE;
+        live = life_of(header) != GONE;
         const bool stands = base != 0 && base % UT_HIST_IMAGE_HEADER == 0 && base < addresses && size < addresses;
         return stands ? "" : "its header is damaged: address";
     }

@@ -289,7 +289,9 @@ private:
         use_settings(h, most + 1, has_ids ? std::max<uint64>(ids, 1) : 0,
                      has_data || h.data_size == 0 ? h.data_size : 8);
         const a_layout layout = hist_layout(hist_dump_bytes());
-        const uint64 touched = layout.sections[UT_HIST_VIEWS].at + hist_handle_slots * hist_view_bytes();
+        const uint64 touched =
+            layout.sections[UT_HIST_VIEWS].at +
+            std::min<uint64>(hist_handle_slots, layout.sections[UT_HIST_VIEWS].entries) * hist_view_bytes();
         if (touched > image.readable + own_bytes || !hist_store_alloc(hist_dump_bytes)) {
             lost.push_back("no memory for it, or its header is damaged: its settings are larger than it is");
             return false;
@@ -353,6 +355,7 @@ private:
     {
         const std::string in_place(place, strnlen(place, size));
         const std::string* const found = in_place.size() == size ? texts.find(a_ptrint(text)) : nullptr;
+        cut_texts += in_place.size() == size && found == nullptr ? 1 : 0;
         return registry.emplace_back(found != nullptr ? *found : in_place).data();
     }
 
@@ -373,6 +376,8 @@ private:
             hist.hist_num_ids = int32(i) + 1;
         }
         drop_timers_of_others();
+        lose(cut_texts != 0,
+             std::to_string(cut_texts) + " texts of registered ids are cut: the image has no room for them");
     }
 
     void put_timers(const a_ut_hist_timer_list& from, a_ut_hist_timer_list& to)
@@ -498,6 +503,7 @@ private:
     std::vector<a_ut_hist_event_list> queues;
     std::vector<a_queue_rows> rows;
     a_ut_hist_live live = {};
+    size_t cut_texts = 0;
     bool has_live = false, has_data = false;
     uint32 ids = 0;
 };

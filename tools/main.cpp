@@ -46,10 +46,12 @@ std::unique_ptr<an_image_source> open_source(const std::string& source, std::str
     if (is_pid(source))
         return open_process(atoi(source.c_str()), problem);
     char begin[4] = "";
-    if (source != "-")
+    std::error_code ignored;
+    const bool is_pipe = source == "-" || std::filesystem::is_fifo(source, ignored);
+    if (!is_pipe)
         std::ifstream(source, std::ios::binary).read(begin, sizeof begin);
     const bool is_core = memcmp(begin, "\177ELF", 4) == 0 || memcmp(begin, "\x28\xB5\x2F\xFD", 4) == 0;
-    return source == "-" || is_core ? open_any_core(source, problem) : open_file(source, problem);
+    return is_pipe || is_core ? open_any_core(source, problem) : open_file(source, problem);
 }
 
 an_exit dump(const an_image& image, const std::string& name, const std::string& source, bool tables)
@@ -58,7 +60,7 @@ an_exit dump(const an_image& image, const std::string& name, const std::string& 
     // Asked for after the image: a thread that it knows has either ended or is among them.
     if (is_pid(source))
         history.leave_living(threads_of(atoi(source.c_str())));
-    else if (image.source->is_live())
+    else if (image.source->is_live() && life_of(image.header) == ALIVE)
         history.leave_living(threads_of(image.header.pid));
     if (tables && history.is_there() && !history.has_tables())
         tell(name, "no thread tables: its process had no UT_HIST_EXT=tables");
@@ -69,16 +71,21 @@ an_exit dump(const an_image& image, const std::string& name, const std::string& 
     std::string all;
     for (const std::string& loss : history.losses())
         all += (all.empty() ? "" : "; ") + loss;
+    if (const std::string loss = image.source->loss(); !loss.empty())
+        all += (all.empty() ? "" : "; ") + loss;
     if (!all.empty())
         tell(name, all);
     return !history.is_there() ? NOTHING : all.empty() ? ALL_READ : IN_PART;
 }
 
-an_exit info(const an_image& image)
+an_exit info(const an_image& image, const std::string& name)
 {
     const a_state state = read_state(image);
     put_info(image, state);
-    return state.known && state.recorded.size() == image.header.queues ? ALL_READ : IN_PART;
+    if (!image.why_not.empty())
+        tell(name, image.why_not);
+    const bool all = image.why_not.empty() && state.known && state.recorded.size() == image.header.queues;
+    return all ? ALL_READ : IN_PART;
 }
 
 an_exit read_source(const std::string& named, bool wants_info, bool tables)
@@ -90,7 +97,7 @@ an_exit read_source(const std::string& named, bool wants_info, bool tables)
         tell(source != nullptr ? source->name() : named, problem);
         return NOTHING;
     }
-    return wants_info ? info(image) : dump(image, source->name(), named, tables);
+    return wants_info ? info(image, source->name()) : dump(image, source->name(), named, tables);
 }
 
 an_exit dump_all(const std::vector<std::string>& sources, bool tables)

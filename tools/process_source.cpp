@@ -5,6 +5,7 @@
 #include <elf.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -55,12 +56,12 @@ uint64 start_of(int pid)
 
 class a_process_source : public an_image_source {
 public:
-    a_process_source(int of, std::vector<a_mapping> all) : pid(of), maps(std::move(all)) {}
+    a_process_source(int of, std::vector<a_mapping> all) : pid(of), memory(memory_id(of)), maps(std::move(all)) {}
 
     bool read(uint64 address, void* to, size_t length) override
     {
         const struct iovec local = {to, length}, remote = {reinterpret_cast<void*>(address), length};
-        return process_vm_readv(pid, &local, 1, &remote, 1, 0) == ssize_t(length);
+        return process_vm_readv(memory, &local, 1, &remote, 1, 0) == ssize_t(length);
     }
 
     // Not of devices, whose memory may have side effects.
@@ -78,7 +79,7 @@ public:
     std::optional<uint64> image_pointer() override
     {
         std::error_code error;
-        const std::string program = std::filesystem::read_symlink(proc(pid, "exe"), error);
+        const std::string program = std::filesystem::read_symlink(proc(memory, "exe"), error);
         std::optional<uint64> found;
         for (const a_mapping& m : maps) {
             uint64 symbol, value;
@@ -134,7 +135,7 @@ private:
         return 0;
     }
 
-    const int pid;
+    const int pid, memory;
     const std::vector<a_mapping> maps;
 };
 
@@ -156,10 +157,21 @@ std::unique_ptr<an_image_source> open_mapped_file(int pid, const std::vector<a_m
 
 bool is_library(const a_mapping& m) { return m.offset == 0 && m.path.find("/libcorvex16_r.so") != std::string::npos; }
 
+int memory_id(int pid)
+{
+    const auto has_memory = [](int id) { return !first_line(proc(id, "maps")).empty(); };
+    std::error_code gone;
+    if (!has_memory(pid))
+        for (const auto& task : std::filesystem::directory_iterator(proc(pid, "task"), gone))
+            if (const int id = atoi(task.path().filename().c_str()); has_memory(id))
+                return id;
+    return pid;
+}
+
 std::vector<a_mapping> mappings_of(int pid)
 {
     std::vector<a_mapping> all;
-    std::ifstream file(proc(pid, "maps"));
+    std::ifstream file(proc(memory_id(pid), "maps"));
     for (std::string line; std::getline(file, line);) {
         a_mapping m;
         char access[8] = "";
@@ -185,9 +197,14 @@ a_life life_of(const a_ut_hist_image& header)
 {
     struct stat own = {};
     const uint64 pid_namespace = stat("/proc/self/ns/pid", &own) == 0 ? own.st_ino : 0;
-    if (first_line("/proc/sys/kernel/random/boot_id") != header.boot_id || pid_namespace != header.pid_namespace)
+    if (first_line("/proc/sys/kernel/random/boot_id") != header.boot_id)
+        return GONE;
+    if (pid_namespace != header.pid_namespace)
         return ELSEWHERE;
-    return header.pid > 0 && start_of(header.pid) == header.process_start ? ALIVE : GONE;
+    const uint64 start = header.pid > 0 ? start_of(header.pid) : 0;
+    if (start == 0 && header.pid > 0 && (kill(header.pid, 0) == 0 || errno == EPERM))
+        return ELSEWHERE;
+    return start != 0 && start == header.process_start ? ALIVE : GONE;
 }
 
 std::unique_ptr<an_image_source> open_process(int pid, std::string& problem)

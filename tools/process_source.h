@@ -15,11 +15,12 @@ struct a_mapping {
 };
 bool is_library(const a_mapping& m);          // the first of its mappings
 std::vector<a_mapping> mappings_of(int pid);  // none when the process has gone or may not be looked at
+int memory_id(int pid);                       // under which its memory is found: a main thread may have left it
 
 // The names of a process's threads by their ids as the process itself sees them.
 std::map<uint32, std::string> threads_of(int pid);
 
-enum a_life { ALIVE, GONE, ELSEWHERE };  // elsewhere: the header is of another boot or another pid namespace
+enum a_life { ALIVE, GONE, ELSEWHERE };  // elsewhere: in another pid namespace, or out of sight; it may live
 a_life life_of(const a_ut_hist_image& header);
 
 #endif

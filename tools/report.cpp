@@ -173,7 +173,7 @@ std::string end_of(const an_image& image, const a_state& state)
         return "unknown";
     if (state.live.state == UT_HIST_IMAGE_ENDED)
         return "ended cleanly";
-    return life == GONE ? "gone: killed" : image.source->is_live() ? "alive" : "not known here";
+    return life == GONE ? "gone: killed or by _exit" : "not known here";
 }
 
 void put_info(const an_image& image, const a_state& state)

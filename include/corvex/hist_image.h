@@ -6,9 +6,10 @@
  *
  *     |a_ut_hist_image|section 0|section 1|...            each section begins on a line of 64 bytes
  *
- * A reader finds the header by the exported pointer ut_hist_image or by its magic at the beginning of a page, compares
- * version and sizes, and then trusts no value that it reads: the process may be writing, or have died in the middle of
- * it. Pointers in the image are addresses of its process: those that point into the image have `base` as its beginning.
+ * A reader finds the header by the exported pointer ut_hist_image_now or by its magic at the beginning of a page,
+ * compares version and sizes, and then trusts no value that it reads: the process may be writing, or have died in the
+ * middle of it. Pointers in the image are addresses of its process: those that point into the image have `base` as its
+ * beginning.
  *
  * Records: a queue is a ring of `events` records. ring_pos holds in its high half how often the ring has come back to
  * its first record (laps), in its low half the record that is written next; from 2^32 - 1 laps it goes on at 2^31. The

@@ -372,6 +372,26 @@ private:
             close(fd);
     }
 
+    // Of the image in the room: when its newest event was, or else when the file was changed, which stores through a
+    // mapping do not always tell. Signal-safe.
+    struct timespec newest_event(int fd, struct timespec changed)
+    {
+        const a_ut_hist_image& image = room().image;
+        struct timespec newest = {};
+        for (uint32 q = 0; q < image.queues && q < hist_max_queues; q++) {
+            a_ut_hist_event_list queue;
+            a_ut_hist_event r;
+            const uint64 at = image.sections[UT_HIST_QUEUES].at + q * sizeof queue;
+            if (pread(fd, &queue, sizeof queue, off_t(at)) != ssize_t(sizeof queue) || queue.ring_pos == 0)
+                continue;
+            const uint32 next = uint32(queue.ring_pos), last = (next != 0 ? next : image.events) - 1;
+            const uint64 record = image.sections[UT_HIST_RINGS].at + (uint64(q) * image.events + last) * sizeof r;
+            if (pread(fd, &r, sizeof r, off_t(record)) == ssize_t(sizeof r) && r.time_of_day.tv_sec >= newest.tv_sec)
+                newest = {r.time_of_day.tv_sec, r.time_of_day.tv_usec * 1000};
+        }
+        return newest.tv_sec != 0 ? newest : changed;
+    }
+
     // Whether it is an image of a dead process of this user; notes when it was changed. Signal-safe.
     bool is_dead(int fd)
     {
@@ -379,9 +399,10 @@ private:
         a_ut_hist_image& image = room().image;
         if (fd < 0 || fstat(fd, &about) != 0 || !S_ISREG(about.st_mode) || about.st_uid != geteuid())
             return false;
-        room().found.changed = about.st_mtim;
-        return pread(fd, &image, sizeof image, 0) == ssize_t(sizeof image) && hist_has_magic(image) &&
-               image.version == UT_HIST_IMAGE_VERSION && hist_process_is_dead(image, room().here);
+        const bool dead = pread(fd, &image, sizeof image, 0) == ssize_t(sizeof image) && hist_has_magic(image) &&
+                          image.version == UT_HIST_IMAGE_VERSION && hist_process_is_dead(image, room().here);
+        room().found.changed = dead ? newest_event(fd, about.st_mtim) : about.st_mtim;
+        return dead;
     }
 
     // The one just found, or an older one. Signal-safe.

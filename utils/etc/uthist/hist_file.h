@@ -3,7 +3,7 @@
 //
 // A file is made under a name that is free, gets its disk space before it is mapped, and is never made larger or
 // smaller after that: no store to it raises a signal. Who holds it is told by its header (hist_process.h). It is
-// removed by the process that made it, at its clean exit, and by a start-up of the same program and pattern once that
+// removed by the process that made it, at its clean exit, and by a start-up with the same pattern once that
 // process is dead, as one of the older ones. Not signal-safe, but what says so.
 #pragma once
 

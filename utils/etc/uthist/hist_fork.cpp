@@ -35,11 +35,13 @@ void copy(const void* original, size_t bytes)
 char* section(uint32 i) { return static_cast<char*>(hist.mapping) + hist.image->sections[i].at; }
 void copy_section(uint32 i) { copy(section(i), hist.image->sections[i].bytes); }
 
-// A record that is changed meanwhile is left out.
+// A record that is changed meanwhile, or was made after the fork, is left out.
 void copy_record(const a_ut_hist_event_list& queue, size_t i, uint32 seq)
 {
     a_ut_hist_event& r = queue.evs[i];
-    if (__atomic_load_n(&r.seq, __ATOMIC_ACQUIRE) != seq)
+    copy_of(&r)->seq = seq_writing(0);
+    if (__atomic_load_n(&r.seq, __ATOMIC_ACQUIRE) != seq ||
+        int32(__atomic_load_n(&r.num, __ATOMIC_ACQUIRE) - hist.hist_count) > 0)
         return;
     copy(&r, sizeof r);
     copy(queue.texts + i * hist_cfg.text_stride, hist_cfg.text_stride);
@@ -53,10 +55,11 @@ void copy_queue(a_ut_hist_event_list& queue)
     a_ut_hist_event_list& copied = *copy_of(&queue);
     copy(&queue, sizeof queue);
     const a_ring_pos at = unpack_ring(copied.ring_pos);
-    for (size_t i = 0; i < at.next; i++)
-        copy_record(queue, i, seq_whole(at.laps));
+    // The oldest first: the parent overwrites them first.
     for (size_t i = at.next; at.wrapped() && i < size_t(hist_cfg.ut_hist_debug_num); i++)
         copy_record(queue, i, seq_whole(at.laps - 1));
+    for (size_t i = 0; i < at.next; i++)
+        copy_record(queue, i, seq_whole(at.laps));
     const a_data_pos data = unpack_data(copied.data_pos);
     if (queue.data_buf != nullptr)
         copy(queue.data_buf, data.data_gen > 1 ? hist.image->data_size : data.data_fil);
@@ -88,8 +91,7 @@ void copy_threads()
 
 void copy_used()
 {
-    copy(hist.image, sizeof *hist.image);
-    memset(copy_of(hist.image)->magic, 0, sizeof hist.image->magic);  // comes last
+    copy(&hist.image->version, sizeof *hist.image - offsetof(a_ut_hist_image, version));  // the magic comes last
     for (int32 q = 0; q < hist_cfg.hist_num_q; q++)
         copy_queue(hist.hist_evs[q]);
     constexpr uint32 whole[] = {UT_HIST_ZONE, UT_HIST_SETTINGS, UT_HIST_LIVE, UT_HIST_TAKEN};

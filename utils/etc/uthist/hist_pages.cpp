@@ -20,13 +20,14 @@ bool is_readable(const void* page)
     return syscall(SYS_rt_sigprocmask, no_how, page, nullptr, kernel_sigset) == 0 || errno != EFAULT;
 }
 
-// Where a sandbox refuses the call, each page is probed and then read: another thread that unmaps it right between the
-// two still ends the process.
+// By the thread's id: the main thread may have left the process, and its id has no memory then. Where a sandbox refuses
+// the call, each page is probed and then read: another thread that unmaps it right between the two still ends the
+// process.
 bool read_own_pages(void*, uint64 address, void* to, size_t length)
 {
     const char* const pages = reinterpret_cast<const char*>(address);
     const struct iovec local = {to, length}, remote = {const_cast<char*>(pages), length};
-    const ssize_t got = process_vm_readv(getpid(), &local, 1, &remote, 1, 0);
+    const ssize_t got = process_vm_readv(gettid(), &local, 1, &remote, 1, 0);
     if (got >= 0 || errno == EFAULT)
         return got == ssize_t(length);
     for (size_t at = 0; at < length; at += text_block) {

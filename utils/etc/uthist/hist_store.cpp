@@ -339,6 +339,10 @@ void hist_reset_view(uint32 t)
     if (hist.views == nullptr)
         return;
     a_hist_view& v = hist_view_of(t);
+    char* const begin = reinterpret_cast<char*>(&v);
+    // Relaxed: the same byte again, so that no event is the first to touch a page.
+    for (char* byte = begin + page - a_ptrint(begin) % page; byte < begin + hist.view_stride; byte += page)
+        __atomic_store_n(byte, __atomic_load_n(byte, __ATOMIC_RELAXED), __ATOMIC_RELAXED);
     __atomic_store_n(&v.newest, nullptr, __ATOMIC_RELEASE);
     __atomic_store_n(&v.tid, uint32(gettid()), __ATOMIC_RELEASE);
     __atomic_store_n(&v.events, uint64(0), __ATOMIC_RELEASE);
