@@ -279,15 +279,19 @@ bool is_of_form(const char* form, const char* name)
     return false;
 }
 
+// Signal-safe.
+int64_t nanoseconds(const struct timespec& time) { return time.tv_sec * int64_t(1000000000) + time.tv_nsec; }
+
 struct a_dead_file {
-    struct timespec changed;
+    struct timespec newest;   // event in it; all zero for none
+    struct timespec changed;  // the file itself, which stores through a mapping do not always tell
     char name[NAME_MAX + 1];
 
     // Signal-safe.
     bool is_older_than(const a_dead_file& other) const
     {
-        return changed.tv_sec != other.changed.tv_sec ? changed.tv_sec < other.changed.tv_sec
-                                                      : changed.tv_nsec < other.changed.tv_nsec;
+        const int64_t apart = nanoseconds(newest) - nanoseconds(other.newest);
+        return apart != 0 ? apart < 0 : nanoseconds(changed) < nanoseconds(other.changed);
     }
 };
 
@@ -372,9 +376,8 @@ private:
             close(fd);
     }
 
-    // Of the image in the room: when its newest event was, or else when the file was changed, which stores through a
-    // mapping do not always tell. Signal-safe.
-    struct timespec newest_event(int fd, struct timespec changed)
+    // Of the image in the room: when its newest event was; 0 for none. Signal-safe.
+    struct timespec newest_event(int fd)
     {
         const a_ut_hist_image& image = room().image;
         struct timespec newest = {};
@@ -389,7 +392,7 @@ private:
             if (pread(fd, &r, sizeof r, off_t(record)) == ssize_t(sizeof r) && r.time_of_day.tv_sec >= newest.tv_sec)
                 newest = {r.time_of_day.tv_sec, r.time_of_day.tv_usec * 1000};
         }
-        return newest.tv_sec != 0 ? newest : changed;
+        return newest;
     }
 
     // Whether it is an image of a dead process of this user; notes when it was changed. Signal-safe.
@@ -401,7 +404,8 @@ private:
             return false;
         const bool dead = pread(fd, &image, sizeof image, 0) == ssize_t(sizeof image) && hist_has_magic(image) &&
                           image.version == UT_HIST_IMAGE_VERSION && hist_process_is_dead(image, room().here);
-        room().found.changed = dead ? newest_event(fd, about.st_mtim) : about.st_mtim;
+        room().found.changed = about.st_mtim;
+        room().found.newest = dead ? newest_event(fd) : timespec();
         return dead;
     }
 
@@ -436,8 +440,9 @@ private:
     // The name may have been another's when it was looked at first; what that found is kept. Signal-safe.
     bool is_dead_again(int fd)
     {
-        const struct timespec changed = room().found.changed;
+        const struct timespec newest = room().found.newest, changed = room().found.changed;
         const bool dead = is_dead(fd);
+        room().found.newest = newest;
         room().found.changed = changed;
         return dead;
     }
