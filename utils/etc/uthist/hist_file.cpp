@@ -380,6 +380,7 @@ private:
     struct timespec newest_event(int fd)
     {
         const a_ut_hist_image& image = room().image;
+        constexpr uint64 last_second = uint64(1) << 33;  // the file may hold anything
         struct timespec newest = {};
         for (uint32 q = 0; q < image.queues && q < hist_max_queues; q++) {
             a_ut_hist_event_list queue;
@@ -389,7 +390,9 @@ private:
                 continue;
             const uint32 next = uint32(queue.ring_pos), last = (next != 0 ? next : image.events) - 1;
             const uint64 record = image.sections[UT_HIST_RINGS].at + (uint64(q) * image.events + last) * sizeof r;
-            if (pread(fd, &r, sizeof r, off_t(record)) == ssize_t(sizeof r) && r.time_of_day.tv_sec >= newest.tv_sec)
+            const bool whole = pread(fd, &r, sizeof r, off_t(record)) == ssize_t(sizeof r);
+            if (whole && r.time_of_day.tv_sec >= newest.tv_sec && uint64(r.time_of_day.tv_sec) < last_second &&
+                uint64(r.time_of_day.tv_usec) < 1000000)
                 newest = {r.time_of_day.tv_sec, r.time_of_day.tv_usec * 1000};
         }
         return newest;
