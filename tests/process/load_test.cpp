@@ -41,7 +41,7 @@ TEST(VersionRecord, IsTheSameInEveryBuildOfOneSourceDate)
 
 TEST(PrivilegedProgram, HasNoSettingsFromItsCallersEnvironment)
 {
-    if (geteuid() != 0)
+    if (geteuid() != 0)  // it gives the program to another user than the one who runs it
         GTEST_SKIP() << "only root makes a set-uid program";
     const a_run result = run("/bin/sh", {"UT_HIST=zl=log", "VORNE_VERSION_INFO="},
                              {"-c", "cp " PROGRAM_DIR "/hist_play play; chmod 777 .; for mode in 755 4755; do\n"

@@ -95,7 +95,7 @@ TEST(CounterClock, SeesACounterThatJumpsAndOneOfAnotherRate)
 TEST(CounterClock, StaysBesideTheClock)
 {
     hist_tsc_start();
-    if (hist_tsc.refused != nullptr)
+    if (hist_tsc.refused != nullptr)  // a machine whose clock is another; the simulated counter is tested everywhere
         GTEST_SKIP() << hist_tsc.refused;
     constexpr int events = std::string_view(CORVEX_SANITIZE).empty() ? 10000000 : 500000;
     a_hist_anchor anchor{};
