@@ -14,6 +14,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/procfs.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zstd.h>
@@ -248,6 +249,8 @@ public:
         for_each_note(core_reader, max_table, "CORE", [this](uint32 type, std::string_view note) {
             if (type == NT_FILE)
                 add_mappings(note);
+            else if (prpsinfo_t process; type == NT_PRPSINFO && note.size() == sizeof process)
+                memcpy(&process, note.data(), sizeof process), pid = process.pr_pid;
         });
         sort_by_address(mappings);
         tell_when_cut();
@@ -296,7 +299,7 @@ public:
             a_ut_hist_image image;
             if (mapping.offset == 0 && read_dumped(mapping.begin, &first, 1) == 0 &&
                 read_one(reader_of(open_regular(mapping.file->first)), 0, image) && is_magic(image.magic) &&
-                image.base == mapping.begin)
+                image.base == mapping.begin && (pid == 0 || image.pid == pid))
                 return mapping.file->first;
         }
         return {};
@@ -430,6 +433,7 @@ private:
     a_descriptor core;
     a_reader core_reader;
     std::string shown;
+    pid_t pid = 0;                    // as the process knew it; 0 when the core does not say
     uint32 lost_files = 0;            // whose texts could not be given
     std::vector<a_segment> segments;  // these two ascending
     std::vector<a_mapping> mappings;

@@ -288,6 +288,10 @@ private:
         const bool has_ids = image.section(UT_HIST_REGISTRY).entries != 0;
         use_settings(h, most + 1, has_ids ? std::max<uint64>(ids, 1) : 0,
                      has_data || h.data_size == 0 ? h.data_size : 8);
+        if (hist_cfg.tables && image.readable_of(UT_HIST_VIEWS) == 0) {
+            hist_cfg.tables = false;  // no room for them either
+            lost.push_back("threads from slot 0 on cannot be read");
+        }
         const a_layout layout = hist_layout(hist_dump_bytes());
         const uint64 touched =
             layout.sections[UT_HIST_VIEWS].at +

@@ -62,7 +62,7 @@ an_exit dump(const an_image& image, const std::string& name, const std::string& 
         history.leave_living(threads_of(atoi(source.c_str())));
     else if (image.source->is_live() && life_of(image.header) == ALIVE)
         history.leave_living(threads_of(image.header.pid));
-    if (tables && history.is_there() && !history.has_tables())
+    if (tables && (image.header.flags & UT_HIST_IMAGE_TABLES) == 0)
         tell(name, "no thread tables: its process had no UT_HIST_EXT=tables");
     const auto sink = [](void* to, const char* text, size_t length) {
         fwrite(text, 1, length, static_cast<FILE*>(to));

@@ -139,6 +139,15 @@ private:
     const std::vector<a_mapping> maps;
 };
 
+// By exec: nothing is where the image was. Not when that may not be looked at.
+bool runs_another_program(const a_ut_hist_image& header)
+{
+    const std::vector<a_mapping> maps = mappings_of(header.pid);
+    return !maps.empty() && std::none_of(maps.begin(), maps.end(), [&](const a_mapping& m) {
+        return m.begin <= header.base && header.base < m.end;
+    });
+}
+
 // The history file among the mappings; null for none.
 std::unique_ptr<an_image_source> open_mapped_file(int pid, const std::vector<a_mapping>& maps)
 {
@@ -204,7 +213,7 @@ a_life life_of(const a_ut_hist_image& header)
     const uint64 start = header.pid > 0 ? start_of(header.pid) : 0;
     if (start == 0 && header.pid > 0 && (kill(header.pid, 0) == 0 || errno == EPERM))
         return ELSEWHERE;
-    return start != 0 && start == header.process_start ? ALIVE : GONE;
+    return start != 0 && start == header.process_start && !runs_another_program(header) ? ALIVE : GONE;
 }
 
 std::unique_ptr<an_image_source> open_process(int pid, std::string& problem)

@@ -129,7 +129,7 @@ void put_row(const an_image& image, const std::string& name)
 {
     const a_state state = read_state(image);
     const std::string newest = local(state.newest), end = end_of(image, state);
-    printf("%-15s %7d %-20s %12" PRIu64 " %-26s %s\n", printable(image.header.program).c_str(), image.header.pid,
+    printf("%-15s %7d %-24s %12" PRIu64 " %-26s %s\n", printable(image.header.program).c_str(), image.header.pid,
            end.c_str(), sum(state.recorded), newest.c_str(), printable(name).c_str());
 }
 
@@ -141,7 +141,7 @@ bool put_row_of(std::unique_ptr<an_image_source> source, const std::string& name
     if (source == nullptr || !find_image(*source, image, problem))
         return false;
     if (!headed)
-        printf("%-15s %7s %-20s %12s %-26s %s\n", "PROGRAM", "PID", "STATE", "EVENTS", "NEWEST", "SOURCE");
+        printf("%-15s %7s %-24s %12s %-26s %s\n", "PROGRAM", "PID", "STATE", "EVENTS", "NEWEST", "SOURCE");
     headed = true;
     put_row(image, name);
     return true;
@@ -173,7 +173,7 @@ std::string end_of(const an_image& image, const a_state& state)
         return "unknown";
     if (state.live.state == UT_HIST_IMAGE_ENDED)
         return "ended cleanly";
-    return life == GONE ? "gone: killed or by _exit" : "not known here";
+    return life == GONE ? "gone: killed, _exit, exec" : "not known here";
 }
 
 void put_info(const an_image& image, const a_state& state)

@@ -158,7 +158,7 @@ TEST(Reader, ListsAndDescribesHistories)
     const a_file file(seen.files.at("copy"));
     EXPECT_NE(matches(read_by_tool({"list", file.dir.path}).out, "hist_play +[0-9]+ gone: killed"), "");
     const a_read info = read_by_tool({"info", file.path});
-    for (const char* line : {"program: hist_play\n", "UT_HIST: k4\n", "state: gone: killed or by _exit\n",
+    for (const char* line : {"program: hist_play\n", "UT_HIST: k4\n", "state: gone: killed, _exit, exec\n",
                              "events: 16\n", "crash: none\n"})
         EXPECT_NE(info.out.find(line), std::string::npos) << line << info.out;
 }

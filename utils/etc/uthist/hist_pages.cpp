@@ -10,6 +10,7 @@
 namespace {
 
 constexpr uint32 most_ahead = 8;
+constexpr uint32 text_looks = 4;  // at places of a text
 constexpr const char* gone = hist_no_ev;  // what stands for a text that cannot be read
 
 // The kernel reads a new signal mask before it finds that `how` is none of its own, and changes nothing.
@@ -91,6 +92,18 @@ __attribute__((noinline)) const char* add_pages(a_hist_pages& pages, uint64 key)
     return copy;
 }
 
+// Where a text stands, or the place for it: a free one, else that of its hash.
+a_hist_text& place_of_text(a_hist_pages& pages, uint64 address)
+{
+    const uint32 home = hist_text_hash(address);
+    for (uint32 at = home; at < home + text_looks; at++) {
+        a_hist_text& place = pages.texts[at % hist_text_places];
+        if (place.address == address || place.address == 0)
+            return place;
+    }
+    return pages.texts[home];
+}
+
 // What the page of that address holds of a text.
 struct a_piece {
     const char* text;  // null: it cannot be read
@@ -126,10 +139,13 @@ void hist_empty_pages(a_hist_pages& pages)
 // One of whose pages cannot be read is no text.
 __attribute__((noinline)) a_hist_text hist_look_for_text(a_hist_pages& pages, uint64 address)
 {
+    a_hist_text& place = place_of_text(pages, address);
+    if (place.address == address)
+        return place;
     a_piece piece = find_piece(pages, address);
     if (piece.text != nullptr && piece.ends) {
         const a_hist_text found = {piece.text, piece.len, address};  // not read again from where it has just been put
-        pages.texts[hist_text_hash(address)] = found;
+        place = found;
         return found;
     }
     size_t len = piece.len;
@@ -168,4 +184,20 @@ void hist_copy_text(a_hist_pages& pages, const char* text, char* copy, size_t ma
         used += len;
     }
     copy[used] = '\0';
+}
+
+// By blocks that lie in one page each.
+bool hist_is_text_at(const char* address, const char* text, size_t max)
+{
+    char block[4 * text_block];
+    for (uint64 at = a_ptrint(address); max > 0; at += sizeof block - at % sizeof block) {
+        const size_t offset = at % sizeof block, left = sizeof block - offset, len = left < max ? left : max;
+        if (!read_own_pages(nullptr, at - offset, block, sizeof block) || strncmp(block + offset, text, len) != 0)
+            return false;
+        if (strnlen(block + offset, len) < len)
+            return true;
+        text += len;
+        max -= len;
+    }
+    return true;
 }

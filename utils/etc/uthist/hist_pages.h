@@ -3,7 +3,7 @@
 // A text may be gone by the time of a dump: its library unloaded, its memory unmapped or closed, its file cut. A dump
 // prints from copies of whole pages, each made once a dump by a system call which says when a page cannot be read:
 //
-//     address -> texts[its hash] ------------------v             texts that were looked for before
+//     address -> texts[hash of it] ----------------v             texts that were looked for before
 //             -> found[hash of its page] -> |..... text\0.....te|
 //
 // A text in one page is printed out of the copy, one that runs on in pieces. One dump runs at a time and has the one
@@ -25,7 +25,7 @@ extern a_hist_page_source hist_page_source;
 inline constexpr uint64 hist_page_size = 4096;
 inline constexpr uint32 hist_cached_pages = 80;  // 64 that texts stand in, and some that were copied ahead
 inline constexpr uint32 hist_page_places = 256;
-inline constexpr uint32 hist_text_places = 512;
+inline constexpr uint32 hist_text_places = 1024;
 
 // A text as it is printed.
 struct a_hist_text {
@@ -39,7 +39,7 @@ struct alignas(cache_line) a_hist_pages {
         uint64 key;        // 1 + number of the page; 0: free
         const char* copy;  // null: the page cannot be read
     };
-    a_hist_text texts[hist_text_places];  // whole ones, the last of each hash; all zero: none
+    a_hist_text texts[hist_text_places];  // whole ones, at the place of their hash or soon behind; all zero: none
     a_found found[hist_page_places];      // a page stands at the place of its hash, or the next free one behind
     uint32 used;
     uint32 ahead;   // how many pages the last look wanted at once; 0: one each from now on
@@ -62,6 +62,10 @@ inline uint32 hist_text_hash(uint64 address) { return uint32(hist_spread(address
 
 a_hist_text hist_look_for_text(a_hist_pages& pages, uint64 address);
 void hist_put_pieces(a_text& out, a_hist_pages& pages, const a_hist_text& text);
+
+// Whether at an address, where there may be nothing any more, stands that text, as far as its first max characters tell.
+// Without a cache: for events.
+bool hist_is_text_at(const char* address, const char* text, size_t max);
 
 // At most max characters of a text, ended by a NUL.
 void hist_copy_text(a_hist_pages& pages, const char* text, char* copy, size_t max);

@@ -66,8 +66,10 @@ bool has_id(a_hist_view& v, uint32 i, a_ut_hist_id id)
     };
     if (open == id || !is_text(open) || !is_text(id))
         return open == id;
-    const char* const text = copies(hist_cfg) ? span_place(v, i, hist_cfg) : own(v.spans[i].text);
-    return strncmp(text, static_cast<const char*>(id), size_t(hist_cfg.hist_max_id_len)) == 0;
+    const char* const text = static_cast<const char*>(id);
+    const size_t max = size_t(hist_cfg.hist_max_id_len);
+    return copies(hist_cfg) ? strncmp(span_place(v, i, hist_cfg), text, max) == 0
+                            : hist_is_text_at(own(v.spans[i].text), text, max);
 }
 
 // The innermost open span of the location, where one is given, and of the id, where that counts; their number if there
