@@ -17,23 +17,15 @@ void ut_safe_pthread_cond_pool_fork_child();
 void ut_safe_pthread_mutex_fork_child(a_ut_safe_pthread_mutex_t* _mx);
 void ut_safe_pthread_cond_fork_child(a_ut_safe_pthread_cond_t* _cv);
 
-// A safe mutex for a scope; a null one is left alone.
+// A safe mutex for a scope.
 class a_safe_lock {
 public:
     // Not signal-safe: it locks.
-    explicit a_safe_lock(a_ut_safe_pthread_mutex_t* section) : mutex(section != nullptr ? section->p_mutex : nullptr)
-    {
-        if (mutex != nullptr)
-            pthread_mutex_lock(mutex);
-    }
+    explicit a_safe_lock(a_ut_safe_pthread_mutex_t& of) : section(of) { pthread_mutex_lock(section.p_mutex); }
     // Not signal-safe: it unlocks.
-    ~a_safe_lock()
-    {
-        if (mutex != nullptr)
-            pthread_mutex_unlock(mutex);
-    }
+    ~a_safe_lock() { pthread_mutex_unlock(section.p_mutex); }
     a_safe_lock& operator=(a_safe_lock&&) = delete;  // nor copies
 
 private:
-    pthread_mutex_t* mutex;
+    a_ut_safe_pthread_mutex_t& section;
 };

@@ -92,7 +92,7 @@ a_bool ut_pthread_signal_semaphore(a_ut_pthread_semaphore* sem)
     if (is_set(sem) &&
         __atomic_compare_exchange_n(&sem->set, &signalled, TRUE, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
         return TRUE;
-    const a_safe_lock lock(&sem->mutex);
+    const a_safe_lock lock(sem->mutex);
     if (!is_set(sem)) {
         __atomic_store_n(&sem->set, TRUE, __ATOMIC_RELEASE);
         ut_safe_pthread_cond_broadcast(&sem->cv);
@@ -103,7 +103,7 @@ a_bool ut_pthread_signal_semaphore(a_ut_pthread_semaphore* sem)
 a_bool ut_pthread_waiton_semaphore(a_ut_pthread_semaphore* sem)
 {
     look_for_signal(sem);
-    const a_safe_lock lock(&sem->mutex);
+    const a_safe_lock lock(sem->mutex);
     if (!is_set(sem))
         wait_until_set(sem);
     consume(sem);
@@ -115,7 +115,7 @@ a_bool ut_pthread_waiton_semaphore_timed(a_ut_pthread_semaphore* sem, unsigned i
     const struct timespec deadline = deadline_in(timeout_in_ms);
     if (timeout_in_ms != 0)
         look_for_signal(sem);
-    const a_safe_lock lock(&sem->mutex);
+    const a_safe_lock lock(sem->mutex);
     const an_uncancelled_scope uncancelled;
     int rc = 0;
     while (!is_set(sem) && rc != ETIMEDOUT)
@@ -131,7 +131,7 @@ a_bool ut_pthread_test_semaphore(a_ut_pthread_semaphore* sem) { return __atomic_
 
 a_bool ut_pthread_reset_semaphore(a_ut_pthread_semaphore* sem)
 {
-    const a_safe_lock lock(&sem->mutex);
+    const a_safe_lock lock(sem->mutex);
     consume(sem);
     return TRUE;
 }

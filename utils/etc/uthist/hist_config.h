@@ -31,23 +31,27 @@ inline constexpr uint32 hist_most_dead = 1000;  // that keep=<n> may ask for
 inline constexpr size_t hist_file_size = sizeof a_ut_hist_image::file;  // of the file's name, its NUL included
 inline constexpr size_t env_buf_size = 150;  // of UT_HIST's value, the terminating NUL included
 
+// The ways of an event. Almost all go a short one, where nothing is looked at that the settings rule out.
+enum a_way : uint8_t { ANY_WAY, SHORT_COPIES, SHORT_POINTERS };
+
 struct alignas(cache_line) a_ut_hist_settings {
     int32 ut_hist_debug_num = default_num;
     bool copies = true;  // texts are copied (copy mode): option f is on, or there is to be a history file
-    int32 ut_hist_dump_on_sig = 1;
-    int32 ut_hist_z_messages = 0;
-    int32 ut_hist_inc_sigmask = 0;  // the switch of its column
+    a_way way = ANY_WAY;
     int32 hist_max_file_len = default_file_len;
     int32 hist_max_id_len = default_id_len;
     int32 hist_max_ev_len = default_ev_len;
-    uint32 dense_slots = 0;  // how many slots the dense rule gives; 0: the literal rule
-    uint32 file_fits = 0;    // bit i: a file text that ends at character i is kept whole
+    uint32 file_fits = 0;  // bit i: a file text that ends at character i is kept whole
     // Copy mode: where a slot's id and event text stand behind its file text, and how long all three are, in bytes.
     size_t id_text_at = 0;
     size_t ev_text_at = 0;
     size_t text_stride = 0;
 
     int32 hist_num_q = default_num_q;
+    int32 ut_hist_dump_on_sig = 1;
+    int32 ut_hist_z_messages = 0;
+    int32 ut_hist_inc_sigmask = 0;  // the switch of its column
+    uint32 dense_slots = 0;         // how many slots the dense rule gives; 0: the literal rule
     int32 ut_hist_dump_on_fini = 1;
     int32 ut_hist_debug_q_by_thr = 0;
     int32 ut_hist_debug_data_size = default_data_size;
@@ -72,7 +76,7 @@ struct alignas(cache_line) a_ut_hist_settings {
     char err_name[env_buf_size] = "";
     char file_pattern[hist_file_size] = "";  // UT_HIST_EXT=file: of the history file's name; empty for none
 };
-static_assert(offsetof(a_ut_hist_settings, hist_num_q) == cache_line);
+static_assert(offsetof(a_ut_hist_settings, text_stride) + sizeof(size_t) <= cache_line);
 extern a_ut_hist_settings hist_cfg;
 
 // A column of the event table: its sub-letter of option i, whether it is there by default, its line of the help, its
@@ -92,6 +96,7 @@ extern const a_hist_column hist_columns[];  // in the order of the table; ends w
 inline int32& hist_include(a_ut_hist_settings& cfg, char letter) { return cfg.include[letter - 'a']; }
 
 void hist_reset_settings();
+void hist_find_way();  // once all else is known
 bool hist_is_wanted();
 void hist_read_options();
 void hist_write_settings(const char* clock);  // null: the clock is not listed

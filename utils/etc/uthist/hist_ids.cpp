@@ -64,7 +64,7 @@ a_ut_hist_id ut_hist_id_alloc(const char* file, uint32 line, const char* desc)
     const a_hist_user user;
     if (!hist_runs() || !user.has_store() || hist.hist_ids == nullptr)
         return id;
-    const a_safe_lock lock(&hist.hist_ids_mutex);
+    const a_safe_lock lock(hist.hist_ids_mutex);
     const int32 index = hist.hist_num_ids;
     if (index < hist_cfg.ut_hist_debug_knum && fill_entry(index, file, line, desc)) {
         id = a_ut_hist_id(a_ptrint(index));

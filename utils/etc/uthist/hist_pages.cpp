@@ -10,7 +10,7 @@
 namespace {
 
 constexpr uint32 most_ahead = 8;
-constexpr uint32 text_looks = 4;  // at places of a text
+constexpr uint32 text_looks = 4;          // at places of a text
 constexpr const char* gone = hist_no_ev;  // what stands for a text that cannot be read
 
 // The kernel reads a new signal mask before it finds that `how` is none of its own, and changes nothing.

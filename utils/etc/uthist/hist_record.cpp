@@ -33,36 +33,35 @@ struct an_event {
     uint32 line;
     a_ut_hist_loc* loc;
     int32 cl;
-    a_named_id id;
-    a_ut_hist_id given_id;
+    a_ut_hist_id id;
     const char* ev;
     int32 pn;
     void *p1, *p2, *p3, *p4, *p5, *p6, *p7, *p8;
 };
 
-// The three special ids are the highest values.
-inline bool is_special(a_ut_hist_id id) { return __builtin_expect(a_ptrint(id) >= a_ptrint(UT_HIST_ID_SIGHANDLER), 0); }
+// The ids that name a queue.
+inline bool names_queue(a_ut_hist_id id) { return id == UT_HIST_ID_SIGHANDLER || id == UT_HIST_ID_Q2; }
 
 // Which queue an event goes to. Queue 0 has several writers, who lock it; every other has one, who does not.
 inline int32 queue_of(a_ut_hist_id id, const a_ut_hist_thread& thread)
 {
-    if (is_special(id) && id == UT_HIST_ID_SIGHANDLER)
+    if (id == UT_HIST_ID_SIGHANDLER)
         return 1;
-    if (is_special(id) && id == UT_HIST_ID_Q2)
+    if (id == UT_HIST_ID_Q2)
         return hist_cfg.ut_hist_debug_q_by_thr != 0 ? 0 : 2;
     return thread.own_q;
 }
 
 // Only for a thread whose mark is set: shut-down frees the registry under all others. Without a registry no index
 // counts.
-inline a_named_id name_of(a_ut_hist_id id)
+[[gnu::always_inline]] inline a_named_id name_of(a_way way, a_ut_hist_id id)
 {
-    if (is_special(id))
-        return {-1, id == UT_HIST_ID_SIGHANDLER ? "SigHandler" : id == UT_HIST_ID_Q2 ? "Q2" : nullptr};
+    if (way == ANY_WAY && names_queue(id))
+        return {-1, id == UT_HIST_ID_SIGHANDLER ? "SigHandler" : "Q2"};
     // Acquire: an entry below the count is complete.
     if (a_ptrint(id) < uint32(__atomic_load_n(&hist.hist_num_ids, __ATOMIC_ACQUIRE)))
         return {int32(a_ptrint(id)), hist.hist_ids[a_ptrint(id)].desc};
-    return {-1, static_cast<const char*>(id)};
+    return {-1, id != UT_HIST_ID_NONE ? static_cast<const char*>(id) : nullptr};
 }
 
 // The thread's blocked signals, recorded always or never: without them got_sigs stays 0, as the ring was allocated. The
@@ -108,6 +107,8 @@ void store_loc(a_ut_hist_loc* loc, const a_ut_hist_loc& value)
     __atomic_store_n(&loc->num, value.num, __ATOMIC_RELAXED);
 }
 
+bool is_same(const a_ut_hist_loc& a, const a_ut_hist_loc& b) { return a.num == b.num && a.n == b.n && a.q == b.q; }
+
 // Anchors of two queues differ by some microseconds: between their events no time has passed then.
 inline uint32 elapsed(const struct timeval& from, const struct timeval& to)
 {
@@ -123,9 +124,11 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
 {
     uint32 dur = hist_no_dur;
     int32 just_ii = -1, just_cl = UT_HIST_CL_NULL;
+    a_ut_hist_loc named = {};
     an_earlier_event earlier;
     if (loc != nullptr) {
-        if (hist_live(load_loc(loc), earlier)) {
+        named = load_loc(loc);
+        if (hist_live(named, earlier)) {
             dur = elapsed(earlier.time_of_day, now);
             if (ii >= 0) {
                 ut_hist_add_time(ii, earlier.cl, ii, cl, dur);
@@ -139,8 +142,10 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
         return dur;
     a_ut_hist_thread& thread = hist.threads[t];
     const int32 last_ii = __atomic_load_n(&thread.last_marker_ii, __ATOMIC_RELAXED);
-    if (last_ii >= 0 && hist_live(load_loc(&thread.last_marker_loc), earlier) &&
-        !(last_ii == just_ii && earlier.cl == just_cl))
+    const a_ut_hist_loc marker = load_loc(&thread.last_marker_loc);
+    // Most often the location names the last marker.
+    const bool is_counted = last_ii == just_ii && is_same(marker, named);
+    if (last_ii >= 0 && !is_counted && hist_live(marker, earlier) && !(last_ii == just_ii && earlier.cl == just_cl))
         ut_hist_add_time(last_ii, earlier.cl, ii, cl, elapsed(earlier.time_of_day, now));
     __atomic_store_n(&thread.last_marker_ii, ii, __ATOMIC_RELAXED);
     store_loc(&thread.last_marker_loc, here);
@@ -148,10 +153,11 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
 }
 
 // The time of an event. Handlers, and those who name queue 2, may write their queues side by side, which no anchor
-// bears. Through a reference: a copy of both words at once would wait for the two stores of the clock.
-inline uint32 get_time(struct timeval& now, const an_event& event, int32 q)
+// bears. Through a reference: a copy of both words at once would wait for the two stores of the clock. Gives the
+// number. Relaxed: the count orders nothing, it only has to be unique.
+[[gnu::always_inline]] inline uint32 get_time(a_way way, struct timeval& now, a_ut_hist_id id, int32 q)
 {
-    const bool alone = q == 0 || (event.given_id != UT_HIST_ID_SIGHANDLER && event.given_id != UT_HIST_ID_Q2);
+    const bool alone = way != ANY_WAY || q == 0 || !names_queue(id);
     if (hist.anchors != nullptr && alone) [[unlikely]] {
         const uint32 num = __atomic_add_fetch(&hist.hist_count, 1u, __ATOMIC_RELAXED);
         hist_tsc_now(hist.anchors[q], now);
@@ -162,27 +168,35 @@ inline uint32 get_time(struct timeval& now, const an_event& event, int32 q)
 }
 
 // Fills the queue's next slot and publishes it. Returns the slot. Signal-safe as record_times is.
-inline uint32 record(const an_event& event, a_ut_hist_event_list& queue, int32 q, uint32 t)
+[[gnu::always_inline]] inline uint32 record(a_way way, const an_event& event, a_ut_hist_event_list& queue, int32 q,
+                                            const a_ut_hist_thread& thread)
 {
+    // The stores of the texts leave the processor's buffer while the clock is read, and their loads need not wait for
+    // the locked instruction behind it. Three addresses gain nothing by that, unless an unlock waits for all stores.
+    const bool texts_first = way == SHORT_COPIES || (way == SHORT_POINTERS && q == 0);
     struct timeval now;
-    const uint32 num = get_time(now, event, q);
-    // The clock waits for all loads before it, a locked instruction for all stores: so both come before what finds and
-    // fills the slot. Relaxed: the count orders nothing, it only has to be unique.
+    uint32 num = 0;
+    if (!texts_first)
+        num = get_time(way, now, event.id, q);
+    const a_named_id id = name_of(way, event.id);
+    const uint32 t = uint32(&thread - hist.threads);
     const a_ring_pos at = ring_next(queue);
     a_ut_hist_event& r = queue.evs[at.next];
     if (hist.views != nullptr) [[unlikely]]
         hist_before_event(queue, r, t);
     __atomic_store_n(&r.seq, seq_writing(at.laps), __ATOMIC_RELAXED);
+    if (way == SHORT_COPIES || (way == ANY_WAY && hist_cfg.copies))
+        hist_store_texts(queue.texts + at.next * hist_cfg.text_stride, event.file, id.text, event.ev, way != ANY_WAY);
+    else
+        hist_store_pointers(r, event.file, id.text, event.ev);
+    if (texts_first)
+        num = get_time(way, now, event.id, q);
     __atomic_store_n(&r.time_of_day.tv_sec, now.tv_sec, __ATOMIC_RELEASE);
     __atomic_store_n(&r.time_of_day.tv_usec, now.tv_usec, __ATOMIC_RELEASE);
-    if (hist_cfg.copies)
-        hist_store_texts(queue.texts + at.next * hist_cfg.text_stride, event.file, event.id.text, event.ev);
-    else
-        hist_store_pointers(r, event.file, event.id.text, event.ev);
     __atomic_store_n(&r.line, event.line, __ATOMIC_RELEASE);
     __atomic_store_n(&r.num, num, __ATOMIC_RELEASE);
     __atomic_store_n(&r.thread, t, __ATOMIC_RELEASE);
-    if (hist_cfg.ut_hist_inc_sigmask != 0) [[unlikely]]
+    if (way == ANY_WAY && hist_cfg.ut_hist_inc_sigmask != 0)
         store_sigmask(r);
     __atomic_store_n(&r.cl, event.cl, __ATOMIC_RELEASE);
     __atomic_store_n(&r.pn, event.pn, __ATOMIC_RELEASE);
@@ -191,26 +205,29 @@ inline uint32 record(const an_event& event, a_ut_hist_event_list& queue, int32 q
         hist_store_data(queue, r, event.p1, int64_t(a_ptrint(event.p2)));
     uint32 dur = hist_no_dur;
     // The others are the straight way, since they can least afford a jump.
-    if (event.loc != nullptr || event.id.ii >= 0) [[unlikely]]
-        dur = record_times(event.loc, event.cl, event.id.ii, t, {q, at.next, num}, now);
+    if (event.loc != nullptr || id.ii >= 0) [[unlikely]]
+        dur = record_times(event.loc, event.cl, id.ii, t, {q, at.next, num}, now);
     __atomic_store_n(&r.dur, dur, __ATOMIC_RELEASE);
     ring_publish(queue, r, at);
     if (hist.views != nullptr) [[unlikely]] {
         hist_after_event(queue, r, t, num);
-        if (uint32(event.cl) - UT_HIST_CL_BEG < 2 && event.given_id != UT_HIST_ID_SIGHANDLER)
-            hist_span_event(t, event.cl, event.loc, event.given_id, event.id.text, now);
+        if (uint32(event.cl) - UT_HIST_CL_BEG < 2 && event.id != UT_HIST_ID_SIGHANDLER)
+            hist_span_event(t, event.cl, event.loc, event.id, id.text, now);
     }
     return at.next;
 }
 
 // Records under the queue's lock, if it has one. Signal-safe with UT_HIST_ID_SIGHANDLER, whose queue has none.
-inline uint32 record_locked(const an_event& event, int32 q, uint32 t)
+[[gnu::always_inline]] inline uint32 record_locked(a_way way, const an_event& event, int32 q,
+                                                   const a_ut_hist_thread& thread)
 {
-    a_ut_hist_event_list& queue = hist.hist_evs[q];
-    const a_safe_lock lock(q == 0 ? &queue.mutex : nullptr);
-    if (q == 0 && hist_cfg.ut_hist_dump_on_sig >= 2) [[unlikely]]
+    if (q != 0)
+        return record(way, event, hist.hist_evs[q], q, thread);
+    a_ut_hist_event_list& queue = hist.hist_evs[0];
+    const a_safe_lock lock(queue.mutex);
+    if (way == ANY_WAY && hist_cfg.ut_hist_dump_on_sig >= 2)
         hist_install_signal_handler_once();
-    return record(event, queue, q, t);
+    return record(way, event, queue, 0, thread);
 }
 
 // The two messages of a recording go straight to the present errout stream: they open nothing and have no timestamp
@@ -233,6 +250,41 @@ void miss(uint32 t)
     __atomic_store_n(&hist.live->last_missed_thread, t, __ATOMIC_RELAXED);
 }
 
+// Records an event of a thread into the queue unless the thread is recording there already.
+[[gnu::always_inline]] inline void add(a_way way, const an_event& event, a_ut_hist_thread& thread, int32 q)
+{
+    if (__atomic_load_n(&thread.recursing[q], __ATOMIC_RELAXED) > 0) [[unlikely]]
+        return;
+    __atomic_store_n(&thread.recursing[q], uint8_t(1), __ATOMIC_RELAXED);
+    // A handler on this thread must find the mark for as long as the record is being written, and no longer.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    // Looked at again: shut-down waits for marks that it sees, and a mark it did not see finds the history stopped. No
+    // fork comes in between, so the process's own word is as good.
+    if (__builtin_expect(!__atomic_load_n(&hist.hist_initialized, __ATOMIC_RELAXED), 0)) {
+        __atomic_store_n(&thread.recursing[q], uint8_t(0), __ATOMIC_RELAXED);
+        return;
+    }
+    if (way == ANY_WAY && hist_cfg.ut_hist_z_messages > 1)
+        say("** add (", event.file != nullptr ? event.file : hist_no_file, ':', event.line, ") P=", event.pn, '(',
+            const_cast<const void*>(event.p1), ',', const_cast<const void*>(event.p2), ',',
+            const_cast<const void*>(event.p3), ',', const_cast<const void*>(event.p4), ") ...");
+    const uint32 n = record_locked(way, event, q, thread);
+    if (way == ANY_WAY && hist_cfg.ut_hist_z_messages > 1)
+        say("z-messages ** add done q=", q, ", n=", int32(n));
+    // Release: shut-down frees the store only after what was written here.
+    __atomic_store_n(&thread.recursing[q], uint8_t(0), __ATOMIC_RELEASE);
+}
+
+// What the short ways leave: ids that name a queue, threads that have no slot yet, rare settings.
+__attribute__((noinline)) void add_any(const an_event& event)
+{
+    const a_slot slot = hist_thread_slot();
+    if (slot.thread == nullptr)
+        miss(slot.t);
+    else
+        add(ANY_WAY, event, *slot.thread, queue_of(event.id, *slot.thread));
+}
+
 }  // namespace
 
 // Signal-safe with UT_HIST_ID_SIGHANDLER (and diagnostic messages off), else not: it may lock.
@@ -241,32 +293,14 @@ void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl
 {
     if (!hist_runs()) [[unlikely]]
         return;
-    const a_slot slot = hist_thread_slot();
-    if (slot.thread == nullptr) [[unlikely]] {
-        miss(slot.t);
-        return;
-    }
-    const int32 q = queue_of(id, *slot.thread);
-    uint8_t& recursing = slot.thread->recursing[q];
-    if (__atomic_load_n(&recursing, __ATOMIC_RELAXED) > 0) [[unlikely]]
-        return;
-    __atomic_store_n(&recursing, uint8_t(1), __ATOMIC_RELAXED);
-    // A handler on this thread must find the mark for as long as the record is being written, and no longer.
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    // Looked at again: shut-down waits for marks that it sees, and a mark it did not see finds the history stopped. No
-    // fork comes in between, so the process's own word is as good.
-    if (__builtin_expect(!__atomic_load_n(&hist.hist_initialized, __ATOMIC_RELAXED), 0)) {
-        __atomic_store_n(&recursing, uint8_t(0), __ATOMIC_RELAXED);
-        return;
-    }
-    const an_event event = {file, line, loc, cl, name_of(id), id, ev, pn, p1, p2, p3, p4, p5, p6, p7, p8};
-    if (hist_cfg.ut_hist_z_messages > 1) [[unlikely]]
-        say("** add (", file != nullptr ? file : hist_no_file, ':', line, ") P=", pn, '(', const_cast<const void*>(p1),
-            ',', const_cast<const void*>(p2), ',', const_cast<const void*>(p3), ',', const_cast<const void*>(p4),
-            ") ...");
-    const uint32 n = record_locked(event, q, slot.t);
-    if (hist_cfg.ut_hist_z_messages > 1) [[unlikely]]
-        say("z-messages ** add done q=", q, ", n=", int32(n));
-    // Release: shut-down frees the store only after what was written here.
-    __atomic_store_n(&recursing, uint8_t(0), __ATOMIC_RELEASE);
+    const uint64 mine = hist_my_slot;
+    const a_way way = hist_cfg.way;
+    if (way == ANY_WAY || uint32(mine >> 32) != hist.start || names_queue(id)) [[unlikely]]
+        return add_any({file, line, loc, cl, id, ev, pn, p1, p2, p3, p4, p5, p6, p7, p8});
+    a_ut_hist_thread& thread = hist.threads[uint32(mine)];
+    const an_event event = {file, line, loc, cl, id, ev, pn, p1, p2, p3, p4, p5, p6, p7, p8};
+    if (way == SHORT_COPIES)
+        add(SHORT_COPIES, event, thread, thread.own_q);
+    else
+        add(SHORT_POINTERS, event, thread, thread.own_q);
 }

@@ -84,10 +84,10 @@ inline bool blocks_readable(const char* text, size_t blocks)
 }
 
 // Copies at least what a reader looks at: up to the text's NUL or to character max, where the reader puts one. So a
-// text of at most two blocks is copied without a look at its end.
-READS_WHOLE_BLOCKS inline void store_text(char* dst, const char* src, size_t max)
+// text of at most two blocks is copied without a look at its end; with all_short there are no longer ones.
+READS_WHOLE_BLOCKS inline void store_text(char* dst, const char* src, size_t max, bool all_short = false)
 {
-    if (max >= 2 * text_block || !blocks_readable(src, 2)) [[unlikely]] {
+    if ((!all_short && max >= 2 * text_block) || !blocks_readable(src, 2)) [[unlikely]] {
         hist_store_long_text(dst, src, max);
         return;
     }
@@ -134,25 +134,26 @@ inline void store_file(char* dst, const char* file)
     copy_block(dst + text_block, file + text_block);
 }
 
-inline void hist_store_id(char* dst, const char* id)
+inline void hist_store_id(char* dst, const char* id, bool all_short = false)
 {
     if (id == nullptr)
         id = hist_no_id;
     if (a_ptrint(id) < hist_first_address) [[unlikely]]
         hist_store_number(dst, id);
     else
-        store_text(dst, id, size_t(hist_cfg.hist_max_id_len));
+        store_text(dst, id, size_t(hist_cfg.hist_max_id_len), all_short);
 }
 
 // The texts of a record in copy mode, into its piece of the queue's block.
-inline void hist_store_texts(char* dst, const char* file, const char* id, const char* ev)
+[[gnu::always_inline]] inline void hist_store_texts(char* dst, const char* file, const char* id, const char* ev,
+                                                    bool all_short)
 {
     if (ev == nullptr) [[unlikely]]
         ev = hist_no_ev;
     std::atomic_signal_fence(std::memory_order_seq_cst);
     store_file(dst, file);
-    hist_store_id(dst + hist_cfg.id_text_at, id);
-    store_text(dst + hist_cfg.ev_text_at, ev, size_t(hist_cfg.hist_max_ev_len));
+    hist_store_id(dst + hist_cfg.id_text_at, id, all_short);
+    store_text(dst + hist_cfg.ev_text_at, ev, size_t(hist_cfg.hist_max_ev_len), all_short);
     std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
