@@ -26,6 +26,7 @@
 #include <utility>
 
 #include "corvex/hist_image.h"
+#include "utils/etc/uthist/hist_process.h"
 
 namespace {
 
@@ -295,18 +296,23 @@ public:
     std::optional<std::string> history_file() override
     {
         for (const a_mapping& mapping : mappings) {
+            const a_segment* const segment = find(segments, mapping.begin);
             char first;
-            a_ut_hist_image image;
-            if (mapping.offset == 0 && read_dumped(mapping.begin, &first, 1) == 0 &&
-                read_one(reader_of(open_regular(mapping.file->first)), 0, image) && is_magic(image.magic) &&
-                image.base == mapping.begin && (pid == 0 || image.pid == pid))
-                return mapping.file->first;
+            if (mapping.offset != 0 || segment == nullptr || !segment->writable ||
+                read_dumped(mapping.begin, &first, 1) != 0)
+                continue;
+            const std::string& path = mapping.file->first;
+            const char* const problem = why_not_file(path, mapping.begin);
+            if (problem == nullptr)
+                return path;
+            missed += "; perhaps it was in " + path + ": " + problem;
         }
         return {};
     }
 
     bool is_live() const override { return false; }
     std::string name() const override { return shown; }
+    std::string hint() const override { return missed; }
     std::string loss() const override
     {
         return lost_files != 0 ? "texts of " + std::to_string(lost_files) + " files are missing" : "";
@@ -317,6 +323,22 @@ private:
     {
         static constexpr unsigned char magic[] = UT_HIST_IMAGE_MAGIC;
         return memcmp(bytes, magic, sizeof magic) == 0;
+    }
+
+    // Why a file is not the history that the process had mapped there; null when it is. In another container the
+    // process had another pid.
+    const char* why_not_file(const std::string& path, uint64 begin)
+    {
+        const a_descriptor file = open_regular(path);
+        a_ut_hist_image image;
+        a_hist_system here;
+        hist_find_system(here);
+        if (!file)
+            return "it cannot be opened";
+        if (!read_one(reader_of(file), 0, image) || !is_magic(image.magic))
+            return "it is no history file";
+        const bool is_same = pid == 0 || image.pid == pid || image.pid_namespace != here.pid_namespace;
+        return is_same && image.base == begin ? nullptr : "it is another process's now";
     }
 
     bool is_image(uint64 address)
@@ -433,6 +455,7 @@ private:
     a_descriptor core;
     a_reader core_reader;
     std::string shown;
+    std::string missed;               // files that may be the history
     pid_t pid = 0;                    // as the process knew it; 0 when the core does not say
     uint32 lost_files = 0;            // whose texts could not be given
     std::vector<a_segment> segments;  // these two ascending

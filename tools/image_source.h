@@ -28,9 +28,11 @@ public:
     // The value of ut_hist_image_now, when symbols tell it; else the search by the magic at page starts finds it.
     virtual std::optional<uint64> image_pointer() = 0;
 
-    virtual bool is_live() const = 0;                // it may change while it is read
+    virtual bool is_live() const = 0;  // it may change while it is read
+    virtual bool is_process() const { return false; }
     virtual std::string name() const = 0;            // as messages show it
     virtual std::string loss() const { return {}; }  // what could not be given so far; empty for nothing
+    virtual std::string hint() const { return {}; }  // where an image that is not there may be
 };
 
 // On failure they return null and say why, and what to do, in one line.

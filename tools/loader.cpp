@@ -29,7 +29,8 @@ constexpr size_t longest_text = 65536;              // by pointer
 constexpr int looks = 100;                          // at a view that changes
 constexpr int64_t most_seconds = int64_t(1) << 40;  // from 1970, of a time that is one
 constexpr int64_t most_ahead = 2 * int64_t(86400);  // of UTC
-constexpr uint64 own_bytes = 8 << 20;               // by which a store may be larger than the image that it came from
+constexpr uint64 own_bytes = 8 << 20;               // of a store beside what the image has
+constexpr uint64 most_unread = 1 << 30;             // bytes of an image that is cut, as far as its header tells
 
 bool is_time(const a_ut_hist_time& t)
 {
@@ -220,9 +221,10 @@ public:
     {
         if (!image.why_not.empty())
             lost.push_back(image.why_not);
-        read_rings();
-        if (!make_store())
+        if (!has_room() || (read_rings(), !make_store())) {
+            lost.push_back("no memory for it, or its header is damaged: its settings are larger than it is");
             return false;
+        }
         put_process();
         for (uint32 q = 0; q < image.header.queues; q++)
             put_queue(q);
@@ -241,6 +243,20 @@ private:
     {
         if (is_lost)
             lost.push_back(what);
+    }
+
+    // A store may be as large as the image is said to be, but for a little file that says much.
+    uint64 most_bytes() const
+    {
+        return std::max(image.readable, std::min(image.header.image_bytes, most_unread)) + own_bytes;
+    }
+
+    // For the texts of all records that can be read, which may themselves be missing.
+    bool has_room() const
+    {
+        const uint64 records = image.readable_of(UT_HIST_RINGS) / sizeof(a_ut_hist_event);
+        const uint64 each = image.section(UT_HIST_TEXTS).bytes != 0 ? image.header.text_stride : 0;
+        return each == 0 || std::max<uint64>(records, chunk) <= most_bytes() / each;
     }
 
     void read_rings()
@@ -288,21 +304,14 @@ private:
         const bool has_ids = image.section(UT_HIST_REGISTRY).entries != 0;
         use_settings(h, most + 1, has_ids ? std::max<uint64>(ids, 1) : 0,
                      has_data || h.data_size == 0 ? h.data_size : 8);
-        if (hist_cfg.tables && image.readable_of(UT_HIST_VIEWS) == 0) {
-            hist_cfg.tables = false;  // no room for them either
-            lost.push_back("threads from slot 0 on cannot be read");
-        }
         const a_layout layout = hist_layout(hist_dump_bytes());
         const uint64 touched =
             layout.sections[UT_HIST_VIEWS].at +
             std::min<uint64>(hist_handle_slots, layout.sections[UT_HIST_VIEWS].entries) * hist_view_bytes();
-        if (touched > image.readable + own_bytes || !hist_store_alloc(hist_dump_bytes)) {
-            lost.push_back("no memory for it, or its header is damaged: its settings are larger than it is");
+        if (touched > most_bytes() || !hist_store_alloc(hist_dump_bytes))
             return false;
-        }
         if ((h.data_size != 0) != (hist.hist_evs[0].data_buf != nullptr) || has_ids != (hist.hist_ids != nullptr)) {
             hist_store_free(true);
-            lost.push_back("no memory for it");
             return false;
         }
         hist_dump_lay_out((h.flags & UT_HIST_IMAGE_CRLF) != 0 ? "\r\n" : "\n");

@@ -94,7 +94,7 @@ an_exit read_source(const std::string& named, bool wants_info, bool tables)
     const std::unique_ptr<an_image_source> source = open_source(named, problem);
     an_image image;
     if (source == nullptr || !find_image(*source, image, problem)) {
-        tell(source != nullptr ? source->name() : named, problem);
+        tell(source != nullptr ? source->name() : named, problem + (source != nullptr ? source->hint() : ""));
         return NOTHING;
     }
     return wants_info ? info(image, source->name()) : dump(image, source->name(), named, tables);
@@ -120,8 +120,12 @@ std::vector<std::string> default_folders()
     const char* const ext = getenv("UT_HIST_EXT");
     const std::string words = std::string(",") + (ext != nullptr ? ext : "");
     const size_t at = words.find(",file=");
-    std::string pattern = at != std::string::npos ? words.substr(at + 6) : "";
-    pattern.resize(std::min(pattern.size(), pattern.find(',')));
+    const std::string word = at != std::string::npos ? words.substr(at + 6) : "";
+    std::string pattern;
+    for (const char* next = word.c_str(); *next != '\0' && *next != ','; next++) {
+        next += next[0] == '%' && next[1] == ',' ? 1 : 0;
+        pattern += *next;
+    }
     const bool is_folder = std::filesystem::is_directory(pattern);
     const std::string folder = is_folder ? pattern : std::filesystem::path(pattern).parent_path().string();
     const bool is_one = !pattern.empty() && folder.find('%') == std::string::npos;

@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "tools/image.h"
+#include "utils/etc/uthist/hist_process.h"
 
 namespace {
 
@@ -92,6 +93,7 @@ public:
     }
 
     bool is_live() const override { return true; }
+    bool is_process() const override { return true; }
     std::string name() const override { return "process " + std::to_string(pid); }
 
 private:
@@ -138,6 +140,14 @@ private:
     const int pid, memory;
     const std::vector<a_mapping> maps;
 };
+
+// As the library keeps it.
+std::string own_host()
+{
+    char host[sizeof a_ut_hist_image::host] = "";
+    gethostname(host, sizeof host - 1);
+    return host;
+}
 
 // By exec: nothing is where the image was. Not when that may not be looked at.
 bool runs_another_program(const a_ut_hist_image& header)
@@ -204,11 +214,11 @@ std::map<uint32, std::string> threads_of(int pid)
 
 a_life life_of(const a_ut_hist_image& header)
 {
-    struct stat own = {};
-    const uint64 pid_namespace = stat("/proc/self/ns/pid", &own) == 0 ? own.st_ino : 0;
-    if (first_line("/proc/sys/kernel/random/boot_id") != header.boot_id)
-        return GONE;
-    if (pid_namespace != header.pid_namespace)
+    a_hist_system here;
+    hist_find_system(here);
+    if (std::string_view(here.boot_id) != header.boot_id)
+        return own_host() == header.host ? GONE : ELSEWHERE;
+    if (here.pid_namespace == 0 || here.pid_namespace != header.pid_namespace)
         return ELSEWHERE;
     const uint64 start = header.pid > 0 ? start_of(header.pid) : 0;
     if (start == 0 && header.pid > 0 && (kill(header.pid, 0) == 0 || errno == EPERM))
@@ -236,6 +246,7 @@ std::unique_ptr<an_image_source> open_process(int pid, std::string& problem)
         problem = "this system cannot read another process's memory (process_vm_readv)";
     else
         problem = "its memory may not be read: be its user or root or have CAP_SYS_PTRACE, and see "
-                  "/proc/sys/kernel/yama/ptrace_scope: from 1 on only root may, or its debugger";
+                  "/proc/sys/kernel/yama/ptrace_scope: from 1 on only root may, or its debugger; or name its history "
+                  "file, if it has one";
     return nullptr;
 }

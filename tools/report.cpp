@@ -133,18 +133,22 @@ void put_row(const an_image& image, const std::string& name)
            end.c_str(), sum(state.recorded), newest.c_str(), printable(name).c_str());
 }
 
-// False when there is no history in it.
-bool put_row_of(std::unique_ptr<an_image_source> source, const std::string& name, bool& headed)
+// Nothing for a process without a history.
+void put_row_of(std::unique_ptr<an_image_source> source, const std::string& name, bool& headed)
 {
     an_image image;
     std::string problem;
-    if (source == nullptr || !find_image(*source, image, problem))
-        return false;
+    if (source == nullptr)
+        return;
+    if (!find_image(*source, image, problem)) {
+        if (!source->is_process())
+            fprintf(stderr, "corvex-hist: %s: %s\n", name.c_str(), problem.c_str());
+        return;
+    }
     if (!headed)
         printf("%-15s %7s %-24s %12s %-26s %s\n", "PROGRAM", "PID", "STATE", "EVENTS", "NEWEST", "SOURCE");
     headed = true;
     put_row(image, name);
-    return true;
 }
 
 std::vector<int> processes()
@@ -163,15 +167,16 @@ std::vector<int> processes()
 std::string end_of(const an_image& image, const a_state& state)
 {
     const a_ut_crash_record& crash = state.live.crash;
-    const a_life life = life_of(image.header);
+    const bool ended = state.known && state.live.state == UT_HIST_IMAGE_ENDED;
+    const a_life life = image.source->is_process() ? ALIVE : life_of(image.header);
     std::string crashed = crash.state != UT_CRASH_NONE ? "crashed: " + signal_name(crash.sig) : "";
-    if (life == ALIVE && image.source->is_live())
+    if (life == ALIVE && image.source->is_live() && !ended)
         return crashed.empty() ? "alive" : "ending: " + signal_name(crash.sig);
     if (!crashed.empty())
         return crashed;
     if (!state.known)
         return "unknown";
-    if (state.live.state == UT_HIST_IMAGE_ENDED)
+    if (ended)
         return "ended cleanly";
     return life == GONE ? "gone: killed, _exit, exec" : "not known here";
 }

@@ -162,7 +162,7 @@ CORVEX_LAYOUT(sizeof(a_ut_hist_thread) == 64);
 /* A BEG without its END. */
 typedef struct {
     a_ut_hist_loc* loc; /* null where none was given; only compared */
-    a_ut_hist_id id;    /* as the caller gave it; only compared */
+    a_ut_hist_id id;    /* as the caller gave it, or the hash of a text that is not copied; only compared */
     const char* text;   /* of the id, when texts are not copied */
     a_ut_hist_time begun;
 } a_hist_span;

@@ -280,18 +280,21 @@ bool is_of_form(const char* form, const char* name)
 }
 
 // Signal-safe.
-int64_t nanoseconds(const struct timespec& time) { return time.tv_sec * int64_t(1000000000) + time.tv_nsec; }
+bool is_earlier(const struct timespec& time, const struct timespec& than)
+{
+    return time.tv_sec != than.tv_sec ? time.tv_sec < than.tv_sec : time.tv_nsec < than.tv_nsec;
+}
 
 struct a_dead_file {
-    struct timespec newest;   // event in it; all zero for none
+    struct timespec newest;   // event in it, or when its history began
     struct timespec changed;  // the file itself, which stores through a mapping do not always tell
     char name[NAME_MAX + 1];
 
     // Signal-safe.
     bool is_older_than(const a_dead_file& other) const
     {
-        const int64_t apart = nanoseconds(newest) - nanoseconds(other.newest);
-        return apart != 0 ? apart < 0 : nanoseconds(changed) < nanoseconds(other.changed);
+        return is_earlier(newest, other.newest) ||
+               (!is_earlier(other.newest, newest) && is_earlier(changed, other.changed));
     }
 };
 
@@ -376,12 +379,22 @@ private:
             close(fd);
     }
 
-    // Of the image in the room: when its newest event was; 0 for none. Signal-safe.
+    // The file may hold anything. Signal-safe.
+    static void make_later(struct timespec& newest, const a_ut_hist_time& found)
+    {
+        constexpr uint64 last_second = uint64(1) << 33;
+        if (uint64(found.tv_sec) >= last_second || uint64(found.tv_usec) >= 1000000)
+            return;
+        const struct timespec time = {found.tv_sec, found.tv_usec * 1000};
+        newest = is_earlier(newest, time) ? time : newest;
+    }
+
+    // Of the image in the room: when its newest event was, or, without one, when its history began. Signal-safe.
     struct timespec newest_event(int fd)
     {
         const a_ut_hist_image& image = room().image;
-        constexpr uint64 last_second = uint64(1) << 33;  // the file may hold anything
         struct timespec newest = {};
+        make_later(newest, image.start_time);
         for (uint32 q = 0; q < image.queues && q < hist_max_queues; q++) {
             a_ut_hist_event_list queue;
             a_ut_hist_event r;
@@ -390,10 +403,8 @@ private:
                 continue;
             const uint32 next = uint32(queue.ring_pos), last = (next != 0 ? next : image.events) - 1;
             const uint64 record = image.sections[UT_HIST_RINGS].at + (uint64(q) * image.events + last) * sizeof r;
-            const bool whole = pread(fd, &r, sizeof r, off_t(record)) == ssize_t(sizeof r);
-            if (whole && r.time_of_day.tv_sec >= newest.tv_sec && uint64(r.time_of_day.tv_sec) < last_second &&
-                uint64(r.time_of_day.tv_usec) < 1000000)
-                newest = {r.time_of_day.tv_sec, r.time_of_day.tv_usec * 1000};
+            if (pread(fd, &r, sizeof r, off_t(record)) == ssize_t(sizeof r))
+                make_later(newest, r.time_of_day);
         }
         return newest;
     }

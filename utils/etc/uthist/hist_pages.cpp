@@ -185,19 +185,3 @@ void hist_copy_text(a_hist_pages& pages, const char* text, char* copy, size_t ma
     }
     copy[used] = '\0';
 }
-
-// By blocks that lie in one page each.
-bool hist_is_text_at(const char* address, const char* text, size_t max)
-{
-    char block[4 * text_block];
-    for (uint64 at = a_ptrint(address); max > 0; at += sizeof block - at % sizeof block) {
-        const size_t offset = at % sizeof block, left = sizeof block - offset, len = left < max ? left : max;
-        if (!read_own_pages(nullptr, at - offset, block, sizeof block) || strncmp(block + offset, text, len) != 0)
-            return false;
-        if (strnlen(block + offset, len) < len)
-            return true;
-        text += len;
-        max -= len;
-    }
-    return true;
-}

@@ -63,10 +63,6 @@ inline uint32 hist_text_hash(uint64 address) { return uint32(hist_spread(address
 a_hist_text hist_look_for_text(a_hist_pages& pages, uint64 address);
 void hist_put_pieces(a_text& out, a_hist_pages& pages, const a_hist_text& text);
 
-// Whether at an address, where there may be nothing any more, that text stands, as far as its first max characters
-// tell. Without a cache: for events.
-bool hist_is_text_at(const char* address, const char* text, size_t max);
-
 // At most max characters of a text, ended by a NUL.
 void hist_copy_text(a_hist_pages& pages, const char* text, char* copy, size_t max);
 

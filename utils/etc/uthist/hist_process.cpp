@@ -29,7 +29,7 @@ uint64 magic_half(size_t i)
     return ~half;
 }
 
-// A file's first bytes, as a text without its line end; empty when it cannot be read.
+// A file's first bytes, as a text; empty when it cannot be read.
 void read_text(const char* path, char* text, size_t size)
 {
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
@@ -37,9 +37,22 @@ void read_text(const char* path, char* text, size_t size)
     if (fd >= 0)
         close(fd);
     text[len > 0 ? len : 0] = '\0';
+}
+
+void read_line(const char* path, char* text, size_t size)
+{
+    read_text(path, text, size);
     char* const line_end = strchr(text, '\n');
     if (line_end != nullptr)
         *line_end = '\0';
+}
+
+uint64 number_at(const char* digits)
+{
+    uint64 number = 0;
+    for (; *digits >= '0' && *digits <= '9'; digits++)
+        number = number * 10 + uint64(*digits - '0');
+    return number;
 }
 
 // In clock ticks since boot; 0 when it is not known. The 22nd field; the second is a name in parentheses, and may hold
@@ -52,21 +65,34 @@ uint64 start_of(int32 pid)
     text.use(path, sizeof path, "");
     text.direct(nullptr, nullptr);
     text.put("/proc/", pid, "/stat", '\0');
-    read_text(path, stat, sizeof stat);
+    read_line(path, stat, sizeof stat);
     const char* at = strrchr(stat, ')');
     for (int i = 0; i < fields_behind_name && at != nullptr; i++)
         at = strchr(at + 1, ' ');
-    uint64 ticks = 0;
-    for (; at != nullptr && at[1] >= '0' && at[1] <= '9'; at++)
-        ticks = ticks * 10 + uint64(at[1] - '0');
-    return ticks;
+    return at != nullptr ? number_at(at + 1) : 0;
 }
 
-// 0 when it is not known.
+// Whether /proc tells of this namespace's processes, by their own ids: a container may still see its host's.
+bool proc_is_own()
+{
+    char self[16] = "";
+    return readlink("/proc/self", self, sizeof self - 1) > 0 && number_at(self) == uint64(getpid());
+}
+
+// A namespace of time moves what /proc says of starts; others, of the same processes, are then not told the same.
+bool starts_are_moved()
+{
+    char offsets[256];
+    read_text("/proc/self/timens_offsets", offsets, sizeof offsets);
+    const char* const since_boot = strstr(offsets, "boottime");
+    return since_boot != nullptr && strpbrk(since_boot, "123456789") != nullptr;
+}
+
+// 0 when it is not known, or starts of processes cannot be compared in it.
 uint64 pid_namespace()
 {
     struct stat found = {};
-    return stat("/proc/self/ns/pid", &found) == 0 ? found.st_ino : 0;
+    return proc_is_own() && !starts_are_moved() && stat("/proc/self/ns/pid", &found) == 0 ? found.st_ino : 0;
 }
 
 }  // namespace
@@ -80,7 +106,7 @@ void hist_process_fill(a_ut_hist_image& image)
 
 void hist_find_system(a_hist_system& here)
 {
-    read_text("/proc/sys/kernel/random/boot_id", here.boot_id, sizeof here.boot_id);
+    read_line("/proc/sys/kernel/random/boot_id", here.boot_id, sizeof here.boot_id);
     here.pid_namespace = pid_namespace();
 }
 

@@ -8,18 +8,6 @@ namespace {
 
 size_t text_bytes(int32 max_len) { return (size_t(max_len) + text_block) / text_block * text_block; }
 
-// A block of a text that may end before it: at the end of a page byte by byte.
-READS_WHOLE_BLOCKS inline __m128i load_block(const char* src)
-{
-    constexpr size_t page = 4096;
-    if (__builtin_expect(a_ptrint(src) % page <= page - text_block, 1))
-        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
-    char bytes[text_block] = {};
-    for (size_t i = 0; i < text_block && src[i] != '\0'; i++)
-        bytes[i] = src[i];
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
-}
-
 inline void store_words(char* dst, __m128i block)
 {
     uint64* words = reinterpret_cast<uint64*>(dst);

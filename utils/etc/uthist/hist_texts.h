@@ -83,6 +83,20 @@ inline bool blocks_readable(const char* text, size_t blocks)
     return a_ptrint(text) % page <= page - blocks * text_block;
 }
 
+// Bit i is set where byte i of the block is NUL.
+inline uint32 nuls_of(__m128i block) { return uint32(_mm_movemask_epi8(_mm_cmpeq_epi8(block, _mm_setzero_si128()))); }
+
+// A block of a text that may end before it: at the end of a page byte by byte.
+READS_WHOLE_BLOCKS inline __m128i load_block(const char* src)
+{
+    if (blocks_readable(src, 1)) [[likely]]
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
+    char bytes[text_block] = {};
+    for (size_t i = 0; i < text_block && src[i] != '\0'; i++)
+        bytes[i] = src[i];
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+}
+
 // Copies at least what a reader looks at: up to the text's NUL or to character max, where the reader puts one. So a
 // text of at most two blocks is copied without a look at its end; with all_short there are no longer ones.
 READS_WHOLE_BLOCKS inline void store_text(char* dst, const char* src, size_t max, bool all_short = false)
@@ -95,9 +109,6 @@ READS_WHOLE_BLOCKS inline void store_text(char* dst, const char* src, size_t max
     if (max >= text_block) [[likely]]
         copy_block(dst + text_block, src + text_block);
 }
-
-// Bit i is set where byte i of the block is NUL.
-inline uint32 nuls_of(__m128i block) { return uint32(_mm_movemask_epi8(_mm_cmpeq_epi8(block, _mm_setzero_si128()))); }
 
 // Bit i is set where one of two blocks, as one, has a NUL at character i.
 READS_WHOLE_BLOCKS inline uint32 nuls_of_two(const char* text)

@@ -57,19 +57,40 @@ void keep_texts(a_hist_view& v, const char* texts)
         put(reinterpret_cast<uint64*>(id_place(v) + i)[0], own(reinterpret_cast<const uint64*>(texts + i)[0]));
 }
 
+bool is_text(a_ut_hist_id id)
+{
+    return a_ptrint(id) >= hist_first_address && a_ptrint(id) < a_ptrint(UT_HIST_ID_SIGHANDLER);
+}
+
+uint64 first_bytes(uint64 word, size_t len) { return len < sizeof word ? word & ((uint64(1) << 8 * len) - 1) : word; }
+
+// Of what a text shows, as an id that no caller gives. Outside copy mode a span keeps it as its id: where the text was
+// there may be nothing any more when the span ends.
+a_ut_hist_id hash_of(const char* text)
+{
+    uint64 hash = 0;
+    size_t len = text_block;
+    for (size_t left = size_t(hist_cfg.hist_max_id_len); left > 0 && len == text_block; left -= len) {
+        const __m128i block = load_block(text);
+        len = uint32(__builtin_ctz(nuls_of(block) | 1u << (left < text_block ? left : text_block)));
+        const uint64 first = uint64(_mm_cvtsi128_si64(block)),
+                     second = uint64(_mm_cvtsi128_si64(_mm_srli_si128(block, 8)));
+        hash = (hash ^ hash >> 32) + first_bytes(first, len) * 0x9E3779B97F4A7C15 +
+               (len > 8 ? first_bytes(second, len - 8) : 0) * 0xC2B2AE3D27D4EB4F;
+        text += text_block;
+    }
+    return a_ut_hist_id((hash | uint64(1) << 63) & ~(uint64(1) << 62));
+}
+
 // A text is itself wherever it stands.
 bool has_id(a_hist_view& v, uint32 i, a_ut_hist_id id)
 {
     const a_ut_hist_id open = own(v.spans[i].id);
-    const auto is_text = [](a_ut_hist_id x) {
-        return a_ptrint(x) >= hist_first_address && a_ptrint(x) < a_ptrint(UT_HIST_ID_SIGHANDLER);
-    };
     if (open == id || !is_text(open) || !is_text(id))
         return open == id;
     const char* const text = static_cast<const char*>(id);
-    const size_t max = size_t(hist_cfg.hist_max_id_len);
-    return copies(hist_cfg) ? strncmp(span_place(v, i, hist_cfg), text, max) == 0
-                            : hist_is_text_at(own(v.spans[i].text), text, max);
+    return copies(hist_cfg) ? strncmp(span_place(v, i, hist_cfg), text, size_t(hist_cfg.hist_max_id_len)) == 0
+                            : open == hash_of(text);
 }
 
 // The innermost open span of the location, where one is given, and of the id, where that counts; their number if there
@@ -310,7 +331,7 @@ void hist_open_span(a_hist_view& v, a_ut_hist_loc* loc, a_ut_hist_id id, const c
         std::atomic_signal_fence(std::memory_order_seq_cst);  // a text's blocks stay behind the end of the last span
         a_hist_span& span = v.spans[open];
         put(span.loc, loc);
-        put(span.id, id);
+        put(span.id, is_text(id) && !copies(hist_cfg) ? hash_of(text) : id);
         put_time(span.begun, now);
         if (copies(hist_cfg))
             hist_store_id(span_place(v, open, hist_cfg), text);
