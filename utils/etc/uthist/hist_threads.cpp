@@ -66,7 +66,7 @@ uint64 first_bytes(uint64 word, size_t len) { return len < sizeof word ? word & 
 
 // Of what a text shows, as an id that no caller gives. Outside copy mode a span keeps it as its id: where the text was
 // there may be nothing any more when the span ends.
-a_ut_hist_id hash_of(const char* text)
+__attribute__((noinline)) a_ut_hist_id hash_of(const char* text)
 {
     uint64 hash = 0;
     size_t len = text_block;
@@ -331,12 +331,14 @@ void hist_open_span(a_hist_view& v, a_ut_hist_loc* loc, a_ut_hist_id id, const c
         std::atomic_signal_fence(std::memory_order_seq_cst);  // a text's blocks stay behind the end of the last span
         a_hist_span& span = v.spans[open];
         put(span.loc, loc);
-        put(span.id, is_text(id) && !copies(hist_cfg) ? hash_of(text) : id);
         put_time(span.begun, now);
-        if (copies(hist_cfg))
+        if (copies(hist_cfg)) {
+            put(span.id, id);
             hist_store_id(span_place(v, open, hist_cfg), text);
-        else
+        } else {
+            put(span.id, is_text(id) ? hash_of(text) : id);
             put(span.text, text);
+        }
     }
     put(v.open, own(v.open) + 1);
 }

@@ -56,10 +56,12 @@ inline void hist_span_event(uint32 t, int32 cl, a_ut_hist_loc* loc, a_ut_hist_id
     if (cl == UT_HIST_CL_BEG)
         return hist_open_span(v, loc, id, text, now);
     const uint32 open = hist_open_spans(v);
-    const bool is_given = open - 1 < hist_max_spans &&
-                          (__atomic_load_n(&v.spans[open - 1].id, __ATOMIC_RELAXED) == id ||
-                           (hist_is_text(text) && __atomic_load_n(&v.spans[open - 1].text, __ATOMIC_RELAXED) == id));
-    if (is_given && (loc == nullptr || __atomic_load_n(&v.spans[open - 1].loc, __ATOMIC_RELAXED) == loc))
+    const auto is_given = [&](const a_hist_span& span) {
+        return (__atomic_load_n(&span.id, __ATOMIC_RELAXED) == id ||
+                (text != nullptr && __atomic_load_n(&span.text, __ATOMIC_RELAXED) == id)) &&
+               (loc == nullptr || __atomic_load_n(&span.loc, __ATOMIC_RELAXED) == loc);
+    };
+    if (open - 1 < hist_max_spans && is_given(v.spans[open - 1])) [[likely]]
         hist_set_open(v, open - 1);
     else
         hist_close_span(v, loc, id);
