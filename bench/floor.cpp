@@ -37,9 +37,10 @@ template <bool locked, bool copies>
     a_ut_hist_event& r = ring.events[ring.next];
     gettimeofday(reinterpret_cast<struct timeval*>(&r.time_of_day), nullptr);
     if constexpr (copies) {
-        memcpy(r.file, file, file_bytes);
-        memcpy(r.id, id, id_bytes);
-        memcpy(r.ev, ev, ev_bytes);
+        char* const texts = ring.texts.get() + ring.next * slot_text_len;
+        memcpy(texts, file, file_bytes);
+        memcpy(texts + file_bytes, id, id_bytes);
+        memcpy(texts + file_bytes + id_bytes, ev, ev_bytes);
     } else {
         r.file = const_cast<char*>(file);
         r.id = const_cast<char*>(id);
@@ -48,8 +49,6 @@ template <bool locked, bool copies>
     r.line = line;
     r.num = __atomic_add_fetch(&event_number, 1u, __ATOMIC_RELAXED);
     r.thread = ring.thread;
-    r.got_sigs = 0;
-    r.prio = 0;
     r.dur = hist_no_dur;
     r.cl = cl;
     r.pn = pn;
@@ -57,8 +56,6 @@ template <bool locked, bool copies>
     r.p[1] = p2;
     r.p[2] = p3;
     r.p[3] = p4;
-    r.data_gen = 0;
-    r.data_idx = 0;
     if (++ring.next == ring_size) {
         ring.next = 0;
         ring.wrapped = true;

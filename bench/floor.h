@@ -1,5 +1,5 @@
-// floor.h: the floor, the history's record written by hand: same record layout, same ring size, same fields; a lock or
-// none, text copies or none. What the history does beyond it (routing, re-entry guard, durations, torn-row detection)
+// floor.h: the floor, the history's record written by hand: same record layout, ring size and stores; a lock or none,
+// text copies or none. What the history does beyond it (routing, re-entry guard, durations, torn-row detection)
 // is what the ratio to the floor shows.
 #ifndef BENCH_FLOOR_H
 #define BENCH_FLOOR_H

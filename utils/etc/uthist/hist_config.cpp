@@ -297,13 +297,11 @@ uint32 dense_slots_of(const char* value)
 
 }  // namespace
 
-// A short way: slots by number, and texts of at most two blocks.
+// A short way: slots by number, and nothing to do but to record.
 void hist_find_way()
 {
-    constexpr int32 two_blocks = 32;
     const bool is_plain = cfg.ut_hist_z_messages <= 1 && cfg.ut_hist_inc_sigmask == 0 && cfg.ut_hist_dump_on_sig < 2;
-    const bool all_short = cfg.hist_max_id_len < two_blocks && cfg.hist_max_ev_len < two_blocks;
-    cfg.way = !is_plain || !all_short || cfg.dense_slots == 0 ? ANY_WAY : cfg.copies ? SHORT_COPIES : SHORT_POINTERS;
+    cfg.way = !is_plain || cfg.dense_slots == 0 ? ANY_WAY : cfg.copies ? SHORT_COPIES : SHORT_POINTERS;
 }
 
 uint32 hist_dense_slots_of(const char* digits)

@@ -31,7 +31,7 @@ inline constexpr uint32 hist_most_dead = 1000;  // that keep=<n> may ask for
 inline constexpr size_t hist_file_size = sizeof a_ut_hist_image::file;  // of the file's name, its NUL included
 inline constexpr size_t env_buf_size = 150;  // of UT_HIST's value, the terminating NUL included
 
-// The ways of an event. Almost all go a short one, where nothing is looked at that the settings rule out.
+// The ways of an event. With slots by number almost all go a short one, where less is looked at.
 enum a_way : uint8_t { ANY_WAY, SHORT_COPIES, SHORT_POINTERS };
 
 struct alignas(cache_line) a_ut_hist_settings {

@@ -67,6 +67,18 @@ void copy_queue(a_ut_hist_event_list& queue)
     copied.data_pos = __atomic_load_n(&queue.data_pos, __ATOMIC_ACQUIRE);
 }
 
+// The parent may have timed events meanwhile up to ids that the forking thread did not know of. What follows the last
+// timer is as it was mapped.
+void drop_unknown(a_ut_hist_timer_list& list, int32 ids)
+{
+    int32 kept = 0;
+    for (int32 i = 0; i < list.num && i < int32(hist_max_timers); i++)
+        if (list.ids[i].id < ids)
+            list.ids[kept++] = list.ids[i];
+    list.num = kept;
+    memset(list.ids + kept, '\0', (hist_max_timers - size_t(kept)) * sizeof *list.ids);
+}
+
 // As many ids as the forking thread knew of.
 void copy_ids()
 {
@@ -76,6 +88,8 @@ void copy_ids()
     copy(hist.hist_ids, ids * sizeof *hist.hist_ids);
     copy(section(UT_HIST_ID_TEXTS), size_t(hist.id_texts - section(UT_HIST_ID_TEXTS)));
     copy(hist.timers, ids * K_LAST * sizeof *hist.timers);
+    for (size_t i = 0; i < ids * K_LAST; i++)
+        drop_unknown(copy_of(hist.timers)[i], int32(ids));
     copy_of(hist.live)->ids = uint32(ids);
 }
 

@@ -27,7 +27,7 @@ struct a_named_id {
     const char* text;  // null for none
 };
 
-// The arguments of one event. All that reads it is inlined, so that it never stands in memory.
+// The arguments of one event. On the short ways all that reads it is inlined, so that it never stands in memory.
 struct an_event {
     const char* file;
     uint32 line;
@@ -113,7 +113,7 @@ bool is_same(const a_ut_hist_loc& a, const a_ut_hist_loc& b) { return a.num == b
 inline uint32 elapsed(const struct timeval& from, const struct timeval& to)
 {
     const uint32 passed = hist_elapsed(from, to);
-    return hist.anchors != nullptr && passed > UINT32_MAX - hist_tsc_step ? 0 : passed;
+    return hist.anchors != nullptr && passed > UINT32_MAX - hist_tsc_step + 1 ? 0 : passed;
 }
 
 // Times the event against the record that the caller's location names and against the thread's last marker; a pair that
@@ -186,7 +186,7 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
         hist_before_event(queue, r, t);
     __atomic_store_n(&r.seq, seq_writing(at.laps), __ATOMIC_RELAXED);
     if (way == SHORT_COPIES || (way == ANY_WAY && hist_cfg.copies))
-        hist_store_texts(queue.texts + at.next * hist_cfg.text_stride, event.file, id.text, event.ev, way != ANY_WAY);
+        hist_store_texts(queue.texts + at.next * hist_cfg.text_stride, event.file, id.text, event.ev);
     else
         hist_store_pointers(r, event.file, id.text, event.ev);
     if (texts_first)
@@ -275,14 +275,10 @@ void miss(uint32 t)
     __atomic_store_n(&thread.recursing[q], uint8_t(0), __ATOMIC_RELEASE);
 }
 
-// What the short ways leave: ids that name a queue, threads that have no slot yet, rare settings.
-__attribute__((noinline)) void add_any(const an_event& event)
+// What the short ways leave.
+__attribute__((noinline)) void add_any(const an_event& event, a_ut_hist_thread& thread)
 {
-    const a_slot slot = hist_thread_slot();
-    if (slot.thread == nullptr)
-        miss(slot.t);
-    else
-        add(ANY_WAY, event, *slot.thread, queue_of(event.id, *slot.thread));
+    add(ANY_WAY, event, thread, queue_of(event.id, thread));
 }
 
 }  // namespace
@@ -295,8 +291,12 @@ void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl
         return;
     const uint64 mine = hist_my_slot;
     const a_way way = hist_cfg.way;
-    if (way == ANY_WAY || uint32(mine >> 32) != hist.start || names_queue(id)) [[unlikely]]
-        return add_any({file, line, loc, cl, id, ev, pn, p1, p2, p3, p4, p5, p6, p7, p8});
+    if (way == ANY_WAY || uint32(mine >> 32) != hist.start || names_queue(id)) [[unlikely]] {
+        const a_slot slot = hist_thread_slot();
+        if (slot.thread == nullptr)
+            return miss(slot.t);
+        return add_any({file, line, loc, cl, id, ev, pn, p1, p2, p3, p4, p5, p6, p7, p8}, *slot.thread);
+    }
     a_ut_hist_thread& thread = hist.threads[uint32(mine)];
     const an_event event = {file, line, loc, cl, id, ev, pn, p1, p2, p3, p4, p5, p6, p7, p8};
     if (way == SHORT_COPIES)

@@ -8,16 +8,9 @@ namespace {
 
 size_t text_bytes(int32 max_len) { return (size_t(max_len) + text_block) / text_block * text_block; }
 
-inline void store_words(char* dst, __m128i block)
-{
-    uint64* words = reinterpret_cast<uint64*>(dst);
-    __atomic_store_n(words, uint64(_mm_cvtsi128_si64(block)), __ATOMIC_RELEASE);
-    __atomic_store_n(words + 1, uint64(_mm_cvtsi128_si64(_mm_unpackhi_epi64(block, block))), __ATOMIC_RELEASE);
-}
-
 // Copies a data block, whole words where the ring is aligned. Release, so that a reader of any of these bytes sees the
 // ring's position that was stored before them.
-void store_block(char* dst, const char* src, size_t len)
+void store_bytes(char* dst, const char* src, size_t len)
 {
     while (len > 0 && (a_ptrint(dst) & 7) != 0) {
         __atomic_store_n(dst++, *src++, __ATOMIC_RELEASE);
@@ -75,7 +68,7 @@ READS_WHOLE_BLOCKS __attribute__((noinline)) void hist_store_long_text(char* dst
 {
     for (size_t at = 0; at < max; at += text_block) {
         const __m128i block = load_block(src + at);
-        store_words(dst + at, block);
+        store_block(dst + at, block);
         if (nuls_of(block) != 0)
             break;
     }
@@ -126,7 +119,7 @@ __attribute__((noinline)) void hist_store_data(a_ut_hist_event_list& queue, a_ut
     __atomic_store_n(&r.data_gen, at.data_gen, __ATOMIC_RELEASE);
     __atomic_store_n(&r.data_idx, at.data_fil, __ATOMIC_RELEASE);
     __atomic_store_n(&queue.data_pos, pack_data({at.data_gen, at.data_fil + len}), __ATOMIC_RELAXED);
-    store_block(queue.data_buf + at.data_fil, static_cast<const char*>(block), len);
+    store_bytes(queue.data_buf + at.data_fil, static_cast<const char*>(block), len);
 }
 
 bool hist_data_intact(const a_ut_hist_event_list& queue, uint32 data_gen, uint32 data_idx)

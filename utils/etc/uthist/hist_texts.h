@@ -4,8 +4,9 @@
 //
 //     |file........|id..........|ev..........|file........|...        ev_text_at, text_stride (hist_config.h)
 //
-// A writer stores whole words with release order, a reader loads them with acquire order, both between their looks at
-// the record's sequence word (hist_ring.h). What comes along behind a text's NUL is never shown.
+// A writer stores whole blocks in order, as store_block says, or words with release order; a reader loads words with
+// acquire order, both between their looks at the record's sequence word (hist_ring.h). What comes along behind a text's
+// NUL is never shown.
 //
 // Data ring: generation and fill offset share one word, moved before the bytes are copied: a reader that copied a byte
 // of a newer block then also sees that its own block is gone. Signal-safe: all of it.
@@ -56,26 +57,39 @@ const char* hist_load_data(const a_ut_hist_event_list& queue, uint32 data_idx, u
 // cannot reach into another page, wherever the text ends in it. The sanitizers must not look at that.
 #define READS_WHOLE_BLOCKS __attribute__((no_sanitize("address", "thread")))
 
+#ifdef __SANITIZE_THREAD__
+#define UNDER_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#define UNDER_THREAD_SANITIZER __has_feature(thread_sanitizer)
+#else
+#define UNDER_THREAD_SANITIZER 0
+#endif
+
 void hist_store_long_text(char* dst, const char* src, size_t max);
 void hist_store_path_end(char* dst, const char* file);
 void hist_store_number(char* dst, const char* id);  // of an id that is no address, or none
 
-using an_unaligned_word [[gnu::may_alias, gnu::aligned(1)]] = uint64;
-
-// Copies a block of a text whose bytes may all be read. One store of a vector: the processor keeps each of its words
-// whole and all stores in their order, and the compiler moves none over the fences of hist_store_texts. That is what
-// two releasing stores of words say, which cost more; the thread sanitizer is shown those.
-READS_WHOLE_BLOCKS inline void copy_block(char* dst, const char* src)
+READS_WHOLE_BLOCKS inline __m128i load_any(const char* src)
 {
-#ifdef __SANITIZE_THREAD__
-    const an_unaligned_word* from = reinterpret_cast<const an_unaligned_word*>(src);
-    uint64* to = reinterpret_cast<uint64*>(dst);
-    __atomic_store_n(to, from[0], __ATOMIC_RELEASE);
-    __atomic_store_n(to + 1, from[1], __ATOMIC_RELEASE);
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
+}
+
+// One store of a vector: the processor keeps each of its words whole and all stores in their order, and the compiler
+// moves none over the fences of hist_store_texts. That is what two releasing stores of words say, which cost more; the
+// thread sanitizer is shown those.
+inline void store_block(char* dst, __m128i block)
+{
+#if UNDER_THREAD_SANITIZER
+    uint64* const to = reinterpret_cast<uint64*>(dst);
+    __atomic_store_n(to, uint64(_mm_cvtsi128_si64(block)), __ATOMIC_RELEASE);
+    __atomic_store_n(to + 1, uint64(_mm_cvtsi128_si64(_mm_unpackhi_epi64(block, block))), __ATOMIC_RELEASE);
 #else
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_loadu_si128(reinterpret_cast<const __m128i*>(src)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), block);
 #endif
 }
+
+// Of a text whose bytes may all be read.
+inline void copy_block(char* dst, const char* src) { store_block(dst, load_any(src)); }
 
 inline bool blocks_readable(const char* text, size_t blocks)
 {
@@ -98,10 +112,10 @@ READS_WHOLE_BLOCKS inline __m128i load_block(const char* src)
 }
 
 // Copies at least what a reader looks at: up to the text's NUL or to character max, where the reader puts one. So a
-// text of at most two blocks is copied without a look at its end; with all_short there are no longer ones.
-READS_WHOLE_BLOCKS inline void store_text(char* dst, const char* src, size_t max, bool all_short = false)
+// text of at most two blocks is copied without a look at its end.
+READS_WHOLE_BLOCKS inline void store_text(char* dst, const char* src, size_t max)
 {
-    if ((!all_short && max >= 2 * text_block) || !blocks_readable(src, 2)) [[unlikely]] {
+    if (max >= 2 * text_block || !blocks_readable(src, 2)) [[unlikely]] {
         hist_store_long_text(dst, src, max);
         return;
     }
@@ -145,26 +159,25 @@ inline void store_file(char* dst, const char* file)
     copy_block(dst + text_block, file + text_block);
 }
 
-inline void hist_store_id(char* dst, const char* id, bool all_short = false)
+inline void hist_store_id(char* dst, const char* id)
 {
     if (id == nullptr)
         id = hist_no_id;
     if (a_ptrint(id) < hist_first_address) [[unlikely]]
         hist_store_number(dst, id);
     else
-        store_text(dst, id, size_t(hist_cfg.hist_max_id_len), all_short);
+        store_text(dst, id, size_t(hist_cfg.hist_max_id_len));
 }
 
 // The texts of a record in copy mode, into its piece of the queue's block.
-[[gnu::always_inline]] inline void hist_store_texts(char* dst, const char* file, const char* id, const char* ev,
-                                                    bool all_short)
+[[gnu::always_inline]] inline void hist_store_texts(char* dst, const char* file, const char* id, const char* ev)
 {
     if (ev == nullptr) [[unlikely]]
         ev = hist_no_ev;
     std::atomic_signal_fence(std::memory_order_seq_cst);
     store_file(dst, file);
-    hist_store_id(dst + hist_cfg.id_text_at, id, all_short);
-    store_text(dst + hist_cfg.ev_text_at, ev, size_t(hist_cfg.hist_max_ev_len), all_short);
+    hist_store_id(dst + hist_cfg.id_text_at, id);
+    store_text(dst + hist_cfg.ev_text_at, ev, size_t(hist_cfg.hist_max_ev_len));
     std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 

@@ -79,7 +79,8 @@ __attribute__((noinline)) a_ut_hist_id hash_of(const char* text)
                (len > 8 ? first_bytes(second, len - 8) : 0) * 0xC2B2AE3D27D4EB4F;
         text += text_block;
     }
-    return a_ut_hist_id((hash | uint64(1) << 63) & ~(uint64(1) << 62));
+    hash ^= hash >> 32;
+    return a_ut_hist_id(hash >> 2 | uint64(1) << 63);
 }
 
 // A text is itself wherever it stands.
