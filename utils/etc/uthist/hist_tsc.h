@@ -5,9 +5,9 @@
 //     clock   ----+ base                           the first event beyond it makes the next anchor
 //
 // A queue whose writers are serialised has an anchor of its own, so that no line is shared: queue 0, under its lock,
-// and those of one thread under the dense rule. Events of the others ask the clock. An anchor's times never run backwards
-// but by a step of the clock, or of a counter that jumped within the limit: where a new anchor lies before the last time
-// given by less than a step, time stands until it is reached.
+// and those of one thread under the dense rule. Events of the others ask the clock. An anchor's times never run
+// backwards but by a step of the clock, or of a counter that jumped within the limit: where a new anchor lies before
+// the last time given by less than a step, time stands until it is reached.
 // Signal-safe: all of it, but hist_tsc_start.
 #pragma once
 
