@@ -25,7 +25,7 @@
 #include <string_view>
 #include <utility>
 
-#include "corvex/hist_image.h"
+#include "tools/image.h"
 #include "utils/etc/uthist/hist_process.h"
 
 namespace {
@@ -250,8 +250,10 @@ public:
         for_each_note(core_reader, max_table, "CORE", [this](uint32 type, std::string_view note) {
             if (type == NT_FILE)
                 add_mappings(note);
-            else if (prpsinfo_t process; type == NT_PRPSINFO && note.size() == sizeof process)
-                memcpy(&process, note.data(), sizeof process), pid = process.pr_pid;
+            if (prpsinfo_t process; type == NT_PRPSINFO && note.size() == sizeof process) {
+                memcpy(&process, note.data(), sizeof process);
+                pid = process.pr_pid;
+            }
         });
         sort_by_address(mappings);
         tell_when_cut();
@@ -319,12 +321,6 @@ public:
     }
 
 private:
-    static bool is_magic(const unsigned char* bytes)
-    {
-        static constexpr unsigned char magic[] = UT_HIST_IMAGE_MAGIC;
-        return memcmp(bytes, magic, sizeof magic) == 0;
-    }
-
     // Why a file is not the history that the process had mapped there; null when it is. In another container the
     // process had another pid.
     const char* why_not_file(const std::string& path, uint64 begin)
@@ -335,7 +331,7 @@ private:
         hist_find_system(here);
         if (!file)
             return "it cannot be opened";
-        if (!read_one(reader_of(file), 0, image) || !is_magic(image.magic))
+        if (!read_one(reader_of(file), 0, image) || !begins_with_magic(&image))
             return "it is no history file";
         const bool is_same = pid == 0 || image.pid == pid || image.pid_namespace != here.pid_namespace;
         return is_same && image.base == begin ? nullptr : "it is another process's now";
@@ -344,7 +340,7 @@ private:
     bool is_image(uint64 address)
     {
         unsigned char magic[sizeof a_ut_hist_image::magic];
-        return address % page == 0 && is_dumped(address, magic, sizeof magic) && is_magic(magic);
+        return address % page == 0 && is_dumped(address, magic, sizeof magic) && begins_with_magic(magic);
     }
 
     // The note: how many mappings, the unit of their offsets, for each its addresses and its offset, then their names.

@@ -557,11 +557,11 @@ a_loaded_history::~a_loaded_history()
 }
 
 const std::vector<std::string>& a_loaded_history::losses() const { return loader->lost; }
-bool a_loaded_history::has_tables() const { return loaded && hist.views != nullptr; }
 
 void a_loaded_history::leave_living(const std::map<uint32, std::string>& living)
 {
-    for (uint32 t = 0; has_tables() && t < hist_slots_end(); t++) {
+    const bool has_tables = loaded && hist.views != nullptr;
+    for (uint32 t = 0; has_tables && t < hist_slots_end(); t++) {
         a_hist_view& v = hist_view_of(t);
         const auto found = living.find(v.tid);
         if (found == living.end())

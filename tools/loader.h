@@ -29,7 +29,6 @@ public:
 
     bool is_there() const { return loaded; }
     const std::vector<std::string>& losses() const;  // what could not be read, a line each
-    bool has_tables() const;
 
     // The process lives: of its threads those remain which do, by the names that they have now, and ages count from
     // now, not from the newest record.

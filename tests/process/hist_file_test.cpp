@@ -149,6 +149,10 @@ TEST(HistFile, OfDeadProcessesTheNewestStay)
     const a_folder of_workers;
     of_workers.play("file=%p.x,keep=2", {"ev - - a", "repeat 5 child raise 9", "raise 9"});
     EXPECT_EQ(of_workers.names().size(), 4u) << "two of workers that had gone, the last one's, the parent's";
+    const a_folder of_idle;  // one that has recorded nothing is as new as its start
+    for (const char* event : {"ev - - a", "tick 1", "ev - - c"})
+        of_idle.play("file=%p.x,keep=1", {event, "raise 9"});
+    EXPECT_EQ(of_idle.events(), (a_set{"", "c"}));
     // A process that lives is not a dead one; nor is one dead whose pattern has another name.
     dir.play("file=%p.x", {"ev - - l", "child fini ; env UT_HIST_EXT file=%p.x,keep=0 ; init ; ev - - m ; raise 9",
                            "child fini ; env UT_HIST_EXT file=%p.z,keep=0 ; init ; raise 9", "ev - - n", "raise 9"});

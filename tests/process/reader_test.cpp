@@ -138,6 +138,9 @@ TEST(Reader, TellsWhatItCannotRead)
         EXPECT_EQ(count(read.err, "\n"), code == 0 ? 0u : 1u) << read.err;
         EXPECT_EQ(count(read.out, "HISTORY DUMP END"), code == 1 ? 0u : 1u) << said;
     }
+    const std::string large = played("n30000", {"repeat 30000 ev - - x", "image copy"}, {"TZ=UTC"}).files["copy"];
+    const a_file cut(large.substr(0, large.size() / 3));  // all records of the queue, no texts
+    EXPECT_EQ(count(read_by_tool({"dump", cut.path}).out, " ?"), 3 * 29999u);
     const a_file file(good);
     const a_read both = read_by_tool({"dump", file.path, "/nowhere", file.path});
     EXPECT_EQ(both.code, 2);
