@@ -14,9 +14,12 @@ const char* const texts[] = {"t-0", "text--1", "long-text-----2", "the-longest-t
 void record(uint32 thread)
 {
     const auto p = [](uint32 value) { return reinterpret_cast<void*>(a_ptrint(value)); };
-    for (uint32 k = 1;; k++)
+    for (uint32 k = 1;; k++) {
         ut_hist_add("r.c", k % 9973, nullptr, UT_HIST_CL_EV, UT_HIST_ID_NONE, texts[k % 4], 3, p(k), p(k ^ 0x5A5A),
                     p(thread + 1), nullptr, nullptr, nullptr, nullptr, nullptr);
+        if (k % 1000 == 0)
+            usleep(200);  // a ring that is always overwritten from end to end shows a reader nothing
+    }
 }
 
 }  // namespace
