@@ -18,7 +18,7 @@ void record(uint32 thread)
         ut_hist_add("r.c", k % 9973, nullptr, UT_HIST_CL_EV, UT_HIST_ID_NONE, texts[k % 4], 3, p(k), p(k ^ 0x5A5A),
                     p(thread + 1), nullptr, nullptr, nullptr, nullptr, nullptr);
         if (k % 1000 == 0)
-            usleep(200);  // a ring that is always overwritten from end to end shows a reader nothing
+            usleep(5000);  // a ring that is always overwritten from end to end shows a reader nothing
     }
 }
 
