@@ -24,8 +24,8 @@ import gdb
 PAGE = 4096
 MAGIC = b"cvx\xf1hist\xa6image\r\n"
 
-# What is read here of corvex/hist_image.h, version 1.
-VERSION, HEADER = 1, struct.Struct("<16sIIQQ")  # magic, version, bytes of the header, of the image, base
+# What is read here of corvex/hist_image.h, version 2.
+VERSION, HEADER = 2, struct.Struct("<16sIIQQ")  # magic, version, bytes of the header, of the image, base
 SECTION = struct.Struct("<QQQQ")  # at, bytes, entry bytes, entries
 RINGS, TEXTS, VIEWS = 1, 2, 14
 TEXTS_OF = {RINGS: (320, (40, 208, 216)), VIEWS: (768, (48, 56, *range(88 + 16, 88 + 16 * 40, 40)))}
@@ -112,7 +112,7 @@ def text_addresses(image):
         return
     for number, (entry_bytes, places) in TEXTS_OF.items():
         at, _, size, entries = sections[number]
-        if size != entry_bytes or at + size * entries > len(image):
+        if size < entry_bytes or at + size * entries > len(image):
             continue
         for entry in range(at, at + size * entries, size):
             for place in places:

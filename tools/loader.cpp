@@ -481,7 +481,8 @@ private:
         v.kept_id = static_cast<const char*>(r.id);
         v.kept_ev = r.ev;
         if (!text.empty())
-            memcpy(&v + 1, text.data() + hist_cfg.id_text_at, hist_cfg.text_stride - hist_cfg.id_text_at);
+            memcpy(hist_kept_texts(v, hist_cfg), text.data() + hist_cfg.id_text_at,
+                   hist_cfg.text_stride - hist_cfg.id_text_at);
         return true;
     }
 

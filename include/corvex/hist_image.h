@@ -34,7 +34,7 @@
 
 CORVEX_C_BEGIN
 
-#define UT_HIST_IMAGE_VERSION 1
+#define UT_HIST_IMAGE_VERSION 2
 #define UT_HIST_IMAGE_HEADER  4096 /* bytes, the header's page */
 #define UT_HIST_IMAGE_MAGIC                                                                                            \
     {                                                                                                                  \
@@ -76,7 +76,7 @@ typedef struct {
 /* The record of an event. Its first and its last two lines are all that most events touch. */
 typedef struct {
     uint32 seq;
-    uint32 newest; /* 1 while no later event of its thread is in the queue; kept with thread tables only */
+    uint32 newest; /* in queue 0, with thread tables: 0 once a later event of its thread is there */
     uint32 unused[4];
     a_ut_hist_time time_of_day;
     char* file; /* file, id and ev: of the caller, when texts are not copied */
@@ -162,15 +162,15 @@ CORVEX_LAYOUT(sizeof(a_ut_hist_thread) == 64);
 /* A BEG without its END. */
 typedef struct {
     a_ut_hist_loc* loc; /* null where none was given; only compared */
-    a_ut_hist_id id;    /* as the caller gave it, or the hash of a text that is not copied; only compared */
-    const char* text;   /* of the id, when texts are not copied */
+    a_ut_hist_id id;    /* as the caller gave it; only compared */
+    const char* text;   /* of the id; counts when texts are not copied */
     a_ut_hist_time begun;
 } a_hist_span;
 
 #define UT_HIST_SPANS 16
 
-/* What a thread does. Behind it, when texts are copied: id and event text of the kept event, then the id's text of each
- * span, each as long as in the section of texts. */
+/* What a thread does. Behind it the id's text of each span, and, when texts are copied, id and event text of the kept
+ * event, each as long as in the section of texts. */
 typedef struct {
     /* Changed by every event of the thread. */
     uint64 events;

@@ -183,7 +183,7 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
     const a_ring_pos at = ring_next(queue);
     a_ut_hist_event& r = queue.evs[at.next];
     if (hist.views != nullptr) [[unlikely]]
-        hist_before_event(queue, r, t);
+        hist_before_event(queue, r, q, t);
     __atomic_store_n(&r.seq, seq_writing(at.laps), __ATOMIC_RELAXED);
     if (way == SHORT_COPIES || (way == ANY_WAY && hist_cfg.copies))
         hist_store_texts(queue.texts + at.next * hist_cfg.text_stride, event.file, id.text, event.ev);
@@ -210,7 +210,7 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
     __atomic_store_n(&r.dur, dur, __ATOMIC_RELEASE);
     ring_publish(queue, r, at);
     if (hist.views != nullptr) [[unlikely]] {
-        hist_after_event(queue, r, t, num);
+        hist_after_event(queue, r, q, t, num);
         if (uint32(event.cl) - UT_HIST_CL_BEG < 2 && event.id != UT_HIST_ID_SIGHANDLER)
             hist_span_event(t, event.cl, event.loc, event.id, id.text, now);
     }

@@ -322,15 +322,13 @@ void hist_reset_thread(a_ut_hist_thread& thread)
         __atomic_store_n(&recursing, uint8_t(0), __ATOMIC_RELAXED);
 }
 
-// With texts only in copy mode.
 size_t hist_view_bytes()
 {
     if (!hist_cfg.tables)
         return 0;
-    const size_t id_bytes = hist_cfg.ev_text_at - hist_cfg.id_text_at,
-                 ev_bytes = hist_cfg.text_stride - hist_cfg.ev_text_at;
-    const size_t texts = hist_cfg.copies ? ev_bytes + (1 + hist_max_spans) * id_bytes : 0;
-    return (sizeof(a_hist_view) + texts + cache_line - 1) / cache_line * cache_line;
+    const size_t spans = hist_max_spans * (hist_cfg.ev_text_at - hist_cfg.id_text_at),
+                 kept = hist_cfg.copies ? hist_cfg.text_stride - hist_cfg.id_text_at : 0;
+    return (sizeof(a_hist_view) + spans + kept + cache_line - 1) / cache_line * cache_line;
 }
 
 // Release: see hist_threads.h. Signal-safe.

@@ -23,13 +23,12 @@ bool copies(const a_ut_hist_settings& cfg) { return cfg.copies; }
 
 size_t event_bytes(const a_ut_hist_settings& cfg) { return cfg.text_stride - cfg.id_text_at; }
 
-// Where the texts of a view stand, or of its copy: the kept event's, and a span's id.
-char* id_place(a_hist_view& v) { return reinterpret_cast<char*>(&v + 1); }
-char* ev_place(a_hist_view& v, const a_ut_hist_settings& cfg) { return id_place(v) + id_bytes(cfg); }
+// Where the texts of a view stand, or of its copy: a span's id, and the kept event's.
 char* span_place(a_hist_view& v, uint32 i, const a_ut_hist_settings& cfg)
 {
-    return id_place(v) + event_bytes(cfg) + i * id_bytes(cfg);
+    return reinterpret_cast<char*>(&v + 1) + i * id_bytes(cfg);
 }
+char* ev_place(a_hist_view& v, const a_ut_hist_settings& cfg) { return hist_kept_texts(v, cfg) + id_bytes(cfg); }
 
 template <typename T>
 void put(T& field, T value)
@@ -53,34 +52,14 @@ void put_time(a_ut_hist_time& field, const struct timeval& now)
 // Copy mode: the id's and the event's.
 void keep_texts(a_hist_view& v, const char* texts)
 {
+    char* const to = hist_kept_texts(v, hist_cfg);
     for (size_t i = 0; i < event_bytes(hist_cfg); i += 8)
-        put(reinterpret_cast<uint64*>(id_place(v) + i)[0], own(reinterpret_cast<const uint64*>(texts + i)[0]));
+        put(reinterpret_cast<uint64*>(to + i)[0], own(reinterpret_cast<const uint64*>(texts + i)[0]));
 }
 
 bool is_text(a_ut_hist_id id)
 {
     return a_ptrint(id) >= hist_first_address && a_ptrint(id) < a_ptrint(UT_HIST_ID_SIGHANDLER);
-}
-
-uint64 first_bytes(uint64 word, size_t len) { return len < sizeof word ? word & ((uint64(1) << 8 * len) - 1) : word; }
-
-// Of what a text shows, as an id that no caller gives. Outside copy mode a span keeps it as its id: where the text was
-// there may be nothing any more when the span ends.
-__attribute__((noinline)) a_ut_hist_id hash_of(const char* text)
-{
-    uint64 hash = 0;
-    size_t len = text_block;
-    for (size_t left = size_t(hist_cfg.hist_max_id_len); left > 0 && len == text_block; left -= len) {
-        const __m128i block = load_block(text);
-        len = uint32(__builtin_ctz(nuls_of(block) | 1u << (left < text_block ? left : text_block)));
-        const uint64 first = uint64(_mm_cvtsi128_si64(block)),
-                     second = uint64(_mm_cvtsi128_si64(_mm_srli_si128(block, 8)));
-        hash = (hash ^ hash >> 32) + first_bytes(first, len) * 0x9E3779B97F4A7C15 +
-               (len > 8 ? first_bytes(second, len - 8) : 0) * 0xC2B2AE3D27D4EB4F;
-        text += text_block;
-    }
-    hash ^= hash >> 32;
-    return a_ut_hist_id(hash >> 2 | uint64(1) << 63);
 }
 
 // A text is itself wherever it stands.
@@ -89,9 +68,7 @@ bool has_id(a_hist_view& v, uint32 i, a_ut_hist_id id)
     const a_ut_hist_id open = own(v.spans[i].id);
     if (open == id || !is_text(open) || !is_text(id))
         return open == id;
-    const char* const text = static_cast<const char*>(id);
-    return copies(hist_cfg) ? strncmp(span_place(v, i, hist_cfg), text, size_t(hist_cfg.hist_max_id_len)) == 0
-                            : open == hash_of(text);
+    return strncmp(span_place(v, i, hist_cfg), static_cast<const char*>(id), size_t(hist_cfg.hist_max_id_len)) == 0;
 }
 
 // The innermost open span of the location, where one is given, and of the id, where that counts; their number if there
@@ -146,8 +123,9 @@ bool load_kept(a_shown_thread& shown)
     shown.time = v.kept_time;
     shown.texts = {nullptr, v.kept_id, v.kept_ev};
     if (copies(cfg)) {
-        shown.texts = {nullptr, id_place(v), ev_place(v, cfg)};
-        id_place(v)[cfg.hist_max_id_len] = ev_place(v, cfg)[cfg.hist_max_ev_len] = '\0';
+        char *const id = hist_kept_texts(v, cfg), *const ev = ev_place(v, cfg);
+        shown.texts = {nullptr, id, ev};
+        id[cfg.hist_max_id_len] = ev[cfg.hist_max_ev_len] = '\0';
     }
     return v.kept_num == v.newest_num;
 }
@@ -332,14 +310,10 @@ void hist_open_span(a_hist_view& v, a_ut_hist_loc* loc, a_ut_hist_id id, const c
         std::atomic_signal_fence(std::memory_order_seq_cst);  // a text's blocks stay behind the end of the last span
         a_hist_span& span = v.spans[open];
         put(span.loc, loc);
+        put(span.id, id);
+        put(span.text, text);
         put_time(span.begun, now);
-        if (copies(hist_cfg)) {
-            put(span.id, id);
-            hist_store_id(span_place(v, open, hist_cfg), text);
-        } else {
-            put(span.id, is_text(id) ? hash_of(text) : id);
-            put(span.text, text);
-        }
+        hist_store_id(span_place(v, open, hist_cfg), text);
     }
     put(v.open, own(v.open) + 1);
 }
@@ -358,6 +332,8 @@ void hist_views_fork_child()
     if (hist.views != nullptr && t < hist.num_threads && hist_view_of(t).tid != 0)
         put(hist_view_of(t).tid, uint32(gettid()));
 }
+
+char* hist_kept_texts(a_hist_view& v, const a_ut_hist_settings& cfg) { return span_place(v, hist_max_spans, cfg); }
 
 // A view, and the texts of the newest event out of its ring.
 size_t hist_shown_bytes()

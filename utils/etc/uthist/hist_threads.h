@@ -2,14 +2,20 @@
 // thread table behind a dump (UT_HIST_EXT=tables). A thread that hangs is shown however much the others have recorded
 // since.
 //
-// A view lies in the store:  |a_hist_view|id|event|id of span 0|id of span 1|...   texts in copy mode, in whole blocks
+// A view lies in the store, its texts in whole blocks, those of the kept event in copy mode:
 //
-// Of its newest event a view knows the record. Who overwrites a record which is still its thread's newest one keeps
-// that event in the thread's view first, under a sequence word; that a thread has a later event in the same queue it
-// notes in the earlier record. A begin fills the span behind the open ones and then counts it; before it can be filled
-// again an end has changed the word that counts, and that word never comes back: a reader that finds it the same before
-// and after its copy has whole spans. All fields are stored with release and loaded with acquire order between the two
-// looks, as in the rings. Signal-safe: all of it.
+//     |a_hist_view|id of span 0|id of span 1|...|id|event|
+//
+// A span keeps what its id says outside copy mode, too: where the text was there may be nothing any more when it ends.
+//
+// Of its newest event a view knows the record. Who overwrites a record which is still another thread's newest one keeps
+// that event in the thread's view first, under a sequence word. In queue 0, which all may write, a record says whether
+// its thread has a later event there, so that few look at another's view; beyond queue 2 there are no others.
+//
+// A begin fills the span behind the open ones and then counts it; before it can be filled again an end has changed the
+// word that counts, and that word never comes back: a reader that finds it the same before and after its copy has whole
+// spans. All fields are stored with release and loaded with acquire order between the two looks, as in the rings.
+// Signal-safe: all of it.
 #pragma once
 
 #include "utils/etc/uthist/hist_pages.h"
@@ -22,19 +28,17 @@ void hist_open_span(a_hist_view& v, a_ut_hist_loc* loc, a_ut_hist_id id, const c
 void hist_close_span(a_hist_view& v, const a_ut_hist_loc* loc, a_ut_hist_id id);
 
 // Before the record is overwritten by an event of slot t.
-inline void hist_before_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, uint32 t)
+inline void hist_before_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, int32 q, uint32 t)
 {
     // Relaxed here and below: only the queue's writers change these, and they are serialised or alone.
-    if (__atomic_load_n(&r.newest, __ATOMIC_RELAXED) != 0 && __atomic_load_n(&r.thread, __ATOMIC_RELAXED) != t)
+    if (q <= 2 && __atomic_load_n(&r.thread, __ATOMIC_RELAXED) != t &&
+        (q != 0 || __atomic_load_n(&r.newest, __ATOMIC_RELAXED) != 0))
         hist_keep_event(queue, r);
 }
 
-// After the event of slot t has been recorded there. A handler's event that comes in between is in another queue.
-inline void hist_after_event(a_ut_hist_event_list& queue, a_ut_hist_event& r, uint32 t, uint32 num)
+// The mark goes on from the thread's earlier event in queue 0 to this one.
+inline void hist_mark_newest(const a_ut_hist_event_list& queue, a_ut_hist_event& r, const a_hist_view& v)
 {
-    a_hist_view& v = hist_view_of(t);
-    if (hist_cfg.dense_slots == 0) [[unlikely]]
-        hist_take_slot(t);
     a_ut_hist_event* const before = __atomic_load_n(&v.newest, __ATOMIC_RELAXED);
     const bool stands =
         before != nullptr && before >= queue.evs && before < queue.evs + hist_cfg.ut_hist_debug_num &&
@@ -42,6 +46,16 @@ inline void hist_after_event(a_ut_hist_event_list& queue, a_ut_hist_event& r, ui
     if (stands && before != &r)
         __atomic_store_n(&before->newest, 0u, __ATOMIC_RELAXED);
     __atomic_store_n(&r.newest, 1u, __ATOMIC_RELAXED);
+}
+
+// After the event of slot t has been recorded there. A handler's event that comes in between is in another queue.
+inline void hist_after_event(const a_ut_hist_event_list& queue, a_ut_hist_event& r, int32 q, uint32 t, uint32 num)
+{
+    a_hist_view& v = hist_view_of(t);
+    if (hist_cfg.dense_slots == 0) [[unlikely]]
+        hist_take_slot(t);
+    if (q == 0)
+        hist_mark_newest(queue, r, v);
     // One instruction: no handler's event is lost in it.
     __asm__("incq %0" : "+m"(v.events));
     __atomic_store_n(&v.newest_num, num, __ATOMIC_RELEASE);
@@ -57,8 +71,7 @@ inline void hist_span_event(uint32 t, int32 cl, a_ut_hist_loc* loc, a_ut_hist_id
         return hist_open_span(v, loc, id, text, now);
     const uint32 open = hist_open_spans(v);
     const auto is_given = [&](const a_hist_span& span) {
-        return (__atomic_load_n(&span.id, __ATOMIC_RELAXED) == id ||
-                (text != nullptr && __atomic_load_n(&span.text, __ATOMIC_RELAXED) == id)) &&
+        return __atomic_load_n(&span.id, __ATOMIC_RELAXED) == id &&
                (loc == nullptr || __atomic_load_n(&span.loc, __ATOMIC_RELAXED) == loc);
     };
     if (open - 1 < hist_max_spans && is_given(v.spans[open - 1])) [[likely]]
@@ -68,6 +81,8 @@ inline void hist_span_event(uint32 t, int32 cl, a_ut_hist_loc* loc, a_ut_hist_id
 }
 
 void hist_views_fork_child();
+
+char* hist_kept_texts(a_hist_view& v, const a_ut_hist_settings& cfg);  // in copy mode, as in a record
 
 size_t hist_shown_bytes();  // of the room that the table needs
 
