@@ -133,17 +133,28 @@ TEST_P(HistDumpComesOutAsIn, cases)
 INSTANTIATE_TEST_SUITE_P(, HistDumpComesOutAsIn, testing::ValuesIn(case_files()),
                          [](const auto& file) { return file.param; });
 
-TEST(HistDump, ReadsNoTextBeyondItsEnd)
+// Texts before a page that cannot be read, or with some room behind them, kept at different lengths; in a thread with a
+// slot by number and in one without.
+TEST(HistDump, ReadsNoTextBeyondItsEndAndKeepsTheEndOfAFilesPath)
 {
-    a_text_list script;
-    std::string expected = gap, text;
-    for (size_t len = 0; len <= 50; len++, text += char('a' + (len - 1) % 26)) {
-        script.push_back("page-end " + std::to_string(len));
-        const std::string id = text.substr(0, 15), ev = text.substr(0, 31);
-        expected += std::string(16 - id.size(), ' ') + id + std::string(32 - ev.size(), ' ') + ev + " " +
-                    (len < 23 ? text : text.substr(len - 22)) + "\n";
-    }
-    EXPECT_EQ(rows(played("ia-id-in-it-ic-il-", script).err), expected);
+    const struct {
+        const char* options;
+        size_t id, ev, file;
+    } lengths[] = {{"", 15, 31, 23}, {"mi7me17mf14", 7, 17, 14}, {"mi31me63mf47", 31, 63, 47}, {"mf4", 15, 31, 4}};
+    for (const auto& kept : lengths)
+        for (const char* behind : {"0", "40", "100"}) {
+            a_text_list script;
+            std::string expected = gap, text;
+            for (size_t len = 0; len <= 100; len++, text += char('a' + (len - 1) % 26)) {
+                script.push_back("page-end " + std::to_string(len) + " " + behind);
+                const std::string id = text.substr(0, kept.id), ev = text.substr(0, kept.ev);
+                expected += std::string(kept.id + 1 - id.size(), ' ') + id + std::string(kept.ev + 1 - ev.size(), ' ') +
+                            ev + " " + (len < kept.file ? text : text.substr(len - (kept.file - 1))) + "\n";
+            }
+            const std::string options = std::string(kept.options) + "ia-id-in-it-ic-il-";
+            EXPECT_EQ(rows(played(options, script).err), expected) << options << ", " << behind << " behind";
+            EXPECT_EQ(rows(played(options, script, {"UT_HIST_EXT=dense"}).err), expected) << options << " dense";
+        }
 }
 
 TEST(HistDump, PutsLongTextsTogetherFromTheirPagesHoweverManyTheyAre)

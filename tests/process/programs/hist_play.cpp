@@ -97,11 +97,11 @@ void add(args_of args)
 // Records a text of some length three times over, as file, id and event; behind its NUL no byte can be read.
 void add_at_page_end(args_of args)
 {
-    const long len = args.number(1);
+    const long len = args.number(1), behind = args.number(2);
     char* const end =
         page + static_cast<char*>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     mprotect(end, page, PROT_NONE);
-    char* const at = end - len - 1;
+    char* const at = end - behind - len - 1;
     for (long i = 0; i < len; i++)
         at[i] = char('a' + i % 26);
     ut_hist_add(at, 1, nullptr, UT_HIST_CL_EV, UT_HIST_ID_TEXT(at), at, 0, nullptr, nullptr, nullptr, nullptr, nullptr,

@@ -298,10 +298,15 @@ uint32 dense_slots_of(const char* value)
 }  // namespace
 
 // A short way: slots by number, and nothing to do but to record.
-void hist_find_way()
+uint32 hist_way(int32 own_q)
 {
-    const bool is_plain = cfg.ut_hist_z_messages <= 1 && cfg.ut_hist_inc_sigmask == 0 && cfg.ut_hist_dump_on_sig < 2;
-    cfg.way = !is_plain || cfg.dense_slots == 0 ? ANY_WAY : cfg.copies ? SHORT_COPIES : SHORT_POINTERS;
+    const bool is_plain = cfg.ut_hist_z_messages <= 1 && cfg.ut_hist_inc_sigmask == 0 && cfg.ut_hist_dump_on_sig < 2,
+               is_long = cfg.hist_max_file_len >= 32 || cfg.hist_max_id_len >= 16 || cfg.hist_max_ev_len >= 32 ||
+                         cfg.hist_max_ev_len < 16;
+    if (!is_plain || cfg.dense_slots == 0)
+        return ANY_WAY;
+    return SHORT_WAY | (own_q != 0 ? OWN_QUEUE : 0) | (cfg.copies ? is_long ? LONG_TEXTS : 0 : POINTERS) |
+           (cfg.tables ? TABLES : 0);
 }
 
 uint32 hist_dense_slots_of(const char* digits)

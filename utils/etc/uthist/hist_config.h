@@ -31,17 +31,18 @@ inline constexpr uint32 hist_most_dead = 1000;  // that keep=<n> may ask for
 inline constexpr size_t hist_file_size = sizeof a_ut_hist_image::file;  // of the file's name, its NUL included
 inline constexpr size_t env_buf_size = 150;  // of UT_HIST's value, the terminating NUL included
 
-// The ways of an event. With slots by number almost all go a short one, where less is looked at.
-enum a_way : uint8_t { ANY_WAY, SHORT_COPIES, SHORT_POINTERS };
+// The ways of an event, of these bits. With slots by number almost all go a short one, where less is looked at: on the
+// thread's own queue or the shared one, with addresses of texts or copies, of which the id's is kept in one block and
+// each other in two unless they are long, with thread tables or without.
+inline constexpr uint32 ANY_WAY = 0, SHORT_WAY = 1, OWN_QUEUE = 2, POINTERS = 4, LONG_TEXTS = 8, TABLES = 16,
+                        num_ways = 32;
 
 struct alignas(cache_line) a_ut_hist_settings {
     int32 ut_hist_debug_num = default_num;
     bool copies = true;  // texts are copied (copy mode): option f is on, or there is to be a history file
-    a_way way = ANY_WAY;
     int32 hist_max_file_len = default_file_len;
     int32 hist_max_id_len = default_id_len;
     int32 hist_max_ev_len = default_ev_len;
-    uint32 file_fits = 0;  // bit i: a file text that ends at character i is kept whole
     // Copy mode: where a slot's id and event text stand behind its file text, and how long all three are, in bytes.
     size_t id_text_at = 0;
     size_t ev_text_at = 0;
@@ -96,7 +97,7 @@ extern const a_hist_column hist_columns[];  // in the order of the table; ends w
 inline int32& hist_include(a_ut_hist_settings& cfg, char letter) { return cfg.include[letter - 'a']; }
 
 void hist_reset_settings();
-void hist_find_way();  // once all else is known
+uint32 hist_way(int32 own_q);  // of a thread with that queue of its own, 0 for none. Signal-safe.
 bool hist_is_wanted();
 void hist_read_options();
 void hist_write_settings(const char* clock);  // null: the clock is not listed

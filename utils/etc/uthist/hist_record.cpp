@@ -10,6 +10,7 @@
 #include <string.h>
 
 #include <atomic>
+#include <utility>
 
 #include "utils/etc/utcancel.h"
 #include "utils/etc/uthist/hist_errout.h"
@@ -22,11 +23,6 @@
 
 namespace {
 
-struct a_named_id {
-    int32 ii;          // registry index, -1 for none
-    const char* text;  // null for none
-};
-
 // The arguments of one event. On the short ways all that reads it is inlined, so that it never stands in memory.
 struct an_event {
     const char* file;
@@ -38,6 +34,13 @@ struct an_event {
     int32 pn;
     void *p1, *p2, *p3, *p4, *p5, *p6, *p7, *p8;
 };
+
+// What the bits of a way say. The ways are one source, of which each leaves out what it need not look at.
+inline constexpr bool is_short(uint32 way) { return (way & SHORT_WAY) != 0; }
+inline constexpr bool is_locked(uint32 way) { return is_short(way) && (way & OWN_QUEUE) == 0; }
+inline constexpr bool is_copying(uint32 way) { return is_short(way) && (way & POINTERS) == 0; }
+inline constexpr bool has_usual_texts(uint32 way) { return is_copying(way) && (way & LONG_TEXTS) == 0; }
+inline bool has_tables(uint32 way) { return is_short(way) ? (way & TABLES) != 0 : hist.views != nullptr; }
 
 // The ids that name a queue.
 inline bool names_queue(a_ut_hist_id id) { return id == UT_HIST_ID_SIGHANDLER || id == UT_HIST_ID_Q2; }
@@ -52,16 +55,21 @@ inline int32 queue_of(a_ut_hist_id id, const a_ut_hist_thread& thread)
     return thread.own_q;
 }
 
-// Only for a thread whose mark is set: shut-down frees the registry under all others. Without a registry no index
-// counts.
-[[gnu::always_inline]] inline a_named_id name_of(a_way way, a_ut_hist_id id)
+// Whether the id is an index of the registry. Only for a thread whose mark is set: shut-down frees the registry under
+// all others. Acquire: an entry below the count is complete.
+inline bool is_registered(a_ut_hist_id id)
 {
-    if (way == ANY_WAY && names_queue(id))
-        return {-1, id == UT_HIST_ID_SIGHANDLER ? "SigHandler" : "Q2"};
-    // Acquire: an entry below the count is complete.
-    if (a_ptrint(id) < uint32(__atomic_load_n(&hist.hist_num_ids, __ATOMIC_ACQUIRE)))
-        return {int32(a_ptrint(id)), hist.hist_ids[a_ptrint(id)].desc};
-    return {-1, id != UT_HIST_ID_NONE ? static_cast<const char*>(id) : nullptr};
+    return a_ptrint(id) < uint32(__atomic_load_n(&hist.hist_num_ids, __ATOMIC_ACQUIRE));
+}
+
+// The id's text; null for none.
+[[gnu::always_inline]] inline const char* text_of(uint32 way, a_ut_hist_id id)
+{
+    if (!is_short(way) && names_queue(id))
+        return id == UT_HIST_ID_SIGHANDLER ? "SigHandler" : "Q2";
+    if (id == UT_HIST_ID_NONE)
+        return nullptr;
+    return is_registered(id) ? hist.hist_ids[a_ptrint(id)].desc : static_cast<const char*>(id);
 }
 
 // The thread's blocked signals, recorded always or never: without them got_sigs stays 0, as the ring was allocated. The
@@ -119,9 +127,10 @@ inline uint32 elapsed(const struct timeval& from, const struct timeval& to)
 // Times the event against the record that the caller's location names and against the thread's last marker; a pair that
 // the location has just counted is not counted again. Returns the duration column.
 // Signal-safe but for a registered id: for that it locks timer lists.
-__attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int32 ii, uint32 t, a_ut_hist_loc here,
-                                              const struct timeval now)
+__attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, a_ut_hist_loc here, int32 cl, a_ut_hist_id id,
+                                              uint32 t, const struct timeval& now)
 {
+    const int32 ii = is_registered(id) ? int32(a_ptrint(id)) : -1;
     uint32 dur = hist_no_dur;
     int32 just_ii = -1, just_cl = UT_HIST_CL_NULL;
     a_ut_hist_loc named = {};
@@ -155,10 +164,10 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
 // The time of an event. Handlers, and those who name queue 2, may write their queues side by side, which no anchor
 // bears. Through a reference: a copy of both words at once would wait for the two stores of the clock. Gives the
 // number. Relaxed: the count orders nothing, it only has to be unique.
-[[gnu::always_inline]] inline uint32 get_time(a_way way, struct timeval& now, a_ut_hist_id id, int32 q)
+[[gnu::always_inline]] inline uint32 get_time(uint32 way, struct timeval& now, a_ut_hist_id id, int32 q)
 {
-    const bool alone = way != ANY_WAY || q == 0 || !names_queue(id);
-    if (hist.anchors != nullptr && alone) [[unlikely]] {
+    const bool alone = is_short(way) || q == 0 || !names_queue(id);
+    if (__builtin_expect(hist.anchors != nullptr && alone, 0)) {
         const uint32 num = __atomic_add_fetch(&hist.hist_count, 1u, __ATOMIC_RELAXED);
         hist_tsc_now(hist.anchors[q], now);
         return num;
@@ -168,27 +177,32 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
 }
 
 // Fills the queue's next slot and publishes it. Returns the slot. Signal-safe as record_times is.
-[[gnu::always_inline]] inline uint32 record(a_way way, const an_event& event, a_ut_hist_event_list& queue, int32 q,
-                                            const a_ut_hist_thread& thread)
+[[gnu::always_inline]] inline uint32 record(uint32 way, const an_event& event, a_ut_hist_event_list& queue, int32 q,
+                                            uint32 t)
 {
     // The stores of the texts leave the processor's buffer while the clock is read, and their loads need not wait for
     // the locked instruction behind it. Three addresses gain nothing by that, unless an unlock waits for all stores.
-    const bool texts_first = way == SHORT_COPIES || (way == SHORT_POINTERS && q == 0);
+    const bool texts_first = is_copying(way) || is_locked(way);
+    const bool copies = is_short(way) ? is_copying(way) : hist_cfg.copies;
+    // Of texts in as many blocks one maximum is as good as another.
+    const size_t max_file = has_usual_texts(way) ? default_file_len : hist.max_file_len,
+                 max_id = size_t(has_usual_texts(way) ? default_id_len : hist_cfg.hist_max_id_len),
+                 max_ev = size_t(has_usual_texts(way) ? default_ev_len : hist_cfg.hist_max_ev_len);
     struct timeval now;
     uint32 num = 0;
     if (!texts_first)
         num = get_time(way, now, event.id, q);
-    const a_named_id id = name_of(way, event.id);
-    const uint32 t = uint32(&thread - hist.threads);
+    const char* const id = text_of(way, event.id);
     const a_ring_pos at = ring_next(queue);
     a_ut_hist_event& r = queue.evs[at.next];
-    if (hist.views != nullptr) [[unlikely]]
+    if (has_tables(way))
         hist_before_event(queue, r, q, t);
     __atomic_store_n(&r.seq, seq_writing(at.laps), __ATOMIC_RELAXED);
-    if (way == SHORT_COPIES || (way == ANY_WAY && hist_cfg.copies))
-        hist_store_texts(queue.texts + at.next * hist_cfg.text_stride, event.file, id.text, event.ev);
+    if (copies)
+        hist_store_texts(queue.texts + size_t(at.next) * hist.text_stride, event.file, id, event.ev, max_file, max_id,
+                         max_ev);
     else
-        hist_store_pointers(r, event.file, id.text, event.ev);
+        hist_store_pointers(r, event.file, id, event.ev);
     if (texts_first)
         num = get_time(way, now, event.id, q);
     __atomic_store_n(&r.time_of_day.tv_sec, now.tv_sec, __ATOMIC_RELEASE);
@@ -196,7 +210,7 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
     __atomic_store_n(&r.line, event.line, __ATOMIC_RELEASE);
     __atomic_store_n(&r.num, num, __ATOMIC_RELEASE);
     __atomic_store_n(&r.thread, t, __ATOMIC_RELEASE);
-    if (way == ANY_WAY && hist_cfg.ut_hist_inc_sigmask != 0)
+    if (!is_short(way) && hist_cfg.ut_hist_inc_sigmask != 0)
         store_sigmask(r);
     __atomic_store_n(&r.cl, event.cl, __ATOMIC_RELEASE);
     __atomic_store_n(&r.pn, event.pn, __ATOMIC_RELEASE);
@@ -205,29 +219,36 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, int32 cl, int3
         hist_store_data(queue, r, event.p1, int64_t(a_ptrint(event.p2)));
     uint32 dur = hist_no_dur;
     // The others are the straight way, since they can least afford a jump.
-    if (event.loc != nullptr || id.ii >= 0) [[unlikely]]
-        dur = record_times(event.loc, event.cl, id.ii, t, {q, at.next, num}, now);
+    if (event.loc != nullptr || is_registered(event.id)) [[unlikely]]
+        dur = record_times(event.loc, {q, at.next, num}, event.cl, event.id, t, now);
     __atomic_store_n(&r.dur, dur, __ATOMIC_RELEASE);
-    ring_publish(queue, r, at);
-    if (hist.views != nullptr) [[unlikely]] {
-        hist_after_event(queue, r, q, t, num);
-        if (uint32(event.cl) - UT_HIST_CL_BEG < 2 && event.id != UT_HIST_ID_SIGHANDLER)
-            hist_span_event(t, event.cl, event.loc, event.id, id.text, now);
+    if (is_locked(way))
+        ring_publish_alone(queue, r, at);
+    else
+        ring_publish(queue, r, at);
+    if (has_tables(way)) {
+        a_hist_view& v = hist_view_of(t);
+        if (!is_short(way) && hist_cfg.dense_slots == 0)
+            hist_take_slot(t);
+        hist_after_event(v, queue, r, q, num);
+        if (event.cl == UT_HIST_CL_BEG && event.id != UT_HIST_ID_SIGHANDLER)
+            hist_open_span(v, event.loc, event.id, text_of(way, event.id), now, max_id);
+        else if (event.cl == UT_HIST_CL_END && event.id != UT_HIST_ID_SIGHANDLER)
+            hist_end_span(v, event.loc, event.id);
     }
     return at.next;
 }
 
 // Records under the queue's lock, if it has one. Signal-safe with UT_HIST_ID_SIGHANDLER, whose queue has none.
-[[gnu::always_inline]] inline uint32 record_locked(a_way way, const an_event& event, int32 q,
-                                                   const a_ut_hist_thread& thread)
+[[gnu::always_inline]] inline uint32 record_locked(uint32 way, const an_event& event, int32 q, uint32 t)
 {
-    if (q != 0)
-        return record(way, event, hist.hist_evs[q], q, thread);
+    if (!is_locked(way) && (is_short(way) || q != 0))
+        return record(way, event, hist.hist_evs[q], q, t);
     a_ut_hist_event_list& queue = hist.hist_evs[0];
     const a_safe_lock lock(queue.mutex);
-    if (way == ANY_WAY && hist_cfg.ut_hist_dump_on_sig >= 2)
+    if (!is_short(way) && hist_cfg.ut_hist_dump_on_sig >= 2)
         hist_install_signal_handler_once();
-    return record(way, event, queue, 0, thread);
+    return record(way, event, queue, 0, t);
 }
 
 // The two messages of a recording go straight to the present errout stream: they open nothing and have no timestamp
@@ -251,8 +272,9 @@ void miss(uint32 t)
 }
 
 // Records an event of a thread into the queue unless the thread is recording there already.
-[[gnu::always_inline]] inline void add(a_way way, const an_event& event, a_ut_hist_thread& thread, int32 q)
+[[gnu::always_inline]] inline void add(uint32 way, const an_event& event, a_slot slot, int32 q)
 {
+    a_ut_hist_thread& thread = *slot.thread;
     if (__atomic_load_n(&thread.recursing[q], __ATOMIC_RELAXED) > 0) [[unlikely]]
         return;
     __atomic_store_n(&thread.recursing[q], uint8_t(1), __ATOMIC_RELAXED);
@@ -264,43 +286,75 @@ void miss(uint32 t)
         __atomic_store_n(&thread.recursing[q], uint8_t(0), __ATOMIC_RELAXED);
         return;
     }
-    if (way == ANY_WAY && hist_cfg.ut_hist_z_messages > 1)
+    if (!is_short(way) && hist_cfg.ut_hist_z_messages > 1)
         say("** add (", event.file != nullptr ? event.file : hist_no_file, ':', event.line, ") P=", event.pn, '(',
             const_cast<const void*>(event.p1), ',', const_cast<const void*>(event.p2), ',',
             const_cast<const void*>(event.p3), ',', const_cast<const void*>(event.p4), ") ...");
-    const uint32 n = record_locked(way, event, q, thread);
-    if (way == ANY_WAY && hist_cfg.ut_hist_z_messages > 1)
+    const uint32 n = record_locked(way, event, q, slot.t);
+    if (!is_short(way) && hist_cfg.ut_hist_z_messages > 1)
         say("z-messages ** add done q=", q, ", n=", int32(n));
     // Release: shut-down frees the store only after what was written here.
     __atomic_store_n(&thread.recursing[q], uint8_t(0), __ATOMIC_RELEASE);
 }
 
 // What the short ways leave.
-__attribute__((noinline)) void add_any(const an_event& event, a_ut_hist_thread& thread)
+__attribute__((noinline)) void add_any(an_event&& event)
 {
-    add(ANY_WAY, event, thread, queue_of(event.id, thread));
+    if (!hist_runs())
+        return;
+    const a_slot slot = hist_thread_slot();
+    if (slot.thread == nullptr)
+        return miss(slot.t);
+    char room[2 * text_block];
+    if (hist_cfg.copies)
+        event.file = hist_file_shown(event.file, room, hist.max_file_len);
+    add(ANY_WAY, event, slot, queue_of(event.id, *slot.thread));
 }
+
+#define EVENT_PARAMETERS                                                                                               \
+    const char *file, uint32 line, a_ut_hist_loc *loc, a_ut_hist_cl cl, a_ut_hist_id id, const char *ev, int32 pn,     \
+        void *p1, void *p2, void *p3, void *p4, void *p5, void *p6, void *p7, void *p8
+#define EVENT file, line, loc, cl, id, ev, pn, p1, p2, p3, p4, p5, p6, p7, p8
+
+template <uint32 way>
+void add_by(EVENT_PARAMETERS)
+{
+    const uint64 mine = hist_my_slot;
+    if (!is_short(way) || slot_start(mine) != hist_running() || names_queue(id)) [[unlikely]]
+        return add_any({EVENT});
+    const a_slot slot = {&hist.threads[slot_number(mine)], slot_number(mine)};
+    // Before the lock, which waits for what the caller has stored.
+    char room[2 * text_block];
+    if (is_copying(way))
+        file = hist_file_shown(file, room, has_usual_texts(way) ? default_file_len : hist.max_file_len);
+    add(way, {EVENT}, slot, is_locked(way) ? 0 : slot.thread->own_q);
+}
+
+using an_adder = void (*)(EVENT_PARAMETERS);
+
+struct an_adder_table {
+    an_adder of[num_ways];
+};
+
+// The way that serves a slot's bits.
+constexpr uint32 served(uint32 bits)
+{
+    return !is_short(bits) ? ANY_WAY : is_copying(bits) ? bits : bits & ~LONG_TEXTS;
+}
+
+template <uint32... ways>
+constexpr an_adder_table all_adders(std::integer_sequence<uint32, ways...>)
+{
+    return {{add_by<served(ways)>...}};
+}
+constexpr an_adder_table adders = all_adders(std::make_integer_sequence<uint32, num_ways>());
 
 }  // namespace
 
+// A jump by the way of the thread's slot: the arguments stay where they are.
 // Signal-safe with UT_HIST_ID_SIGHANDLER (and diagnostic messages off), else not: it may lock.
-void ut_hist_add(const char* file, uint32 line, a_ut_hist_loc* loc, a_ut_hist_cl cl, a_ut_hist_id id, const char* ev,
-                 int32 pn, void* p1, void* p2, void* p3, void* p4, void* p5, void* p6, void* p7, void* p8)
+void ut_hist_add(EVENT_PARAMETERS)
 {
-    if (!hist_runs()) [[unlikely]]
-        return;
-    const uint64 mine = hist_my_slot;
-    const a_way way = hist_cfg.way;
-    if (way == ANY_WAY || uint32(mine >> 32) != hist.start || names_queue(id)) [[unlikely]] {
-        const a_slot slot = hist_thread_slot();
-        if (slot.thread == nullptr)
-            return miss(slot.t);
-        return add_any({file, line, loc, cl, id, ev, pn, p1, p2, p3, p4, p5, p6, p7, p8}, *slot.thread);
-    }
-    a_ut_hist_thread& thread = hist.threads[uint32(mine)];
-    const an_event event = {file, line, loc, cl, id, ev, pn, p1, p2, p3, p4, p5, p6, p7, p8};
-    if (way == SHORT_COPIES)
-        add(SHORT_COPIES, event, thread, thread.own_q);
-    else
-        add(SHORT_POINTERS, event, thread, thread.own_q);
+    const an_adder add_by_way = adders.of[slot_way(hist_my_slot)];
+    add_by_way(EVENT);
 }

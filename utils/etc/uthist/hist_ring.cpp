@@ -42,21 +42,10 @@ bool load_whole(const a_ut_hist_event_list& queue, a_hist_cursor& at, a_row_load
 
 }  // namespace
 
-// Whether `loc` names a record that still stands in its ring; if so, gives what a later event needs of it. A record
-// that is overwritten meanwhile is stale.
-bool hist_live(const a_ut_hist_loc& loc, an_earlier_event& found)
+// Of two writers at once. Relaxed: the word stays odd.
+__attribute__((cold)) void hist_leave_record(a_ut_hist_event& r, a_ring_pos at)
 {
-    if (loc.q < 0 || loc.q >= hist_cfg.hist_num_q || loc.n >= uint32(hist_cfg.ut_hist_debug_num))
-        return false;
-    const a_ut_hist_event& r = hist.hist_evs[loc.q].evs[loc.n];
-    const uint32 seq = __atomic_load_n(&r.seq, __ATOMIC_ACQUIRE);
-    if (__atomic_load_n(&r.num, __ATOMIC_ACQUIRE) != loc.num || seq % 2 != 0)
-        return false;
-    found.time_of_day.tv_sec = __atomic_load_n(&r.time_of_day.tv_sec, __ATOMIC_ACQUIRE);
-    found.time_of_day.tv_usec = __atomic_load_n(&r.time_of_day.tv_usec, __ATOMIC_ACQUIRE);
-    found.cl = __atomic_load_n(&r.cl, __ATOMIC_ACQUIRE);
-    // Relaxed: the acquire loads above keep this one behind them.
-    return __atomic_load_n(&r.seq, __ATOMIC_RELAXED) == seq;
+    __atomic_store_n(&r.seq, seq_writing(at.laps), __ATOMIC_RELAXED);
 }
 
 // What the widths of the columns need of a record.

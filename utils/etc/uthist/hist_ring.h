@@ -46,17 +46,23 @@ inline a_ring_pos ring_next(const a_ut_hist_event_list& queue)
     return unpack_ring(__atomic_load_n(&queue.ring_pos, __ATOMIC_RELAXED));
 }
 
+void hist_leave_record(a_ut_hist_event& r, a_ring_pos at);
+
 // Publishes the record r, written at that position: who sees the even word sees the record behind it, who sees the ring
-// moved on sees it whole. A record whose ring has moved meanwhile, by a second writer, stays unfinished: the two may
-// have mixed.
+// moved on sees it whole. Relaxed: the record's word is the one that this writer stored.
+inline void ring_publish_alone(a_ut_hist_event_list& queue, a_ut_hist_event& r, a_ring_pos at)
+{
+    __atomic_store_n(&r.seq, __atomic_load_n(&r.seq, __ATOMIC_RELAXED) + 1, __ATOMIC_RELEASE);
+    __atomic_store_n(&queue.ring_pos, pack_ring(next_slot(at, hist.ring_size)), __ATOMIC_RELEASE);
+}
+
+// The same of an unlocked queue. A record whose ring has moved meanwhile, by a second writer, stays unfinished: the two
+// may have mixed.
 inline void ring_publish(a_ut_hist_event_list& queue, a_ut_hist_event& r, a_ring_pos at)
 {
-    if (__atomic_load_n(&queue.ring_pos, __ATOMIC_RELAXED) != pack_ring(at)) [[unlikely]] {
-        __atomic_store_n(&r.seq, seq_writing(at.laps), __ATOMIC_RELAXED);
-        return;
-    }
-    __atomic_store_n(&r.seq, seq_whole(at.laps), __ATOMIC_RELEASE);
-    __atomic_store_n(&queue.ring_pos, pack_ring(next_slot(at, uint32(hist_cfg.ut_hist_debug_num))), __ATOMIC_RELEASE);
+    if (__atomic_load_n(&queue.ring_pos, __ATOMIC_RELAXED) != pack_ring(at)) [[unlikely]]
+        return hist_leave_record(r, at);
+    ring_publish_alone(queue, r, at);
 }
 
 // What a later event needs of an earlier record.
@@ -64,7 +70,23 @@ struct an_earlier_event {
     struct timeval time_of_day;
     int32 cl;
 };
-bool hist_live(const a_ut_hist_loc& loc, an_earlier_event& found);
+
+// Whether `loc` names a record that still stands in its ring; if so, gives what a later event needs of it. A record
+// that is overwritten meanwhile is stale.
+inline bool hist_live(const a_ut_hist_loc& loc, an_earlier_event& found)
+{
+    if (uint32(loc.q) >= hist.num_queues || loc.n >= hist.ring_size)
+        return false;
+    const a_ut_hist_event& r = hist.hist_evs[loc.q].evs[loc.n];
+    const uint32 seq = __atomic_load_n(&r.seq, __ATOMIC_ACQUIRE);
+    if (__atomic_load_n(&r.num, __ATOMIC_ACQUIRE) != loc.num || seq % 2 != 0)
+        return false;
+    found.time_of_day.tv_sec = __atomic_load_n(&r.time_of_day.tv_sec, __ATOMIC_ACQUIRE);
+    found.time_of_day.tv_usec = __atomic_load_n(&r.time_of_day.tv_usec, __ATOMIC_ACQUIRE);
+    found.cl = __atomic_load_n(&r.cl, __ATOMIC_ACQUIRE);
+    // Relaxed: the acquire loads above keep this one behind them.
+    return __atomic_load_n(&r.seq, __ATOMIC_RELAXED) == seq;
+}
 
 // A whole record, copied out of its ring.
 struct a_hist_row {

@@ -107,11 +107,11 @@ a_slot claim()
     hist_reset_thread(hist.threads[t]);
     hist_reset_view(t);
     change_owner(t, __atomic_load_n(&hist.threads[t].owner, __ATOMIC_RELAXED), uint32(gettid()));
+    const uint64 mine = uint64(hist.start) << 32 | uint64(hist_way(hist.threads[t].own_q)) << slot_way_at | t;
     // Fails when a handler has claimed meanwhile.
-    if (!__atomic_compare_exchange_n(&hist_my_slot, &before, uint64(hist.start) << 32 | t, false, __ATOMIC_RELAXED,
-                                     __ATOMIC_RELAXED)) {
+    if (!__atomic_compare_exchange_n(&hist_my_slot, &before, mine, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
         free_slot(t);
-        return hist_slot(uint32(hist_my_slot));
+        return hist_slot(slot_number(hist_my_slot));
     }
     if (ends_are_told)
         pthread_setspecific(end_key, &hist);
@@ -124,8 +124,8 @@ void end_thread(void*)
     const a_hist_user user;
     const uint64 mine = hist_my_slot;
     hist_my_slot = 0;
-    if (user.has_store() && uint32(mine >> 32) == hist.start)
-        free_slot(uint32(mine));
+    if (user.has_store() && slot_start(mine) == hist.start)
+        free_slot(slot_number(mine));
 }
 
 }  // namespace
@@ -184,11 +184,12 @@ void hist_slots_fork_child()
     if (hist.hist_evs == nullptr || hist_cfg.dense_slots == 0)
         return;
     const uint64 mine = hist_my_slot;
-    const bool has_slot = uint32(mine >> 32) == hist.start;
+    const bool has_slot = slot_start(mine) == hist.start;
     for (uint32 t = 0; t < hist.num_threads; t += 64)
         __atomic_store_n(&hist.taken_slots[t / 64], uint64(0), __ATOMIC_RELAXED);
     for (uint32 t = 0; t < hist_slots_end(); t++)
-        hist.threads[t].owner = successor(hist.threads[t].owner, has_slot && t == uint32(mine) ? uint32(gettid()) : 0);
+        hist.threads[t].owner =
+            successor(hist.threads[t].owner, has_slot && t == slot_number(mine) ? uint32(gettid()) : 0);
     if (has_slot)
-        take_bit(uint32(mine));
+        take_bit(slot_number(mine));
 }

@@ -22,10 +22,16 @@ struct a_slot {
     uint32 t;
 };
 
-// The calling thread's dense slot: the start-up that gave it in the high half, its number in the low half.
+// The calling thread's dense slot: the start-up that gave it in the high half, in the low one the way of its events and
+// its number; 0 without.
 // initial-exec: the first touch of a lazily allocated thread-local variable would allocate, which a signal handler may
 // not.
 extern constinit __attribute__((tls_model("initial-exec"))) thread_local uint64 hist_my_slot;
+inline constexpr uint32 slot_way_at = 16;  // in it
+inline constexpr uint32 slot_start(uint64 mine) { return uint32(mine >> 32); }
+inline constexpr uint32 slot_way(uint64 mine) { return uint32(mine) >> slot_way_at; }
+inline constexpr uint32 slot_number(uint64 mine) { return uint16_t(mine); }
+static_assert(hist_most_slots >> slot_way_at == 0);
 
 void hist_slots_start();   // Not signal-safe: it makes a key.
 void hist_slots_unload();  // Not signal-safe: it deletes one.
@@ -41,7 +47,8 @@ inline uint32 hist_slot_number()
 {
     if (hist_cfg.dense_slots == 0)
         return uint32(a_ptrint(pthread_self())) & thread_slot_mask;
-    return uint32(hist_my_slot >> 32) == hist.start ? uint32(hist_my_slot) : hist.num_threads;
+    const uint64 mine = hist_my_slot;
+    return slot_start(mine) == hist.start ? slot_number(mine) : hist.num_threads;
 }
 
 inline a_slot hist_thread_slot()
@@ -49,7 +56,7 @@ inline a_slot hist_thread_slot()
     if (hist_cfg.dense_slots == 0) [[unlikely]]
         return hist_slot(uint32(a_ptrint(pthread_self())) & thread_slot_mask);
     const uint64 mine = hist_my_slot;
-    if (uint32(mine >> 32) != hist.start) [[unlikely]]
+    if (slot_start(mine) != hist.start) [[unlikely]]
         return hist_claim_slot();
-    return {&hist.threads[uint32(mine)], uint32(mine)};
+    return {&hist.threads[slot_number(mine)], slot_number(mine)};
 }

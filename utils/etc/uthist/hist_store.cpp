@@ -115,7 +115,7 @@ void* map_file(const a_layout& layout)
     if (mapping == nullptr)
         return nullptr;
     hist.words = static_cast<a_hist_words*>(hist_file_wiped_page());
-    *hist.words = {false, true};
+    *hist.words = {0, true};
     return mapping;
 }
 
@@ -248,6 +248,8 @@ bool hist_store_alloc(size_t (*dump_bytes)())
     hist.mapped_bytes = layout.end;
     hist.slots_at = layout.sections[UT_HIST_LIVE].at / page * page;
     char* const base = static_cast<char*>(hist.mapping);
+    hist.num_queues = uint32(queues());
+    hist.ring_size = uint32(hist_cfg.ut_hist_debug_num);
     fill_live(*at<a_ut_hist_live>(base, layout, UT_HIST_LIVE));
     if (!fill_queues(base, layout)) {
         hist_store_free(true);

@@ -56,11 +56,12 @@ enum a_dump_state : uint64 { DUMP_CLOSED = 0, DUMP_IDLE = 1, DUMP_RUNNING = 2, D
 inline constexpr uint64 dump_state_bits = 3;
 inline constexpr uint64 pack_dump(a_dump_state state, uint64 owner = 0) { return owner | state; }
 
-// Whether the history runs, and whether the store is this process's own. With a history file the words lie in a page
-// that a forked child finds wiped: until its fork step has given it a store of its own, and for ever where none runs,
-// it neither records nor dumps.
+// The number of the start-up that runs, 0 while none does, and whether the store is this process's own. With a history
+// file the words lie in a page that a forked child finds wiped: until its fork step has given it a store of its own,
+// and for ever where none runs, it neither records nor dumps.
 struct a_hist_words {
-    bool runs, own;
+    uint32 running;
+    bool own;
 };
 
 struct alignas(cache_line) a_ut_hist_store {
@@ -75,10 +76,14 @@ struct alignas(cache_line) a_ut_hist_store {
     uint32 start;            // the number of this start-up, 0 before the first
     uint32 num_threads;      // slots
     int32 hist_num_ids;
-    bool hist_initialized;  // what words->runs says to the process whose own the store is
+    bool hist_initialized;  // what words->running says to the process whose own the store is
     bool hist_ok_to_dump;
     bool closing;  // shut-down is about to free the store
-    a_hist_words plain = {false, true};
+    a_hist_words plain = {0, true};
+    // Of the settings what events need.
+    uint32 num_queues, ring_size;    // records of a queue
+    uint32 text_stride, id_text_at;  // of a record's texts
+    uint32 max_file_len, file_fits;  // bit i: a file text that ends at character i is kept whole
     int32 sig_handler_installed;
     a_critical_sect hist_ids_mutex;
     uint64 dump_state;  // a_dump_state and its owner, packed
@@ -105,13 +110,14 @@ struct alignas(cache_line) a_ut_hist_store {
 extern a_ut_hist_store hist;
 
 // Acquire: who sees the history running sees its whole store. Signal-safe.
-inline bool hist_runs() { return __atomic_load_n(&hist.words->runs, __ATOMIC_ACQUIRE); }
+inline uint32 hist_running() { return __atomic_load_n(&hist.words->running, __ATOMIC_ACQUIRE); }
+inline bool hist_runs() { return hist_running() != 0; }
 
 // Release, for those. Signal-safe.
 inline void hist_set_running(bool runs)
 {
     __atomic_store_n(&hist.hist_initialized, runs, __ATOMIC_RELEASE);
-    __atomic_store_n(&hist.words->runs, runs, __ATOMIC_RELEASE);
+    __atomic_store_n(&hist.words->running, runs ? hist.start : 0, __ATOMIC_RELEASE);
 }
 
 // Signal-safe.

@@ -6,8 +6,6 @@
 
 namespace {
 
-size_t text_bytes(int32 max_len) { return (size_t(max_len) + text_block) / text_block * text_block; }
-
 // Copies a data block, whole words where the ring is aligned. Release, so that a reader of any of these bytes sees the
 // ring's position that was stored before them.
 void store_bytes(char* dst, const char* src, size_t len)
@@ -37,12 +35,15 @@ void hist_load_words(char* dst, const char* src, size_t bytes)
 
 void hist_lay_out_texts()
 {
-    const size_t file = text_bytes(hist_cfg.hist_max_file_len), id = text_bytes(hist_cfg.hist_max_id_len);
-    const uint32 max_file = uint32(hist_cfg.hist_max_file_len);
-    hist_cfg.file_fits = max_file < 2 * text_block ? (1u << max_file) - 1 : UINT32_MAX;
+    const size_t file = text_bytes(size_t(hist_cfg.hist_max_file_len)),
+                 id = text_bytes(size_t(hist_cfg.hist_max_id_len));
     hist_cfg.id_text_at = file;
     hist_cfg.ev_text_at = file + id;
-    hist_cfg.text_stride = file + id + text_bytes(hist_cfg.hist_max_ev_len);
+    hist_cfg.text_stride = file + id + text_bytes(size_t(hist_cfg.hist_max_ev_len));
+    hist.text_stride = uint32(hist_cfg.text_stride);
+    hist.id_text_at = uint32(file);
+    hist.max_file_len = uint32(hist_cfg.hist_max_file_len);
+    hist.file_fits = hist.max_file_len < 2 * text_block ? (1u << hist.max_file_len) - 1 : UINT32_MAX;
 }
 
 size_t hist_row_texts_bytes() { return hist_cfg.copies ? hist_cfg.text_stride : 0; }
@@ -66,6 +67,8 @@ __attribute__((noinline, cold)) const char* hist_id_text(const char* id, char (&
 // Copies a text block by block until one holds its NUL.
 READS_WHOLE_BLOCKS __attribute__((noinline)) void hist_store_long_text(char* dst, const char* src, size_t max)
 {
+    if (src == nullptr)
+        src = hist_no_ev;
     for (size_t at = 0; at < max; at += text_block) {
         const __m128i block = load_block(src + at);
         store_block(dst + at, block);
@@ -80,11 +83,14 @@ __attribute__((noinline, cold)) void hist_store_number(char* dst, const char* id
     store_text(dst, hist_id_text(id, number), size_t(hist_cfg.hist_max_id_len));
 }
 
-// Of a path too long the end tells more than the beginning.
-__attribute__((noinline)) void hist_store_path_end(char* dst, const char* file)
+// The end of a path too long. Of less than two blocks it is copied into the room, which can be read to its end.
+__attribute__((noinline)) const char* hist_file_elsewhere(const char* file, char* room)
 {
-    const size_t len = strlen(file), max = size_t(hist_cfg.hist_max_file_len);
-    store_text(dst, len < max ? file : file + len - (max - 1), max);
+    if (file == nullptr)
+        return hist_no_file;
+    const size_t len = strlen(file), max = hist.max_file_len;
+    const char* const shown = len < max ? file : file + len - (max - 1);
+    return max < 2 * text_block ? strncpy(room, shown, 2 * text_block) : shown;
 }
 
 // In copy mode the texts go to `copy`, where they are ended: the recorder ends none that is too long.

@@ -25,6 +25,9 @@ inline constexpr a_ptrint hist_first_address = 65536;
 
 inline const char* const hist_absent_id = reinterpret_cast<const char*>(~a_ptrint(0));  // what marks no id in a record
 
+// The room of a text of so many characters.
+inline constexpr size_t text_bytes(size_t max_len) { return (max_len + text_block) / text_block * text_block; }
+
 struct a_data_pos {
     uint32 data_gen;
     uint32 data_fil;
@@ -65,9 +68,9 @@ const char* hist_load_data(const a_ut_hist_event_list& queue, uint32 data_idx, u
 #define UNDER_THREAD_SANITIZER 0
 #endif
 
-void hist_store_long_text(char* dst, const char* src, size_t max);
-void hist_store_path_end(char* dst, const char* file);
-void hist_store_number(char* dst, const char* id);  // of an id that is no address, or none
+void hist_store_long_text(char* dst, const char* src, size_t max);  // null: hist_no_ev
+const char* hist_file_elsewhere(const char* file, char* room);      // null: hist_no_file
+void hist_store_number(char* dst, const char* id);                  // of an id that is no address, or none
 
 READS_WHOLE_BLOCKS inline __m128i load_any(const char* src)
 {
@@ -91,10 +94,11 @@ inline void store_block(char* dst, __m128i block)
 // Of a text whose bytes may all be read.
 inline void copy_block(char* dst, const char* src) { store_block(dst, load_any(src)); }
 
+// Null is not readable, and a text at the very beginning of a page counts as if it were not: one comparison.
 inline bool blocks_readable(const char* text, size_t blocks)
 {
     constexpr size_t page = 4096;
-    return a_ptrint(text) % page <= page - blocks * text_block;
+    return (a_ptrint(text) - 1) % page < page - blocks * text_block;
 }
 
 // Bit i is set where byte i of the block is NUL.
@@ -115,7 +119,7 @@ READS_WHOLE_BLOCKS inline __m128i load_block(const char* src)
 // text of at most two blocks is copied without a look at its end.
 READS_WHOLE_BLOCKS inline void store_text(char* dst, const char* src, size_t max)
 {
-    if (max >= 2 * text_block || !blocks_readable(src, 2)) [[unlikely]] {
+    if (max >= 2 * text_block || !blocks_readable(src, max >= text_block ? 2 : 1)) [[unlikely]] {
         hist_store_long_text(dst, src, max);
         return;
     }
@@ -124,60 +128,55 @@ READS_WHOLE_BLOCKS inline void store_text(char* dst, const char* src, size_t max
         copy_block(dst + text_block, src + text_block);
 }
 
-// Bit i is set where one of two blocks, as one, has a NUL at character i.
-READS_WHOLE_BLOCKS inline uint32 nuls_of_two(const char* text)
-{
-    const __m128i* const blocks = reinterpret_cast<const __m128i*>(text);
-    return nuls_of(_mm_loadu_si128(blocks)) | nuls_of(_mm_loadu_si128(blocks + 1)) << text_block;
-}
-
 // What stands for a text that is not there; two whole blocks each.
 alignas(2 * text_block) inline constexpr char hist_no_file[2 * text_block] = "<no_file>";
 alignas(2 * text_block) inline constexpr char hist_no_id[2 * text_block] = "-";
 alignas(2 * text_block) inline constexpr char hist_no_ev[2 * text_block] = "?";
 
-// Of a path too long the end tells more than the beginning: of one of less than four blocks it is found here, at once.
-// The two blocks of a short name may reach into the id's text, which is stored after it.
-inline void store_file(char* dst, const char* file)
+// What is shown of a file text, where two blocks are the most there may be readable to their end: of a path too long
+// the end, which tells more than the beginning. In one of less than four blocks it is found here, at once; the others
+// may need the room.
+READS_WHOLE_BLOCKS inline const char* hist_file_shown(const char* file, char (&room)[2 * text_block], size_t max)
 {
-    if (file == nullptr) [[unlikely]] {
-        store_text(dst, hist_no_file, size_t(hist_cfg.hist_max_file_len));
-        return;
+    if (max >= 2 * text_block || !blocks_readable(file, 6)) [[unlikely]]
+        return hist_file_elsewhere(file, room);
+    const __m128i first = load_any(file), second = load_any(file + text_block);
+    if (nuls_of(_mm_min_epu8(first, second)) != 0) {
+        const uint32 nuls = nuls_of(first) | nuls_of(second) << text_block;
+        return (nuls & hist.file_fits) != 0 ? file : file + __builtin_ctz(nuls) - (hist.max_file_len - 1);
     }
-    if (!blocks_readable(file, 4)) [[unlikely]]
-        return hist_store_path_end(dst, file);
-    const uint32 nuls = nuls_of_two(file);
-    if ((nuls & hist_cfg.file_fits) == 0) {
-        const uint64 all = nuls | uint64(nuls_of_two(file + 2 * text_block)) << 2 * text_block;
-        if (all == 0 || hist_cfg.file_fits == UINT32_MAX) [[unlikely]]
-            return hist_store_path_end(dst, file);
-        file += size_t(__builtin_ctzll(all)) - size_t(hist_cfg.hist_max_file_len - 1);
-        if (!blocks_readable(file, 2)) [[unlikely]]
-            return hist_store_path_end(dst, file);
-    }
-    copy_block(dst, file);
-    copy_block(dst + text_block, file + text_block);
+    file += 2 * text_block;
+    const uint32 nuls = nuls_of(load_any(file)) | nuls_of(load_any(file + text_block)) << text_block;
+    if (nuls == 0) [[unlikely]]
+        return hist_file_elsewhere(file, room);
+    return file + __builtin_ctz(nuls) - (hist.max_file_len - 1);
 }
 
-inline void hist_store_id(char* dst, const char* id)
+inline void hist_store_id(char* dst, const char* id, size_t max)
 {
     if (id == nullptr)
-        id = hist_no_id;
-    if (a_ptrint(id) < hist_first_address) [[unlikely]]
+        copy_block(dst, hist_no_id);
+    else if (a_ptrint(id) < hist_first_address) [[unlikely]]
         hist_store_number(dst, id);
     else
-        store_text(dst, id, size_t(hist_cfg.hist_max_id_len));
+        store_text(dst, id, max);
 }
 
-// The texts of a record in copy mode, into its piece of the queue's block.
-[[gnu::always_inline]] inline void hist_store_texts(char* dst, const char* file, const char* id, const char* ev)
+// The texts of a record in copy mode, the file's as it is shown, into its piece of the queue's block. The two blocks of
+// a short name may reach into the id's text, which is stored after it.
+[[gnu::always_inline]] inline void hist_store_texts(char* dst, const char* file, const char* id, const char* ev,
+                                                    size_t max_file, size_t max_id, size_t max_ev)
 {
-    if (ev == nullptr) [[unlikely]]
-        ev = hist_no_ev;
     std::atomic_signal_fence(std::memory_order_seq_cst);
-    store_file(dst, file);
-    hist_store_id(dst + hist_cfg.id_text_at, id);
-    store_text(dst + hist_cfg.ev_text_at, ev, size_t(hist_cfg.hist_max_ev_len));
+    if (max_file < 2 * text_block) {
+        copy_block(dst, file);
+        copy_block(dst + text_block, file + text_block);
+    } else {
+        store_text(dst, file, max_file);
+    }
+    dst += hist.id_text_at;
+    hist_store_id(dst, id, max_id);
+    store_text(dst + text_bytes(max_id), ev, max_ev);
     std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 

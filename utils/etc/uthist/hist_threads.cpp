@@ -26,7 +26,7 @@ size_t event_bytes(const a_ut_hist_settings& cfg) { return cfg.text_stride - cfg
 // Where the texts of a view stand, or of its copy: a span's id, and the kept event's.
 char* span_place(a_hist_view& v, uint32 i, const a_ut_hist_settings& cfg)
 {
-    return reinterpret_cast<char*>(&v + 1) + i * id_bytes(cfg);
+    return hist_span_text(v, i, size_t(cfg.hist_max_id_len));
 }
 char* ev_place(a_hist_view& v, const a_ut_hist_settings& cfg) { return hist_kept_texts(v, cfg) + id_bytes(cfg); }
 
@@ -271,10 +271,10 @@ void put_head(a_text& out, const struct timeval& now)
 }  // namespace
 
 // Looks at the view: the thread's newest event may be in another queue by now.
-void hist_keep_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r)
+void hist_keep_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, uint32 by)
 {
     const uint32 num = own(r.num), t = own(r.thread);
-    if (t >= hist.num_threads)
+    if (t == by || t >= hist.num_threads)
         return;
     a_hist_view& v = hist_view_of(t);
     if (__atomic_load_n(&v.newest, __ATOMIC_ACQUIRE) != &r || __atomic_load_n(&v.newest_num, __ATOMIC_ACQUIRE) != num)
@@ -296,26 +296,13 @@ void hist_take_slot(uint32 t)
         hist_reset_view(t);
 }
 
-// A location that is open already begins again: its span goes, as its END would have closed it.
-void hist_open_span(a_hist_view& v, a_ut_hist_loc* loc, a_ut_hist_id id, const char* text, const struct timeval& now)
+// The location's span goes, as its END would have closed it. Gives the spans that are open then.
+uint32 hist_close_location(a_hist_view& v, const a_ut_hist_loc* loc)
 {
-    uint32 open = hist_open_spans(v);
-    if (loc != nullptr && open > 0) {
-        const uint32 kept = find_span(v, loc, nullptr);
-        if (kept < open)
-            hist_set_open(v, kept);
-        open = kept;
-    }
-    if (open < hist_max_spans) {
-        std::atomic_signal_fence(std::memory_order_seq_cst);  // a text's blocks stay behind the end of the last span
-        a_hist_span& span = v.spans[open];
-        put(span.loc, loc);
-        put(span.id, id);
-        put(span.text, text);
-        put_time(span.begun, now);
-        hist_store_id(span_place(v, open, hist_cfg), text);
-    }
-    put(v.open, own(v.open) + 1);
+    const uint32 open = hist_open_spans(v), kept = find_span(v, loc, nullptr);
+    if (kept < open)
+        hist_set_open(v, kept);
+    return kept;
 }
 
 void hist_close_span(a_hist_view& v, const a_ut_hist_loc* loc, a_ut_hist_id id)

@@ -22,18 +22,17 @@
 #include "utils/etc/uthist/hist_ring.h"
 #include "utils/etc/uttext.h"
 
-void hist_keep_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r);
+void hist_keep_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, uint32 by);
 void hist_take_slot(uint32 t);  // for the calling thread, from the one that recorded under it last
-void hist_open_span(a_hist_view& v, a_ut_hist_loc* loc, a_ut_hist_id id, const char* text, const struct timeval& now);
+uint32 hist_close_location(a_hist_view& v, const a_ut_hist_loc* loc);
 void hist_close_span(a_hist_view& v, const a_ut_hist_loc* loc, a_ut_hist_id id);
 
 // Before the record is overwritten by an event of slot t.
 inline void hist_before_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, int32 q, uint32 t)
 {
     // Relaxed here and below: only the queue's writers change these, and they are serialised or alone.
-    if (q <= 2 && __atomic_load_n(&r.thread, __ATOMIC_RELAXED) != t &&
-        (q != 0 || __atomic_load_n(&r.newest, __ATOMIC_RELAXED) != 0))
-        hist_keep_event(queue, r);
+    if (q <= 2 && (q != 0 || __atomic_load_n(&r.newest, __ATOMIC_RELAXED) != 0))
+        hist_keep_event(queue, r, t);
 }
 
 // The mark goes on from the thread's earlier event in queue 0 to this one.
@@ -41,7 +40,7 @@ inline void hist_mark_newest(const a_ut_hist_event_list& queue, a_ut_hist_event&
 {
     a_ut_hist_event* const before = __atomic_load_n(&v.newest, __ATOMIC_RELAXED);
     const bool stands =
-        before != nullptr && before >= queue.evs && before < queue.evs + hist_cfg.ut_hist_debug_num &&
+        before != nullptr && before >= queue.evs && before < queue.evs + hist.ring_size &&
         __atomic_load_n(&before->num, __ATOMIC_RELAXED) == __atomic_load_n(&v.newest_num, __ATOMIC_RELAXED);
     if (stands && before != &r)
         __atomic_store_n(&before->newest, 0u, __ATOMIC_RELAXED);
@@ -49,11 +48,8 @@ inline void hist_mark_newest(const a_ut_hist_event_list& queue, a_ut_hist_event&
 }
 
 // After the event of slot t has been recorded there. A handler's event that comes in between is in another queue.
-inline void hist_after_event(const a_ut_hist_event_list& queue, a_ut_hist_event& r, int32 q, uint32 t, uint32 num)
+inline void hist_after_event(a_hist_view& v, const a_ut_hist_event_list& queue, a_ut_hist_event& r, int32 q, uint32 num)
 {
-    a_hist_view& v = hist_view_of(t);
-    if (hist_cfg.dense_slots == 0) [[unlikely]]
-        hist_take_slot(t);
     if (q == 0)
         hist_mark_newest(queue, r, v);
     // One instruction: no handler's event is lost in it.
@@ -62,13 +58,34 @@ inline void hist_after_event(const a_ut_hist_event_list& queue, a_ut_hist_event&
     __atomic_store_n(&v.newest, &r, __ATOMIC_RELEASE);
 }
 
-// A begin opens a span, an end closes one; most often that is the innermost one.
-inline void hist_span_event(uint32 t, int32 cl, a_ut_hist_loc* loc, a_ut_hist_id id, const char* text,
-                            const struct timeval& now)
+inline char* hist_span_text(a_hist_view& v, uint32 i, size_t max_id)
 {
-    a_hist_view& v = hist_view_of(t);
-    if (cl == UT_HIST_CL_BEG)
-        return hist_open_span(v, loc, id, text, now);
+    return reinterpret_cast<char*>(&v + 1) + i * text_bytes(max_id);
+}
+
+// A begin opens a span. A location that is open already begins again.
+[[gnu::always_inline]] inline void hist_open_span(a_hist_view& v, a_ut_hist_loc* loc, a_ut_hist_id id, const char* text,
+                                                  const struct timeval& now, size_t max_id)
+{
+    uint32 open = hist_open_spans(v);
+    if (loc != nullptr && open > 0)
+        open = hist_close_location(v, loc);
+    if (open < hist_max_spans) [[likely]] {
+        std::atomic_signal_fence(std::memory_order_seq_cst);  // a text's blocks stay behind the end of the last span
+        a_hist_span& span = v.spans[open];
+        __atomic_store_n(&span.loc, loc, __ATOMIC_RELEASE);
+        __atomic_store_n(&span.id, id, __ATOMIC_RELEASE);
+        __atomic_store_n(&span.text, text, __ATOMIC_RELEASE);
+        __atomic_store_n(&span.begun.tv_sec, now.tv_sec, __ATOMIC_RELEASE);
+        __atomic_store_n(&span.begun.tv_usec, now.tv_usec, __ATOMIC_RELEASE);
+        hist_store_id(hist_span_text(v, open, max_id), text, max_id);
+    }
+    __atomic_store_n(&v.open, __atomic_load_n(&v.open, __ATOMIC_RELAXED) + 1, __ATOMIC_RELEASE);
+}
+
+// An end closes one, most often the innermost.
+[[gnu::always_inline]] inline void hist_end_span(a_hist_view& v, const a_ut_hist_loc* loc, a_ut_hist_id id)
+{
     const uint32 open = hist_open_spans(v);
     const auto is_given = [&](const a_hist_span& span) {
         return __atomic_load_n(&span.id, __ATOMIC_RELAXED) == id &&

@@ -89,7 +89,6 @@ const char* start_counter()
 bool make_store()
 {
     hist_lay_out_texts();
-    hist_find_way();
     if (!hist_store_alloc(hist_dump_bytes))
         return false;
     hist_dump_lay_out(hist_streams.ut_hist_eol);
