@@ -158,6 +158,7 @@ LOADS = [
     ("no trace hook at all", None, "", ["--no-trace"]),
     ("history on", "n2000,q8,k-,l=/dev/null,r-", "dense", []),
     ("history on with statistics and thread tables", "n2000,q8,k,l=/dev/null,r-", "tables", []),
+    ("the same with tsc", "n2000,q8,k,l=/dev/null,r-", "tables,tsc", []),
 ]
 
 

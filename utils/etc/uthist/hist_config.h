@@ -1,8 +1,8 @@
 // hist_config.h: the settings of the event history and what reads UT_HIST into them.
 //
 // The settings change only during start-up (and by ut_hist_setting, atomically), before any other thread uses
-// the history; afterwards everybody reads them without a lock. What every event reads stands first, in one
-// cache line. How lines end and where messages go stands in hist_errout.h.
+// the history; afterwards everybody reads them without a lock. What events read stands first, in one cache line; the
+// ordinary event finds what it needs in the store. How lines end and where messages go stands in hist_errout.h.
 #pragma once
 
 #include <signal.h>

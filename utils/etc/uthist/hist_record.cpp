@@ -199,8 +199,7 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, a_ut_hist_loc 
         hist_before_event(queue, r, q, t);
     __atomic_store_n(&r.seq, seq_writing(at.laps), __ATOMIC_RELAXED);
     if (copies)
-        hist_store_texts(queue.texts + size_t(at.next) * hist.text_stride, event.file, id, event.ev, max_file, max_id,
-                         max_ev);
+        hist_store_texts(queue.texts + at.next * hist.text_stride, event.file, id, event.ev, max_file, max_id, max_ev);
     else
         hist_store_pointers(r, event.file, id, event.ev);
     if (texts_first)

@@ -81,12 +81,10 @@ struct alignas(cache_line) a_ut_hist_store {
     bool closing;  // shut-down is about to free the store
     a_hist_words plain = {0, true};
     // Of the settings what events need.
-    uint32 num_queues, ring_size;    // records of a queue
-    uint32 text_stride, id_text_at;  // of a record's texts
-    uint32 max_file_len, file_fits;  // bit i: a file text that ends at character i is kept whole
-    int32 sig_handler_installed;
-    a_critical_sect hist_ids_mutex;
-    uint64 dump_state;  // a_dump_state and its owner, packed
+    uint32 num_queues, ring_size;                // records of a queue
+    size_t view_stride, text_stride;             // bytes of a view, of a record's texts
+    uint32 id_text_at, max_file_len, file_fits;  // bit i: a file text that ends at character i is kept whole
+    uint64 dump_state;                           // a_dump_state and its owner, packed
 
     // The rest of the store.
     alignas(cache_line) a_thread_count users;  // inside a dump or a registration, see a_hist_user
@@ -101,7 +99,8 @@ struct alignas(cache_line) a_ut_hist_store {
     bool no_memory;                            // and did not get
     void* mapping;
     size_t mapped_bytes;
-    size_t view_stride;
+    a_critical_sect hist_ids_mutex;
+    int32 sig_handler_installed;
     size_t slots_at;  // in it, the first page of what stays: `live` and the thread slots
 
     // Written by every event of every thread: a line of its own.

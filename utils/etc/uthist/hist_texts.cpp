@@ -40,7 +40,7 @@ void hist_lay_out_texts()
     hist_cfg.id_text_at = file;
     hist_cfg.ev_text_at = file + id;
     hist_cfg.text_stride = file + id + text_bytes(size_t(hist_cfg.hist_max_ev_len));
-    hist.text_stride = uint32(hist_cfg.text_stride);
+    hist.text_stride = hist_cfg.text_stride;
     hist.id_text_at = uint32(file);
     hist.max_file_len = uint32(hist_cfg.hist_max_file_len);
     hist.file_fits = hist.max_file_len < 2 * text_block ? (1u << hist.max_file_len) - 1 : UINT32_MAX;
