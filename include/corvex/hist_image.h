@@ -76,7 +76,7 @@ typedef struct {
 /* The record of an event. Its first and its last two lines are all that most events touch. */
 typedef struct {
     uint32 seq;
-    uint32 newest; /* in queue 0, with thread tables: 0 once a later event of its thread is there */
+    uint32 newest; /* in queue 0, with thread tables: 0 only when a later event of its thread is there */
     uint32 unused[4];
     a_ut_hist_time time_of_day;
     char* file; /* file, id and ev: of the caller, when texts are not copied */

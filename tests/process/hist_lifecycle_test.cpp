@@ -86,6 +86,23 @@ TEST(HistLifecycle, LosesLittleWhereTwoHandlersMeetInOneQueue)
         EXPECT_EQ(replaced(replaced(rows(played(brief + n, meeting).err), gap, ""), " ", ""), left) << n;
 }
 
+TEST(HistLifecycle, AHandlersEventMayComeAtEachInstructionOfAnothersAfterARestart)
+{
+    // ThreadSanitizer runs handlers later.
+    if (std::string(CORVEX_SANITIZE).find("thread") != std::string::npos)
+        return;
+    // The other start-ups keep other texts and other queues.
+    const char* const options[] = {"s-f+l-", "s-f-", "s-f+l-q4", "s-f+l-me63"};
+    a_text_list script = {"ev - - e"};
+    for (int i = 0; i < 4 * 60; i++) {
+        const std::string step = "step " + std::to_string(1 + i / 4) + " ev - SIG h";
+        script.insert(script.end(), {"fini", std::string("env UT_HIST ") + options[i % 4], "init", step, "ev - - e"});
+    }
+    const std::string dumps = played("s-f+l-", script, {"TZ=UTC", "UT_HIST_EXT=dense"}).err;
+    EXPECT_EQ(count(dumps, " h -"), 3 * 60u);
+    EXPECT_EQ(count(dumps, " e -"), 1 + 3 * 60u);
+}
+
 TEST(HistLifecycle, GivesAFreedSlotToOneOfTheCrowd)
 {
     a_text_list crowd = {"ev - - main"};

@@ -46,6 +46,8 @@ using args_of = const an_arg_list&;
 long now = 1700000000000000;  // 2023/11/14 22:13:20 UTC
 an_arg_list trap;             // played in the trap_after-th look at the clock or at the signal mask from now
 long trap_after = 0;
+an_arg_list stepped;  // played when the next event has gone steps_left instructions, as a handler
+long steps_left = 0;
 thread_local a_ptrint slot = 0;   // the handle's low bits; 0: the real handle
 thread_local bool shown = false;  // the history is being called: it gets to see `slot`
 bool in_child = false;
@@ -70,6 +72,26 @@ a_ut_hist_id id_of(const std::string& name)
     return ids.count(name) != 0 ? ids[name] : UT_HIST_ID_TEXT(text(name));
 }
 
+void take_step(int, siginfo_t*, void* context)
+{
+    if (--steps_left > 0)
+        return;
+    static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL] &= ~0x100;
+    if (steps_left == 0)
+        play(stepped.rest(2));
+}
+
+// The processor's trap flag: SIGTRAP after each instruction.
+void step_on()
+{
+    struct sigaction action = {};
+    action.sa_sigaction = take_step;
+    action.sa_flags = SA_SIGINFO;
+    sigaction(SIGTRAP, &action, nullptr);
+    __asm__ volatile("lea -128(%%rsp), %%rsp; pushfq; orq $0x100, (%%rsp); popfq; lea 128(%%rsp), %%rsp" ::
+                         : "memory", "cc");
+}
+
 template <int cl>
 void add(args_of args)
 {
@@ -90,8 +112,15 @@ void add(args_of args)
     }
     a_ut_hist_loc* loc =
         args[1] == "-" ? nullptr : &locs.emplace(args[1], a_ut_hist_loc UT_HIST_LOC_INIT).first->second;
-    ut_hist_add(file, line, loc, a_ut_hist_cl(cl), id_of(args[2]), text(args[3]), forced != -99 ? forced : pn, p[0],
-                p[1], p[2], p[3], p[4], p[5], p[6], p[7]);
+    const a_ut_hist_id id = id_of(args[2]);
+    const char* const ev = text(args[3]);
+    const bool steps = steps_left > 0 && id != UT_HIST_ID_SIGHANDLER;
+    if (steps)
+        step_on();
+    ut_hist_add(file, line, loc, a_ut_hist_cl(cl), id, ev, forced != -99 ? forced : pn, p[0], p[1], p[2], p[3], p[4],
+                p[5], p[6], p[7]);
+    if (steps)
+        steps_left = 0;  // the next step is the last one
 }
 
 // Records a text of some length three times over, as file, id and event; behind its NUL no byte can be read.
@@ -345,6 +374,7 @@ const std::map<std::string, void (*)(args_of args)> commands = {
     {"clock", [](args_of a) { now = a.number(1) * 1000000; }},
     {"tick", [](args_of a) { now += a.number(1); }},
     {"trap", [](args_of a) { trap_after = (trap = a).number(1); }},
+    {"step", [](args_of a) { steps_left = (stepped = a).number(1); }},
     {"slot", [](args_of a) { slot = a_ptrint(a.number(1)); }},
     {"on", play_in_thread},
     {"begin", play_in_thread},

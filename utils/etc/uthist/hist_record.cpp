@@ -40,6 +40,7 @@ inline constexpr bool is_short(uint32 way) { return (way & SHORT_WAY) != 0; }
 inline constexpr bool is_locked(uint32 way) { return is_short(way) && (way & OWN_QUEUE) == 0; }
 inline constexpr bool is_copying(uint32 way) { return is_short(way) && (way & POINTERS) == 0; }
 inline constexpr bool has_usual_texts(uint32 way) { return is_copying(way) && (way & LONG_TEXTS) == 0; }
+inline bool copies_texts(uint32 way) { return is_short(way) ? is_copying(way) : hist_cfg.copies; }
 inline bool has_tables(uint32 way) { return is_short(way) ? (way & TABLES) != 0 : hist.views != nullptr; }
 
 // The ids that name a queue.
@@ -183,7 +184,6 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, a_ut_hist_loc 
     // The stores of the texts leave the processor's buffer while the clock is read, and their loads need not wait for
     // the locked instruction behind it. Three addresses gain nothing by that, unless an unlock waits for all stores.
     const bool texts_first = is_copying(way) || is_locked(way);
-    const bool copies = is_short(way) ? is_copying(way) : hist_cfg.copies;
     // Of texts in as many blocks one maximum is as good as another.
     const size_t max_file = has_usual_texts(way) ? default_file_len : hist.max_file_len,
                  max_id = size_t(has_usual_texts(way) ? default_id_len : hist_cfg.hist_max_id_len),
@@ -198,7 +198,7 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, a_ut_hist_loc 
     if (has_tables(way))
         hist_before_event(queue, r, q, t);
     __atomic_store_n(&r.seq, seq_writing(at.laps), __ATOMIC_RELAXED);
-    if (copies)
+    if (copies_texts(way))
         hist_store_texts(queue.texts + at.next * hist.text_stride, event.file, id, event.ev, max_file, max_id, max_ev);
     else
         hist_store_pointers(r, event.file, id, event.ev);
@@ -271,7 +271,7 @@ void miss(uint32 t)
 }
 
 // Records an event of a thread into the queue unless the thread is recording there already.
-[[gnu::always_inline]] inline void add(uint32 way, const an_event& event, a_slot slot, int32 q)
+[[gnu::always_inline]] inline void add(uint32 way, an_event& event, a_slot slot, int32 q)
 {
     a_ut_hist_thread& thread = *slot.thread;
     if (__atomic_load_n(&thread.recursing[q], __ATOMIC_RELAXED) > 0) [[unlikely]]
@@ -289,6 +289,10 @@ void miss(uint32 t)
         say("** add (", event.file != nullptr ? event.file : hist_no_file, ':', event.line, ") P=", event.pn, '(',
             const_cast<const void*>(event.p1), ',', const_cast<const void*>(event.p2), ',',
             const_cast<const void*>(event.p3), ',', const_cast<const void*>(event.p4), ") ...");
+    // Before the lock, which waits for what the caller has stored.
+    char room[2 * text_block];
+    if (copies_texts(way))
+        event.file = hist_file_shown(event.file, room, has_usual_texts(way) ? default_file_len : hist.max_file_len);
     const uint32 n = record_locked(way, event, q, slot.t);
     if (!is_short(way) && hist_cfg.ut_hist_z_messages > 1)
         say("z-messages ** add done q=", q, ", n=", int32(n));
@@ -304,9 +308,6 @@ __attribute__((noinline)) void add_any(an_event&& event)
     const a_slot slot = hist_thread_slot();
     if (slot.thread == nullptr)
         return miss(slot.t);
-    char room[2 * text_block];
-    if (hist_cfg.copies)
-        event.file = hist_file_shown(event.file, room, hist.max_file_len);
     add(ANY_WAY, event, slot, queue_of(event.id, *slot.thread));
 }
 
@@ -318,15 +319,14 @@ __attribute__((noinline)) void add_any(an_event&& event)
 template <uint32 way>
 void add_by(EVENT_PARAMETERS)
 {
+    // The way again: a handler's event may have claimed a slot since the jump.
     const uint64 mine = hist_my_slot;
-    if (!is_short(way) || slot_start(mine) != hist_running() || names_queue(id)) [[unlikely]]
+    const bool is_mine = mine >> slot_way_at == slot_word(hist_running(), way, 0) >> slot_way_at;
+    if (!is_short(way) || !is_mine || names_queue(id)) [[unlikely]]
         return add_any({EVENT});
     const a_slot slot = {&hist.threads[slot_number(mine)], slot_number(mine)};
-    // Before the lock, which waits for what the caller has stored.
-    char room[2 * text_block];
-    if (is_copying(way))
-        file = hist_file_shown(file, room, has_usual_texts(way) ? default_file_len : hist.max_file_len);
-    add(way, {EVENT}, slot, is_locked(way) ? 0 : slot.thread->own_q);
+    an_event event = {EVENT};
+    add(way, event, slot, is_locked(way) ? 0 : slot.thread->own_q);
 }
 
 using an_adder = void (*)(EVENT_PARAMETERS);

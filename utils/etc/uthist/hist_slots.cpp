@@ -107,7 +107,7 @@ a_slot claim()
     hist_reset_thread(hist.threads[t]);
     hist_reset_view(t);
     change_owner(t, __atomic_load_n(&hist.threads[t].owner, __ATOMIC_RELAXED), uint32(gettid()));
-    const uint64 mine = uint64(hist.start) << 32 | uint64(hist_way(hist.threads[t].own_q)) << slot_way_at | t;
+    const uint64 mine = slot_word(hist.start, hist_way(hist.threads[t].own_q), t);
     // Fails when a handler has claimed meanwhile.
     if (!__atomic_compare_exchange_n(&hist_my_slot, &before, mine, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
         free_slot(t);

@@ -28,6 +28,10 @@ struct a_slot {
 // not.
 extern constinit __attribute__((tls_model("initial-exec"))) thread_local uint64 hist_my_slot;
 inline constexpr uint32 slot_way_at = 16;  // in it
+inline constexpr uint64 slot_word(uint32 start, uint32 way, uint32 t)
+{
+    return uint64(start) << 32 | uint64(way) << slot_way_at | t;
+}
 inline constexpr uint32 slot_start(uint64 mine) { return uint32(mine >> 32); }
 inline constexpr uint32 slot_way(uint64 mine) { return uint32(mine) >> slot_way_at; }
 inline constexpr uint32 slot_number(uint64 mine) { return uint16_t(mine); }
