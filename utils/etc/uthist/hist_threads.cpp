@@ -271,10 +271,10 @@ void put_head(a_text& out, const struct timeval& now)
 }  // namespace
 
 // Looks at the view: the thread's newest event may be in another queue by now.
-void hist_keep_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, uint32 by)
+void hist_keep_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r)
 {
     const uint32 num = own(r.num), t = own(r.thread);
-    if (t == by || t >= hist.num_threads)
+    if (t >= hist.num_threads)
         return;
     a_hist_view& v = hist_view_of(t);
     if (__atomic_load_n(&v.newest, __ATOMIC_ACQUIRE) != &r || __atomic_load_n(&v.newest_num, __ATOMIC_ACQUIRE) != num)

@@ -22,7 +22,7 @@
 #include "utils/etc/uthist/hist_ring.h"
 #include "utils/etc/uttext.h"
 
-void hist_keep_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, uint32 by);
+void hist_keep_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r);
 void hist_take_slot(uint32 t);  // for the calling thread, from the one that recorded under it last
 uint32 hist_close_location(a_hist_view& v, const a_ut_hist_loc* loc);
 void hist_close_span(a_hist_view& v, const a_ut_hist_loc* loc, a_ut_hist_id id);
@@ -31,8 +31,9 @@ void hist_close_span(a_hist_view& v, const a_ut_hist_loc* loc, a_ut_hist_id id);
 inline void hist_before_event(const a_ut_hist_event_list& queue, const a_ut_hist_event& r, int32 q, uint32 t)
 {
     // Relaxed here and below: only the queue's writers change these, and they are serialised or alone.
-    if (q <= 2 && (q != 0 || __atomic_load_n(&r.newest, __ATOMIC_RELAXED) != 0))
-        hist_keep_event(queue, r, t);
+    if (q <= 2 && __atomic_load_n(&r.thread, __ATOMIC_RELAXED) != t &&
+        (q != 0 || __atomic_load_n(&r.newest, __ATOMIC_RELAXED) != 0))
+        hist_keep_event(queue, r);
 }
 
 // The mark goes on from the thread's earlier event in queue 0 to this one.
