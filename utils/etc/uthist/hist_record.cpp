@@ -311,6 +311,7 @@ __attribute__((noinline)) void add_any(an_event&& event)
     add(ANY_WAY, event, slot, queue_of(event.id, *slot.thread));
 }
 
+// What two functions pass on as it comes.
 #define EVENT_PARAMETERS                                                                                               \
     const char *file, uint32 line, a_ut_hist_loc *loc, a_ut_hist_cl cl, a_ut_hist_id id, const char *ev, int32 pn,     \
         void *p1, void *p2, void *p3, void *p4, void *p5, void *p6, void *p7, void *p8
@@ -319,7 +320,7 @@ __attribute__((noinline)) void add_any(an_event&& event)
 template <uint32 way>
 void add_by(EVENT_PARAMETERS)
 {
-    // The way again: a handler's event may have claimed a slot since the jump.
+    // The way again, since a handler's event may have claimed a slot after the jump, and whether its start-up runs.
     const uint64 mine = hist_my_slot;
     const bool is_mine = mine >> slot_way_at == slot_word(hist_running(), way, 0) >> slot_way_at;
     if (!is_short(way) || !is_mine || names_queue(id)) [[unlikely]]
