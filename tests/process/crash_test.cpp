@@ -24,11 +24,16 @@ std::string pc(const std::string& module)
 const std::string null = "11 SIGSEGV code 1 \\(address not mapped\\) address 0x10";
 const std::string fault = head + cause(null) + pc("crash") + callers + symbols + end;
 
+void expect_report(const a_run& ran, const std::string& text)
+{
+    EXPECT_TRUE(std::regex_match(ran.err, std::regex(text))) << ran.err << "\nis not\n" << text;
+    EXPECT_LT(semctl(atoi(ran.out.c_str()), 0, GETVAL), 0) << "the kernel sets are removed";
+}
+
 void expect(const a_run& ran, const std::string& text)
 {
     EXPECT_TRUE(ran.died_of(SIGABRT)) << ran.status;
-    EXPECT_TRUE(std::regex_match(ran.err, std::regex(text))) << ran.err << "\nis not\n" << text;
-    EXPECT_LT(semctl(atoi(ran.out.c_str()), 0, GETVAL), 0) << "the kernel sets are removed";
+    expect_report(ran, text);
 }
 
 TEST(CrashReport, TellsCauseCallersAndSender)
@@ -70,8 +75,12 @@ TEST(CrashReport, IsTheOneOfItsProcess)
 {
     expect(run("crash", {on, "ZT_INSTALL_SIG_HANDLERS=c"}, {"fault", "sets"}), fault + "(sets removed\n){2}");
     expect(run("crash", {on}, {"fault", "fork"}), fault);
-    for (int i = 0; i < 20; i++)
-        expect(run("crash", {on}, {"both"}), fault);
+    for (int i = 0; i < 20; i++) {
+        const a_run both = run("crash", {on}, {"both"});
+        // The second fault may come when the handlers have been taken away for the abort.
+        EXPECT_TRUE(both.died_of(SIGABRT) || both.died_of(SIGSEGV)) << both.status;
+        expect_report(both, fault);
+    }
     expect(run("crash", {}, {"fault", "record"}), "record 1 2 11 1 0x10 1 1\n");
 }
 
