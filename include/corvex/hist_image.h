@@ -34,7 +34,7 @@
 
 CORVEX_C_BEGIN
 
-#define UT_HIST_IMAGE_VERSION 2
+#define UT_HIST_IMAGE_VERSION 3
 #define UT_HIST_IMAGE_HEADER  4096 /* bytes, the header's page */
 #define UT_HIST_IMAGE_MAGIC                                                                                            \
     {                                                                                                                  \
@@ -101,6 +101,12 @@ CORVEX_LAYOUT(offsetof(a_ut_hist_event, sigset) == 64 && offsetof(a_ut_hist_even
 CORVEX_LAYOUT(offsetof(a_ut_hist_event, id) == 208 && offsetof(a_ut_hist_event, pn) == 224);
 CORVEX_LAYOUT(offsetof(a_ut_hist_event, p) == 232 && offsetof(a_ut_hist_event, data_idx) == 300);
 
+/* Before a mutex, which only those need who find it shut. */
+typedef struct {
+    uint32 shut;
+    uint32 wanted; /* by the one that has the mutex */
+} a_ut_hist_gate;
+
 /* A queue. */
 typedef struct {
     a_critical_sect mutex;
@@ -109,6 +115,7 @@ typedef struct {
     uint64 data_pos;
     char* data_buf;
     char* texts;
+    a_ut_hist_gate gate;
 } UT_HIST_IMAGE_LINE a_ut_hist_event_list;
 CORVEX_LAYOUT(sizeof(a_ut_hist_event_list) == 64 && offsetof(a_ut_hist_event_list, ring_pos) == 8);
 CORVEX_LAYOUT(offsetof(a_ut_hist_event_list, data_pos) == 24);
@@ -139,9 +146,10 @@ typedef struct {
     a_critical_sect mutex;
     int32 missed; /* pairs for which there was no timer */
     int32 num;
+    a_ut_hist_gate gate;
     a_ut_hist_timer ids[UT_HIST_TIMERS_OF_LIST];
 } a_ut_hist_timer_list;
-CORVEX_LAYOUT(sizeof(a_ut_hist_timer) == 32 && sizeof(a_ut_hist_timer_list) == 16 + 32 * 32);
+CORVEX_LAYOUT(sizeof(a_ut_hist_timer) == 32 && offsetof(a_ut_hist_timer_list, ids) == 24);
 
 /* Local time is ahead of UTC by so many seconds from then on; ascending. */
 typedef struct {

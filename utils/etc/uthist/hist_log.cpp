@@ -21,6 +21,7 @@
 #include "utils/etc/utclock.h"
 #include "utils/etc/uthist/hist_errout.h"
 #include "utils/etc/uthist/hist_header.h"
+#include "utils/etc/uthist/hist_lock.h"
 #include "utils/etc/uthist/hist_slots.h"
 #include "utils/etc/uthist/hist_stats.h"
 #include "utils/unix/unixcrash.h"
@@ -72,7 +73,7 @@ public:
         struct timespec end;  // of the wall clock: the one that the thread sanitizer knows
         clock_gettime(CLOCK_REALTIME, &end);
         end.tv_sec++;
-        while (taken < hist.cfg->hist_num_q && pthread_mutex_timedlock(hist.hist_evs[taken].mutex.p_mutex, &end) == 0)
+        while (taken < hist.cfg->hist_num_q && hist_lock_for_dump(of(taken).mutex, of(taken).gate, end))
             taken++;
         if (taken < hist.cfg->hist_num_q)
             give();
@@ -85,11 +86,13 @@ public:
     void give()
     {
         for (int32 q = 0; q < taken; q++)
-            ut_safe_pthread_mutex_unlock(&hist.hist_evs[q].mutex);
+            hist_unlock_after_dump(of(q).mutex, of(q).gate);
         taken = 0;
     }
 
 private:
+    static a_ut_hist_event_list& of(int32 q) { return hist.hist_evs[q]; }
+
     int32 taken = 0;
 };
 

@@ -14,6 +14,7 @@
 
 #include "utils/etc/utcancel.h"
 #include "utils/etc/uthist/hist_errout.h"
+#include "utils/etc/uthist/hist_lock.h"
 #include "utils/etc/uthist/hist_log.h"
 #include "utils/etc/uthist/hist_ring.h"
 #include "utils/etc/uthist/hist_slots.h"
@@ -182,8 +183,8 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, a_ut_hist_loc 
                                             uint32 t)
 {
     // The stores of the texts leave the processor's buffer while the clock is read, and their loads need not wait for
-    // the locked instruction behind it. Three addresses gain nothing by that, unless an unlock waits for all stores.
-    const bool texts_first = is_copying(way) || is_locked(way);
+    // the locked instruction behind it. Three addresses gain nothing by that.
+    const bool texts_first = is_copying(way);
     // Of texts in as many blocks one maximum is as good as another.
     const size_t max_file = has_usual_texts(way) ? default_file_len : hist.max_file_len,
                  max_id = size_t(has_usual_texts(way) ? default_id_len : hist_cfg.hist_max_id_len),
@@ -244,7 +245,7 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, a_ut_hist_loc 
     if (!is_locked(way) && (is_short(way) || q != 0))
         return record(way, event, hist.hist_evs[q], q, t);
     a_ut_hist_event_list& queue = hist.hist_evs[0];
-    const a_safe_lock lock(queue.mutex);
+    const a_hist_lock lock(queue.mutex, queue.gate);
     if (!is_short(way) && hist_cfg.ut_hist_dump_on_sig >= 2)
         hist_install_signal_handler_once();
     return record(way, event, queue, 0, t);

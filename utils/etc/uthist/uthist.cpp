@@ -17,6 +17,7 @@
 #include "utils/etc/uthist/hist_file.h"
 #include "utils/etc/uthist/hist_fork.h"
 #include "utils/etc/uthist/hist_header.h"
+#include "utils/etc/uthist/hist_lock.h"
 #include "utils/etc/uthist/hist_log.h"
 #include "utils/etc/uthist/hist_slots.h"
 #include "utils/etc/uthist/hist_threads.h"
@@ -199,7 +200,7 @@ void ut_hist_fork_child()
             __atomic_store_n(&recursing, uint8_t(0), __ATOMIC_RELAXED);
     hist_log_fork_child();
     for (int32 q = 0; q < hist_cfg.hist_num_q; q++) {
-        ut_safe_pthread_mutex_fork_child(&hist.hist_evs[q].mutex);
+        hist_lock_fork_child(hist.hist_evs[q].mutex, hist.hist_evs[q].gate);
         if (hist.anchors != nullptr)
             hist.anchors[q].limit = 0;  // another thread may have been making it
     }
@@ -208,7 +209,7 @@ void ut_hist_fork_child()
     ut_safe_pthread_mutex_fork_child(&hist.hist_ids_mutex);
     for (int32 i = 0; i < hist.hist_num_ids; i++)
         for (int32 key = 0; key < K_LAST; key++)
-            ut_safe_pthread_mutex_fork_child(&hist_by_key(i, key).mutex);
+            hist_lock_fork_child(hist_by_key(i, key).mutex, hist_by_key(i, key).gate);
 }
 
 // A forked child's exit shuts nothing down, but a file of its own ends with it.
