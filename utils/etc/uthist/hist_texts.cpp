@@ -6,21 +6,20 @@
 
 namespace {
 
-// Copies a data block, whole words where the ring is aligned. Release, so that a reader of any of these bytes sees the
-// ring's position that was stored before them.
+// Copies a data block. Release, so that a reader of any of these bytes sees the ring's position that was stored before
+// them: the blocks as store_block says, of which the last may overlap the one before it.
 void store_bytes(char* dst, const char* src, size_t len)
 {
-    while (len > 0 && (a_ptrint(dst) & 7) != 0) {
-        __atomic_store_n(dst++, *src++, __ATOMIC_RELEASE);
-        len--;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    if (len < text_block || UNDER_THREAD_SANITIZER) {
+        for (size_t i = 0; i < len; i++)
+            __atomic_store_n(dst + i, src[i], __ATOMIC_RELEASE);
+        return;
     }
-    for (; len >= 8; len -= 8, dst += 8, src += 8) {
-        uint64 word;
-        memcpy(&word, src, 8);
-        __atomic_store_n(reinterpret_cast<uint64*>(dst), word, __ATOMIC_RELEASE);
-    }
-    while (len-- > 0)
-        __atomic_store_n(dst++, *src++, __ATOMIC_RELEASE);
+    for (size_t i = 0; i < len - text_block; i += text_block)
+        copy_block(dst + i, src + i);
+    copy_block(dst + len - text_block, src + len - text_block);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
 }  // namespace
