@@ -152,13 +152,15 @@ FURTHER_RUNS = [
     ("alone/", {}, "^start/two/(layer|stacks)/"),
 ]
 
-# Name, UT_HIST (none: off), UT_HIST_EXT, further arguments of the demo. Each is compared with the history off.
+# Name, program, UT_HIST (none: off), UT_HIST_EXT, further arguments. Each is compared with the history off.
+DEMO, DEMO_FLOOR = "examples/demo_server", "bench/demo_floor"
 LOADS = [
-    ("history off", None, "", []),
-    ("no trace hook at all", None, "", ["--no-trace"]),
-    ("history on", "n2000,q8,k-,l=/dev/null,r-", "dense", []),
-    ("history on with statistics and thread tables", "n2000,q8,k,l=/dev/null,r-", "tables", []),
-    ("the same with tsc", "n2000,q8,k,l=/dev/null,r-", "tables,tsc", []),
+    ("history off", DEMO, None, "", []),
+    ("no trace hook at all", DEMO, None, "", ["--no-trace"]),
+    ("the floor's three records, without statistics, tables and data", DEMO_FLOOR, None, "", []),
+    ("history on", DEMO, "n2000,q8,k-,l=/dev/null,r-", "dense", []),
+    ("history on with statistics and thread tables", DEMO, "n2000,q8,k,l=/dev/null,r-", "tables", []),
+    ("the same with tsc", DEMO, "n2000,q8,k,l=/dev/null,r-", "tables,tsc", []),
 ]
 
 
@@ -281,17 +283,17 @@ def load_seconds(program, directory, options, ext, arguments):
     return float(output.split()[0])
 
 
-def load_rows(program):
+def load_rows(build):
     seconds = {name: [] for name, *_ in LOADS}
     memory = "/dev/shm" if os.path.isdir("/dev/shm") else None  # the disk's moods are not measured
     with tempfile.TemporaryDirectory(prefix="bench-load-", dir=memory) as directory:
         for _ in range(LOAD_ROUNDS):
-            for name, *settings in LOADS:
-                seconds[name].append(load_seconds(program, directory, *settings))
+            for name, program, *settings in LOADS:
+                seconds[name].append(load_seconds(build / program, directory, *settings))
     medians = {name: statistics.median(of) for name, of in seconds.items()}
     for name, *_ in LOADS[1:]:
         percent = 100 * (medians[name] / medians["history off"] - 1)
-        goal = ("at most +8 %", "yes" if percent <= 8 else "NO") if "tables" in name else ("", "")
+        goal = ("at most +8 %", "yes" if percent <= 8 else "NO") if "thread tables" in name else ("", "")
         yield (f"demo's SQLite load, {name}", "history off", f"{percent:+.1f} %", *goal)
 
 
@@ -322,9 +324,8 @@ def main():
         values.update((prefix + name, of) for name, of in further.items())
 
     rows = [*ratio_rows(values), scaling_row(values)]
-    demo = build / "examples" / "demo_server"
-    if demo.exists():
-        rows += load_rows(demo)
+    if (build / DEMO).exists():
+        rows += load_rows(build)
     notes = [f"{os.cpu_count()} cores, {datetime.date.today().isoformat()}. "
              + ", ".join(f"{name} {best(values, key):.1f} ns" for name, key in
                          (("An event in copy mode took", "event/shared/copy/history"),
