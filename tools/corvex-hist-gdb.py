@@ -24,8 +24,8 @@ import gdb
 PAGE = 4096
 MAGIC = b"cvx\xf1hist\xa6image\r\n"
 
-# What is read here of corvex/hist_image.h, version 3.
-VERSION, HEADER = 3, struct.Struct("<16sIIQQ")  # magic, version, bytes of the header, of the image, base
+# What is read here of corvex/hist_image.h, version 2.
+VERSION, HEADER = 2, struct.Struct("<16sIIQQ")  # magic, version, bytes of the header, of the image, base
 SECTION = struct.Struct("<QQQQ")  # at, bytes, entry bytes, entries
 RINGS, TEXTS, VIEWS = 1, 2, 14
 TEXTS_OF = {RINGS: (320, (40, 208, 216)), VIEWS: (768, (48, 56, *range(88 + 16, 88 + 16 * 40, 40)))}

@@ -34,7 +34,7 @@
 
 CORVEX_C_BEGIN
 
-#define UT_HIST_IMAGE_VERSION 3
+#define UT_HIST_IMAGE_VERSION 2
 #define UT_HIST_IMAGE_HEADER  4096 /* bytes, the header's page */
 #define UT_HIST_IMAGE_MAGIC                                                                                            \
     {                                                                                                                  \
@@ -101,10 +101,10 @@ CORVEX_LAYOUT(offsetof(a_ut_hist_event, sigset) == 64 && offsetof(a_ut_hist_even
 CORVEX_LAYOUT(offsetof(a_ut_hist_event, id) == 208 && offsetof(a_ut_hist_event, pn) == 224);
 CORVEX_LAYOUT(offsetof(a_ut_hist_event, p) == 232 && offsetof(a_ut_hist_event, data_idx) == 300);
 
-/* Before a mutex, which only those need who find it shut. */
+/* What several writers pass one by one. */
 typedef struct {
     uint32 shut;
-    uint32 wanted; /* by the one that has the mutex */
+    uint32 wanted; /* somebody sleeps until it opens */
 } a_ut_hist_gate;
 
 /* A queue. */
@@ -118,7 +118,7 @@ typedef struct {
     a_ut_hist_gate gate;
 } UT_HIST_IMAGE_LINE a_ut_hist_event_list;
 CORVEX_LAYOUT(sizeof(a_ut_hist_event_list) == 64 && offsetof(a_ut_hist_event_list, ring_pos) == 8);
-CORVEX_LAYOUT(offsetof(a_ut_hist_event_list, data_pos) == 24);
+CORVEX_LAYOUT(offsetof(a_ut_hist_event_list, data_pos) == 24 && offsetof(a_ut_hist_event_list, gate) == 48);
 
 /* A registered id. A text stands in its place, or elsewhere when it is longer; the place then holds its beginning,
  * without a NUL. */
@@ -146,10 +146,9 @@ typedef struct {
     a_critical_sect mutex;
     int32 missed; /* pairs for which there was no timer */
     int32 num;
-    a_ut_hist_gate gate;
     a_ut_hist_timer ids[UT_HIST_TIMERS_OF_LIST];
 } a_ut_hist_timer_list;
-CORVEX_LAYOUT(sizeof(a_ut_hist_timer) == 32 && offsetof(a_ut_hist_timer_list, ids) == 24);
+CORVEX_LAYOUT(sizeof(a_ut_hist_timer) == 32 && sizeof(a_ut_hist_timer_list) == 16 + 32 * 32);
 
 /* Local time is ahead of UTC by so many seconds from then on; ascending. */
 typedef struct {

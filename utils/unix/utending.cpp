@@ -78,14 +78,8 @@ int unix_ending_wait_ms(int wanted)
     return granted;
 }
 
-void unix_pause(int ms) { unix_pause_us(ms * 1000); }
-
-// By a plain system call: nanosleep is a cancellation point.
-void unix_pause_us(int us)
-{
-    const struct timespec pause = {us / 1000000, long(us) % 1000000 * 1000};
-    syscall(SYS_nanosleep, &pause, nullptr);
-}
+// By a plain system call: poll is a cancellation point.
+void unix_pause(int ms) { syscall(SYS_poll, nullptr, 0, ms); }
 
 int64_t unix_milliseconds()
 {

@@ -26,8 +26,7 @@ int unix_ending_wait_ms(int wanted);
 // guards.
 extern constinit __attribute__((tls_model("initial-exec"))) thread_local bool unix_shuts_down;
 
-void unix_pause(int ms);  // no cancellation point
-void unix_pause_us(int us);
+void unix_pause(int ms);      // no cancellation point
 int64_t unix_milliseconds();  // of the monotonic clock
 
 // Whether one of the attempts of so many milliseconds succeeds, however seldom the thread runs. For locks, too: the

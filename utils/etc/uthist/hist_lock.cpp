@@ -1,33 +1,30 @@
-// hist_lock.cpp: what a writer that finds the gate shut does, and a dump. Not signal-safe, but for the fork step: all
-// of it locks.
+// hist_lock.cpp: what waits at a shut gate, and what wakes it. Not signal-safe, but what says so: it locks.
 #include "utils/etc/uthist/hist_lock.h"
 
 #include <emmintrin.h>
 #include <errno.h>
+#include <linux/futex.h>
+#include <linux/membarrier.h>
+#include <sys/syscall.h>
 #include <time.h>
+#include <unistd.h>
 
-#include "utils/unix/utending.h"
 #include "utils/unix/utptmutex.h"
 
 namespace {
 
-constexpr int looks = 100;  // of some 40 nanoseconds each
-constexpr int nap_us = 50;
+constexpr int looks = 100;  // of ten to forty nanoseconds each
 
 // Looks before it exchanges, so that the line stays the writer's. Relaxed: the exchange acquires.
-bool passes_soon(a_ut_hist_gate& gate, bool has_mutex)
+bool passes_soon(a_ut_hist_gate& gate)
 {
     for (int i = 0; i < looks; i++) {
-        const bool may_pass = has_mutex || !hist_gate_is_wanted(gate);
-        if (may_pass && __atomic_load_n(&gate.shut, __ATOMIC_RELAXED) == 0 && hist_try_gate(gate))
+        if (__atomic_load_n(&gate.shut, __ATOMIC_RELAXED) == 0 && hist_try_gate(gate))
             return true;
         _mm_pause();
     }
     return false;
 }
-
-// Relaxed: see hist_gate_is_wanted.
-void want_gate(a_ut_hist_gate& gate, bool wanted) { __atomic_store_n(&gate.wanted, uint32(wanted), __ATOMIC_RELAXED); }
 
 bool is_past(const struct timespec& end)
 {
@@ -36,30 +33,47 @@ bool is_past(const struct timespec& end)
     return now.tv_sec > end.tv_sec || (now.tv_sec == end.tv_sec && now.tv_nsec >= end.tv_nsec);
 }
 
-// With the mutex. Not wanted while it naps: the gate may open then, and others pass. Null: however long it takes.
-bool wait_with_mutex(a_ut_hist_gate& gate, const struct timespec* end)
+// Relaxed: a barrier comes before the sleep that it is for.
+void want(a_ut_hist_gate& gate) { __atomic_store_n(&gate.wanted, 1u, __ATOMIC_RELAXED); }
+
+// By plain system calls: no cancellation point. A wake-up between the barrier and the sleep has changed the word, which
+// the kernel looks at.
+bool waits_at_gate(a_ut_hist_gate& gate, const struct timespec* end)
 {
-    for (;;) {
-        want_gate(gate, true);
-        const bool passed = passes_soon(gate, true);
-        want_gate(gate, false);
-        if (passed || (end != nullptr && is_past(*end)))
-            return passed;
-        unix_pause_us(nap_us);
+    static constexpr struct timespec slice = {0, 1000000};
+    while (!passes_soon(gate)) {
+        want(gate);
+        const bool ordered = hist_barrier_on_all_threads();
+        if (hist_try_gate(gate))
+            return true;
+        if (end != nullptr && is_past(*end))
+            return false;
+        syscall(SYS_futex, &gate.wanted, FUTEX_WAIT_PRIVATE, 1, ordered && end == nullptr ? nullptr : &slice);
+        want(gate);  // for others who may sleep, since this one's wake-up was the only one
     }
+    return true;
 }
 
 }  // namespace
 
+void hist_lock_start() { syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0); }
+
+bool hist_barrier_on_all_threads() { return syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0; }
+
 // A recording leaves errno as it is.
-__attribute__((noinline, cold)) void hist_wait_at_gate(a_critical_sect& mutex, a_ut_hist_gate& gate)
+__attribute__((noinline, cold)) void hist_wait_at_gate(a_ut_hist_gate& gate)
 {
-    if (passes_soon(gate, false))
-        return;
     const int kept_errno = errno;
-    pthread_mutex_lock(mutex.p_mutex);
-    wait_with_mutex(gate, nullptr);
-    pthread_mutex_unlock(mutex.p_mutex);
+    waits_at_gate(gate, nullptr);
+    errno = kept_errno;
+}
+
+// Sequentially consistent: before the kernel looks for sleepers.
+__attribute__((noinline, cold)) void hist_wake_at_gate(a_ut_hist_gate& gate)
+{
+    const int kept_errno = errno;
+    __atomic_store_n(&gate.wanted, 0u, __ATOMIC_SEQ_CST);
+    syscall(SYS_futex, &gate.wanted, FUTEX_WAKE_PRIVATE, 1);
     errno = kept_errno;
 }
 
@@ -67,7 +81,7 @@ bool hist_lock_for_dump(a_critical_sect& mutex, a_ut_hist_gate& gate, const stru
 {
     if (pthread_mutex_timedlock(mutex.p_mutex, &end) != 0)
         return false;
-    const bool passed = wait_with_mutex(gate, &end);
+    const bool passed = waits_at_gate(gate, &end);
     if (!passed)
         pthread_mutex_unlock(mutex.p_mutex);
     return passed;
@@ -82,6 +96,6 @@ void hist_unlock_after_dump(a_critical_sect& mutex, a_ut_hist_gate& gate)
 void hist_lock_fork_child(a_critical_sect& mutex, a_ut_hist_gate& gate)
 {
     ut_safe_pthread_mutex_fork_child(&mutex);
-    want_gate(gate, false);
+    __atomic_store_n(&gate.wanted, 0u, __ATOMIC_RELAXED);
     __atomic_store_n(&gate.shut, 0u, __ATOMIC_RELAXED);
 }

@@ -64,7 +64,7 @@ void claim_when_free()
         unix_pause(1);
 }
 
-// All queues' mutexes, taken in ascending order, within a second or none at all, and given back in the same.
+// All queues' locks, taken in ascending order, within a second or none at all, and given back in the same.
 class an_all_queues_lock {
 public:
     // Not signal-safe: it locks.

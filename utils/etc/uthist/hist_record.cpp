@@ -245,7 +245,7 @@ __attribute__((noinline)) uint32 record_times(a_ut_hist_loc* loc, a_ut_hist_loc 
     if (!is_locked(way) && (is_short(way) || q != 0))
         return record(way, event, hist.hist_evs[q], q, t);
     a_ut_hist_event_list& queue = hist.hist_evs[0];
-    const a_hist_lock lock(queue.mutex, queue.gate);
+    const a_hist_lock lock(queue.gate);
     if (!is_short(way) && hist_cfg.ut_hist_dump_on_sig >= 2)
         hist_install_signal_handler_once();
     return record(way, event, queue, 0, t);

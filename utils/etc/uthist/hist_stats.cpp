@@ -6,7 +6,6 @@
 #include "utils/etc/uthist/hist_stats.h"
 
 #include "utils/etc/utclock.h"
-#include "utils/etc/uthist/hist_lock.h"
 
 namespace {
 
@@ -129,7 +128,7 @@ void put_timers(a_text& out, int32 i, size_t width)
 void ut_hist_add_time(int32 fi, int32 fc, int32 ti, int32 tc, uint32 dur)
 {
     a_ut_hist_timer_list& list = hist_by_key(fi, key_of(fc));
-    const a_hist_lock lock(list.mutex, list.gate);
+    const a_safe_lock lock(list.mutex);
     add_to_list(list, ti, key_of(tc), dur);
 }
 

@@ -8,8 +8,8 @@
 // mapping is that of a file (hist_file.h). What stands in it points only into it, into the pools of mutexes, or, in
 // pointer mode, to texts of the program.
 //
-// Locks and their order: a queue's (several in ascending queue order), then at most one timer list's; each is a mutex
-// with a gate before it (hist_lock.h). hist_ids_mutex is taken alone. Not signal-safe, but what says so.
+// Locks and their order: a queue's lock (hist_lock.h; several in ascending queue order), then at most one timer list's
+// mutex. hist_ids_mutex is taken alone. Not signal-safe, but what says so.
 #pragma once
 
 #include <pthread.h>

@@ -16,9 +16,10 @@ void store_bytes(char* dst, const char* src, size_t len)
             __atomic_store_n(dst + i, src[i], __ATOMIC_RELEASE);
         return;
     }
+    const auto block = [](const char* at) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at)); };
     for (size_t i = 0; i < len - text_block; i += text_block)
-        copy_block(dst + i, src + i);
-    copy_block(dst + len - text_block, src + len - text_block);
+        store_block(dst + i, block(src + i));
+    store_block(dst + len - text_block, block(src + len - text_block));
     std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 

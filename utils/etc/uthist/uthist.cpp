@@ -6,8 +6,6 @@
 // uses the history. Not signal-safe, but for the fork step.
 #include "utils/etc/uthist/uthist.h"
 
-#include <linux/membarrier.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "utils/etc/utcancel.h"
@@ -49,8 +47,7 @@ bool somebody_records()
 // there.
 bool wait_for_users(bool store_goes)
 {
-    if (syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) != 0 ||
-        syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) != 0)
+    if (!hist_barrier_on_all_threads())
         unix_pause(1);  // refused to a confined process: a mark is seen long before that
     __atomic_store_n(&hist.closing, store_goes, __ATOMIC_SEQ_CST);
     return unix_in_time([=] { return !somebody_records() && !(store_goes && hist.users.now() > hist_my_uses); });
@@ -95,6 +92,7 @@ bool make_store()
     hist_dump_lay_out(hist_streams.ut_hist_eol);
     hist_header_fill();
     hist_slots_start();
+    hist_lock_start();
     hist.closing = false;
     hist_header_publish();
     __atomic_store_n(&hist.dump_state, pack_dump(DUMP_IDLE), __ATOMIC_RELEASE);
@@ -209,7 +207,7 @@ void ut_hist_fork_child()
     ut_safe_pthread_mutex_fork_child(&hist.hist_ids_mutex);
     for (int32 i = 0; i < hist.hist_num_ids; i++)
         for (int32 key = 0; key < K_LAST; key++)
-            hist_lock_fork_child(hist_by_key(i, key).mutex, hist_by_key(i, key).gate);
+            ut_safe_pthread_mutex_fork_child(&hist_by_key(i, key).mutex);
 }
 
 // A forked child's exit shuts nothing down, but a file of its own ends with it.
