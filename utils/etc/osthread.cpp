@@ -58,17 +58,18 @@ void set_owner(p_mutex mutex, a_thread_id owner) { __atomic_store_n(&mutex->owne
 // entry of a mutex that is held already costs little more than the call.
 a_thread_id own_id() { return a_thread_id(__builtin_thread_pointer()); }
 
-// Whether the thread has the mutex now, once more.
-inline a_bool take(p_mutex mutex, int (*lock)(pthread_mutex_t*))
+inline bool enters_again(p_mutex mutex, a_thread_id me)
 {
-    const a_thread_id me = own_id();
-    if (owner_of(mutex) != me) {
-        if (lock(mutex->mutex.p_mutex) != 0)
-            return FALSE;
-        set_owner(mutex, me);
-    }
+    if (owner_of(mutex) != me)
+        return false;
     mutex->count++;
-    return TRUE;
+    return true;
+}
+
+inline void enter_first(p_mutex mutex, a_thread_id me)
+{
+    set_owner(mutex, me);
+    mutex->count = 1;
 }
 
 }  // namespace
@@ -98,11 +99,24 @@ void OS_MutexFini(p_mutex mutex) { ut_safe_pthread_mutex_destroy(&mutex->mutex);
 
 a_bool OS_MutexGet(p_mutex mutex)
 {
-    take(mutex, pthread_mutex_lock);
+    const a_thread_id me = own_id();
+    if (enters_again(mutex, me))
+        return FALSE;
+    pthread_mutex_lock(mutex->mutex.p_mutex);  // of default attributes: it cannot fail
+    enter_first(mutex, me);
     return FALSE;
 }
 
-a_bool OS_MutexTryGet(p_mutex mutex) { return take(mutex, pthread_mutex_trylock); }
+a_bool OS_MutexTryGet(p_mutex mutex)
+{
+    const a_thread_id me = own_id();
+    if (enters_again(mutex, me))
+        return TRUE;
+    if (pthread_mutex_trylock(mutex->mutex.p_mutex) != 0)
+        return FALSE;
+    enter_first(mutex, me);
+    return TRUE;
+}
 
 void OS_MutexGive(p_mutex mutex)
 {
