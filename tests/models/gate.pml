@@ -2,9 +2,12 @@
  *
  * The store that opens the gate stands in the thread's own buffer until a process drains it, or a locked instruction of
  * the thread does, or the barrier of one that wants to sleep. Who sleeps must be woken, else it stands for ever: an
- * invalid end state, as with -DNO_BARRIER, or with -DSAYS_ONCE, where who was woken does not say anew that the gate is
+ * invalid end state, as with -DNO_BARRIER, or with -DSAYS_ONCE=1, where who was woken does not say anew that the gate is
  * wanted. The dump, the last of them, gives up when it likes. */
 #define THREADS 4
+#ifndef SAYS_ONCE
+#define SAYS_ONCE 0
+#endif
 
 bool shut = false, wanted = false; /* memory */
 bool opening[THREADS];             /* buffers */
@@ -26,7 +29,7 @@ end: do
 
 proctype thread(byte me, events; bool is_dump)
 {
-    bool passed;
+    bool passed, sleeps;
     byte event, i;
     for (event : 1 .. events) {
         exchange();
@@ -43,14 +46,12 @@ proctype thread(byte me, events; bool is_dump)
             :: !passed && is_dump -> break                      /* time is over */
             :: !passed
             fi;
-            atomic { asleep[me] = wanted };                     /* the kernel looks at the word and queues at once */
+            atomic { sleeps = wanted; asleep[me] = wanted };    /* the kernel looks at the word and queues at once */
             if
-            :: !asleep[me]
-            :: is_dump -> asleep[me] = false
+            :: !sleeps
+            :: sleeps && !asleep[me] -> wanted = !SAYS_ONCE || wanted /* woken */
+            :: atomic { sleeps && asleep[me] && is_dump -> asleep[me] = false }
             fi;
-#ifndef SAYS_ONCE
-            wanted = true;
-#endif
             exchange()
         od;
         if

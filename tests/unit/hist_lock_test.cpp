@@ -3,10 +3,12 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <time.h>
 
 #include <atomic>
 #include <latch>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -72,6 +74,42 @@ TEST_F(HistLock, LetsInOneOfACrowdOfWritersAndDumps)
     for (std::thread& writer : crowd)
         writer.join();
     EXPECT_EQ(left, entered);
+}
+
+// The writer opens the gate at about the time when the other goes to sleep, and does nothing more for it.
+TEST_F(HistLock, ForgetsNobodyWhoGoesToSleepJustThen)
+{
+    constexpr int duels = 30000;
+    std::atomic<int> begun = 0, passed = 0;
+    std::thread other([&] {
+        for (int duel = 1; duel <= duels; duel++) {
+            while (begun != duel)
+                sched_yield();
+            errno = EDOM;
+            const a_hist_lock lock(gate);
+            EXPECT_EQ(EDOM, errno);
+            passed = duel;
+        }
+    });
+    std::minstd_rand dice;
+    for (int duel = 1; duel <= duels; duel++) {
+        while (!hist_try_gate(gate))
+            sched_yield();
+        begun = duel;
+        for (unsigned i = unsigned(dice()) % 600; i > 0; i--)
+            __builtin_ia32_pause();
+        hist_open_gate(gate);
+        const time_t last = time(nullptr) + 10;
+        while (passed != duel && time(nullptr) < last)
+            sched_yield();
+        if (passed != duel) {
+            ADD_FAILURE() << "forgotten in duel " << duel;
+            hist_wake_at_gate(gate);
+        }
+    }
+    other.join();
+    const a_hist_lock lock(gate);
+    EXPECT_EQ(0u, gate.wanted) << "and nobody pays for wake-ups that nobody needs";
 }
 
 TEST_F(HistLock, WakesAllWhoWaitedForAWriterAlsoBesideADumpThatGaveUp)

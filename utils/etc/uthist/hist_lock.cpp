@@ -48,8 +48,9 @@ bool waits_at_gate(a_ut_hist_gate& gate, const struct timespec* end)
             return true;
         if (end != nullptr && is_past(*end))
             return false;
-        syscall(SYS_futex, &gate.wanted, FUTEX_WAIT_PRIVATE, 1, ordered && end == nullptr ? nullptr : &slice);
-        want(gate);  // for others who may sleep, since this one's wake-up was the only one
+        const struct timespec* const time = ordered && end == nullptr ? nullptr : &slice;
+        if (syscall(SYS_futex, &gate.wanted, FUTEX_WAIT_PRIVATE, 1, time) == 0)
+            want(gate);  // for others who may sleep, since this one's wake-up was the only one
     }
     return true;
 }

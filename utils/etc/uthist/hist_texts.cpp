@@ -7,7 +7,7 @@
 namespace {
 
 // Copies a data block. Release, so that a reader of any of these bytes sees the ring's position that was stored before
-// them: the blocks as store_block says, of which the last may overlap the one before it.
+// them: vectors keep their order, as store_block says. The last may overlap the one before it.
 void store_bytes(char* dst, const char* src, size_t len)
 {
     std::atomic_signal_fence(std::memory_order_seq_cst);

@@ -4,9 +4,9 @@
 //
 //     |file........|id..........|ev..........|file........|...        ev_text_at, text_stride (hist_config.h)
 //
-// A writer stores whole blocks in order, as store_block says, or words with release order; a reader loads words with
-// acquire order, both between their looks at the record's sequence word (hist_ring.h). What comes along behind a text's
-// NUL is never shown.
+// A writer stores whole blocks in order, as store_block says, or words and bytes with release order; a reader loads
+// words with acquire order, both between their looks at the record's sequence word (hist_ring.h). What comes along
+// behind a text's NUL is never shown.
 //
 // Data ring: generation and fill offset share one word, moved before the bytes are copied: a reader that copied a byte
 // of a newer block then also sees that its own block is gone. Signal-safe: all of it.
