@@ -2,8 +2,8 @@
  *
  * The store that opens the gate stands in the thread's own buffer until a process drains it, or a locked instruction of
  * the thread does, or the barrier of one that wants to sleep. Who sleeps must be woken, else it stands for ever: an
- * invalid end state, as with -DNO_BARRIER, or with -DSAYS_ONCE=1, where who was woken does not say anew that the gate is
- * wanted. The dump, the last of them, gives up when it likes. */
+ * invalid end state, as with -DNO_BARRIER, or with -DSAYS_ONCE=1, where who was woken does not say anew that the gate
+ * is wanted. The dump, the last of them, gives up when it likes. */
 #define THREADS 4
 #ifndef SAYS_ONCE
 #define SAYS_ONCE 0

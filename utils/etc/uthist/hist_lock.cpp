@@ -36,9 +36,9 @@ bool is_past(const struct timespec& end)
 // Relaxed: a barrier comes before the sleep that it is for.
 void want(a_ut_hist_gate& gate) { __atomic_store_n(&gate.wanted, 1u, __ATOMIC_RELAXED); }
 
-// By plain system calls: no cancellation point. A wake-up between the barrier and the sleep has changed the word, which
-// the kernel looks at.
-bool waits_at_gate(a_ut_hist_gate& gate, const struct timespec* end)
+// False when the end came first; null: there is none. By plain system calls: no cancellation point. A wake-up between
+// the barrier and the sleep has changed the word, which the kernel looks at.
+bool pass_gate(a_ut_hist_gate& gate, const struct timespec* end)
 {
     static constexpr struct timespec slice = {0, 1000000};
     while (!passes_soon(gate)) {
@@ -65,7 +65,7 @@ bool hist_barrier_on_all_threads() { return syscall(SYS_membarrier, MEMBARRIER_C
 __attribute__((noinline, cold)) void hist_wait_at_gate(a_ut_hist_gate& gate)
 {
     const int kept_errno = errno;
-    waits_at_gate(gate, nullptr);
+    pass_gate(gate, nullptr);
     errno = kept_errno;
 }
 
@@ -82,7 +82,7 @@ bool hist_lock_for_dump(a_critical_sect& mutex, a_ut_hist_gate& gate, const stru
 {
     if (pthread_mutex_timedlock(mutex.p_mutex, &end) != 0)
         return false;
-    const bool passed = waits_at_gate(gate, &end);
+    const bool passed = pass_gate(gate, &end);
     if (!passed)
         pthread_mutex_unlock(mutex.p_mutex);
     return passed;

@@ -18,7 +18,7 @@
 
 #include "corvex/hist_image.h"
 
-void hist_lock_start();              // once, before there are many threads: later it costs milliseconds
+void hist_lock_start();              // of the history; the first among many threads costs milliseconds
 bool hist_barrier_on_all_threads();  // false where the kernel refuses it. Signal-safe.
 
 // Acquire: what the last writer stored. Not signal-safe: it locks.
